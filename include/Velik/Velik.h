@@ -6,3 +6,4 @@
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
 #include <Velik/KivDebug.h>
+#include <Velik/Time.h>
