@@ -9,7 +9,11 @@
 #include <Velik/Exception.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
+#include <Velik/HashMix.h>
 #include <Velik/KivDebug.h>
 #include <Velik/Locking.h>
+#include <Velik/Random.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
+#include <Velik/TypeName.h>
+#include <Velik/Util.h>
