@@ -2,8 +2,18 @@
 #pragma once
 
 #include <Velik/Assert.h>
+#include <Velik/Backtrace.h>
+#include <Velik/BacktraceTracker.h>
 #include <Velik/Debug.h>
+#include <Velik/Errno.h>
+#include <Velik/Exception.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
+#include <Velik/HashMix.h>
 #include <Velik/KivDebug.h>
+#include <Velik/Locking.h>
+#include <Velik/Random.h>
+#include <Velik/Thread.h>
 #include <Velik/Time.h>
+#include <Velik/TypeName.h>
+#include <Velik/Util.h>
