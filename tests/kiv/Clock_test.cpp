@@ -190,15 +190,6 @@ TEST_F(ClockTest, NotifieeDestroysItselfAndOthersFromOnTime) {
     EXPECT_EQ(kivClock()->armedCount(), 0u);
 }
 
-TEST_F(ClockTest, DestroyingAnArmedNotifieeDisarmsIt) {
-    {
-        Timer timer;
-        timer.timeMinIs(now() + 100);
-        EXPECT_EQ(kivClock()->armedCount(), 1u);
-    }
-    EXPECT_EQ(kivClock()->armedCount(), 0u);
-}
-
 TEST_F(ClockTest, NotifieeWithoutClockKeepsTimeUntilGivenOne) {
     struct Bare : Kiv::Clock::Notifiee {
         void onTime() override { ++deliveries; }
