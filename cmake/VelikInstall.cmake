@@ -20,5 +20,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KivVelikConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/KivVelikConfigVersion.cmake
         DESTINATION ${VELIK_CMAKE_DIR})
 
+# Relocatable: the prefix is found from the .pc file's own place, so a
+# package installed with `cmake --install --prefix` elsewhere still works.
+file(RELATIVE_PATH VELIK_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
 configure_file(cmake/KivVelik.pc.in ${CMAKE_CURRENT_BINARY_DIR}/KivVelik.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KivVelik.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
