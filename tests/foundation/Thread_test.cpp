@@ -1,6 +1,7 @@
 #include <Velik/Exception.h>
 #include <Velik/Thread.h>
 
+#include <Kiv/Ptr.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -106,6 +107,14 @@ TEST(ThreadLocalSingletonsTest, SwitchAfterAQueryAsserts) {
 TEST(ThreadLocalSingletonsTest, SwitchIsPerThread) {
     onNewThread([] { Velik::useThreadLocalSingletons(); });
     EXPECT_FALSE(onNewThread([] { return Velik::hasThreadLocalSingletons(); }));
+}
+
+TEST(ThreadSafePointerTest, ForwardsToTheFrameworksPointers) {
+    ASSERT_TRUE(Kiv::threadSafePointers());
+    Velik::threadSafePointerIs(false);
+    EXPECT_FALSE(Kiv::threadSafePointers());
+    Velik::threadSafePointerIs(true);
+    EXPECT_TRUE(Kiv::threadSafePointers());
 }
 
 TEST(AuxThreadCountTest, CountsUpAndDownAndRefusesToGoNegative) {
