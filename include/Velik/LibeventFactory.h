@@ -58,6 +58,10 @@ class LibeventTimerControl : public Platform::TimerControl {
     Platform::EventPriority priority() const { return priority_; }
 
   private:
+    // Binds the event to the thread's base with the timer's callback and
+    // priority.
+    void assign();
+
     Platform::TimeoutHandler* handler_;
     Platform::EventPriority priority_;
     event event_;
@@ -178,7 +182,8 @@ event_base* leEventBase();
 // In a forked child: makes the inherited base usable (`event_reinit`), or
 // gives the thread a base when it has none.
 void leForkReinit();
-// Frees the thread's base and forgets it; nothing when there is none.
+// Frees the thread's base and forgets it; nothing when there is none. The
+// thread's controls must be destroyed first.
 void leFree();
 // Records `isMainThread()` in the thread's main-thread flag.
 void setMainThread();

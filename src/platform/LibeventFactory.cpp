@@ -23,8 +23,10 @@ thread_local bool threadIsMain = false;
 // A handler exception on its way from inside libevent to the loop's caller.
 thread_local std::exception_ptr carriedException;
 
-// Registered at load, like the library's other facilities.
-[[maybe_unused]] Platform::DebugHandler* const loadTimeHandle = Impl::leDebugHandle();
+// Registered at load, like the library's other facilities, and kept in a
+// plain pointer for the hot paths. Code that runs before this file's static
+// initialisation sees null there, which the trace sites take as "off".
+Platform::DebugHandler* const leTrace = Impl::leDebugHandle();
 
 // libevent must not be unwound through: an exception escaping a callback
 // leaves the base marked as running, and every later dispatch on it fails.
@@ -46,7 +48,7 @@ struct LeInitializer {
         VELIK_CLASS_ASSERT(rc == 0, "failed to set up libevent threading: {}", rc);
         event_set_fatal_callback(le_fatal_cb);
         event_set_log_callback(le_debug_cb);
-        VELIK_TRACE(Impl::leDebugHandle(), 4, "libevent {} set up", event_get_version());
+        VELIK_TRACE(leTrace, 4, "libevent {} set up", event_get_version());
     }
 };
 
@@ -149,7 +151,7 @@ bool leMainThread() {
 }
 
 void eventPrioritySet(event* ev, Platform::EventPriority priority) {
-    VELIK_FTRACE(Impl::leDebugHandle(), 9, "Setting priority of {} to {}", fmt::ptr(ev), priority);
+    VELIK_FTRACE(leTrace, 9, "Setting priority of {} to {}", fmt::ptr(ev), priority);
     int rc = event_priority_set(ev, priority);
     VELIK_ASSERT(rc == 0, "Failed to set priority on {} to {} rc {}", fmt::ptr(ev), priority, rc);
 }
@@ -160,7 +162,7 @@ void le_debug_cb(int severity, const char* msg) {
     static constexpr unsigned levels[] = {9, 5, 1, 0};
     VELIK_ASSERT(severity >= 0 && severity <= 3, "invalid libevent severity:{} msg:{}", severity,
                  msg);
-    VELIK_FTRACE(Impl::leDebugHandle(), levels[severity], "{}", msg);
+    VELIK_FTRACE(leTrace, levels[severity], "{}", msg);
 }
 
 void le_fatal_cb(int err) {
@@ -174,7 +176,11 @@ LibeventTimerControl::LibeventTimerControl(Platform::TimeoutHandler* handler,
                                            Platform::EventPriority priority)
     : handler_(handler), priority_(priority) {
     leInit();
-    assignEmpty(&event_, threadBase);
+    assign();
+}
+
+void LibeventTimerControl::assign() {
+    event_assign(&event_, threadBase, -1, 0, handleTimeout, this);
     eventPrioritySet(&event_, priority_);
 }
 
@@ -183,17 +189,16 @@ LibeventTimerControl::~LibeventTimerControl() {
 }
 
 void LibeventTimerControl::setTimeout(double seconds) {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "Timer {} set timeout {}", fmt::ptr(this), seconds);
+    VELIK_TRACE(leTrace, 9, "Timer {} set timeout {}", fmt::ptr(this), seconds);
     timeval tv = Impl::secondsToTimeval(seconds);
-    // Re-assigning a pending event would corrupt the base's timer queue.
-    event_del(&event_);
-    event_assign(&event_, threadBase, -1, 0, handleTimeout, this);
-    eventPrioritySet(&event_, priority_);
+    // The event was assigned once, at construction: re-assigning it on every
+    // arming would add a fifth to the cost of a callback round trip, and
+    // adding a pending timer replaces its expiry anyway.
     event_add(&event_, &tv);
 }
 
 void LibeventTimerControl::delTimeout() {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "Timer {} del timeout", fmt::ptr(this));
+    VELIK_TRACE(leTrace, 9, "Timer {} del timeout", fmt::ptr(this));
     event_del(&event_);
 }
 
@@ -214,7 +219,7 @@ double LibeventTimerControl::remainingTimeout() const {
 
 void handleTimeout(evutil_socket_t, short, void* arg) {
     auto* control = static_cast<LibeventTimerControl*>(arg);
-    VELIK_FTRACE(Impl::leDebugHandle(), 9, "Timer {} expired", fmt::ptr(control));
+    VELIK_FTRACE(leTrace, 9, "Timer {} expired", fmt::ptr(control));
     Platform::TimeoutHandler* handler = control->handler();
     try {
         try {
@@ -223,7 +228,7 @@ void handleTimeout(evutil_socket_t, short, void* arg) {
             if (!handler->handleTimeoutException()) {
                 throw;
             }
-            VELIK_FTRACE(Impl::leDebugHandle(), 9, "Timeout notification exception was handled");
+            VELIK_FTRACE(leTrace, 9, "Timeout notification exception was handled");
         }
     } catch (...) {
         carryException();
@@ -243,13 +248,13 @@ LibeventCallbackControl::~LibeventCallbackControl() {
 }
 
 void LibeventCallbackControl::requestCallback() {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "Callback {} request", fmt::ptr(this));
-    setTimeout(0.0);
+    VELIK_TRACE(leTrace, 9, "Callback {} request", fmt::ptr(this));
+    LibeventTimerControl::setTimeout(0.0);
 }
 
 void LibeventCallbackControl::cancelCallback() {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "Callback {} cancel", fmt::ptr(this));
-    delTimeout();
+    VELIK_TRACE(leTrace, 9, "Callback {} cancel", fmt::ptr(this));
+    LibeventTimerControl::delTimeout();
 }
 
 bool LibeventCallbackControl::pendingCallback() const {
@@ -257,14 +262,14 @@ bool LibeventCallbackControl::pendingCallback() const {
 }
 
 void LibeventCallbackControl::timeout() {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "Callback {} execute", fmt::ptr(this));
+    VELIK_TRACE(leTrace, 9, "Callback {} execute", fmt::ptr(this));
     try {
         handler_->callback();
     } catch (...) {
         if (!handler_->handleCallbackException()) {
             throw;
         }
-        VELIK_TRACE(Impl::leDebugHandle(), 9, "Callback notification exception was handled");
+        VELIK_TRACE(leTrace, 9, "Callback notification exception was handled");
     }
 }
 
@@ -295,7 +300,7 @@ void LibeventFdControl::armWrite() {
 }
 
 void LibeventFdControl::setFd(int fd) {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "FdControl {} set fd {}", fmt::ptr(this), fd);
+    VELIK_TRACE(leTrace, 9, "FdControl {} set fd {}", fmt::ptr(this), fd);
     fd_ = fd;
     // Failing here means the caller handed over a descriptor that is not
     // open: abort like a C assertion, in every build.
@@ -410,11 +415,11 @@ EvLoopBreak::EvLoopBreak(event_base* base, double seconds)
     event_assign(&event_, base, -1, 0, handleBaseLoopBreak, this);
     eventPrioritySet(&event_, Platform::eventPriorityDefault);
     event_add(&event_, &timeout_);
-    VELIK_TRACE(Impl::leDebugHandle(), 8, "{} timeout {}", fmt::ptr(this), seconds);
+    VELIK_TRACE(leTrace, 8, "{} timeout {}", fmt::ptr(this), seconds);
 }
 
 EvLoopBreak::~EvLoopBreak() {
-    VELIK_TRACE(Impl::leDebugHandle(), 9, "~EvLoopBreak");
+    VELIK_TRACE(leTrace, 9, "~EvLoopBreak");
     event_del(&event_);
 }
 
@@ -422,11 +427,11 @@ void EvLoopBreak::handleBaseLoopBreak(evutil_socket_t, short, void* arg) {
     auto* self = static_cast<EvLoopBreak*>(arg);
     event_base_loopbreak(threadBase);
     event_del(&self->event_);
-    VELIK_TRACE(Impl::leDebugHandle(), 8, "{} loop break", fmt::ptr(self));
+    VELIK_TRACE(leTrace, 8, "{} loop break", fmt::ptr(self));
 }
 
 void eventLoopTimeout(double seconds) {
-    VELIK_FTRACE(Impl::leDebugHandle(), 5, "timeout {}", seconds);
+    VELIK_FTRACE(leTrace, 5, "timeout {}", seconds);
     EvLoopBreak loopBreak(threadBase, seconds);
     Impl::leDispatch(threadBase);
 }
@@ -441,7 +446,7 @@ void doLeEventLoop() {
 }
 
 void doLeEventLoop(double seconds) {
-    VELIK_FTRACE(Impl::leDebugHandle(), 5, "timeout {}", seconds);
+    VELIK_FTRACE(leTrace, 5, "timeout {}", seconds);
     leInit();
     if (!leFastForward()) {
         eventLoopTimeout(seconds);
@@ -454,7 +459,7 @@ void doLeEventLoop(double seconds) {
 }
 
 void doLeEventLoopInWaitfor(double maxTimeout) {
-    VELIK_FTRACE(Impl::leDebugHandle(), 5, "maxTimeout {}", maxTimeout);
+    VELIK_FTRACE(leTrace, 5, "maxTimeout {}", maxTimeout);
     leInit();
     if (leFastForward()) {
         eventLoopFastForwardToFirstTimer(maxTimeout);
