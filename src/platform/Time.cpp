@@ -10,6 +10,8 @@ namespace Velik {
 // fast-forwarded (framework threads among them, whose clock is virtual by
 // itself), so it is added without asking `hasThreadLocalSingletons()`, which
 // would pin the thread's choice of singletons.
-double time() { return Kiv::System::currentTime() + leVirtualTimeOffset(); }
+double time() {
+    return Kiv::System::currentTime() + leVirtualTimeOffset();
+}
 
 }  // namespace Velik
