@@ -1,3 +1,4 @@
+#include "foundation/ChildProcess.h"
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
 
@@ -104,6 +105,26 @@ TEST(LibeventBase, PriorityOutOfRangeAsserts) {
                                      fmt::ptr(&ev))),
             std::string::npos)
             << message;
+    });
+}
+
+TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
+    onLoopThread([] {
+        Pipe p;
+        FdRecorder handler;
+        auto control = getLeFdControl(&handler);
+        control->setFd(p.readEnd());
+        event_base* base = leEventBase();
+        VelikTest::ChildResult child = VelikTest::runInChild([&] {
+            leForkReinit();
+            p.put();
+            loopPass();
+            _exit(leEventBase() == base && handler.events.size() == 1 ? 0 : 1);
+        });
+        EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0) << child.stderrText;
+        // The parent's base is untouched by the child's.
+        loopPass();
+        EXPECT_EQ(handler.events.size(), 1u);  // the child's byte is in the pipe
     });
 }
 
