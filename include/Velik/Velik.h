@@ -11,10 +11,14 @@
 #include <Velik/FastForward.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
+#include <Velik/HashMix.h>
 #include <Velik/KivDebug.h>
 #include <Velik/LibeventAdditions.h>
 #include <Velik/LibeventFactory.h>
 #include <Velik/Locking.h>
 #include <Velik/Platform.h>
+#include <Velik/Random.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
+#include <Velik/TypeName.h>
+#include <Velik/Util.h>
