@@ -24,30 +24,6 @@ TEST(EventPriority, NamesValidityAndFormatting) {
     EXPECT_EQ(sizeof(EventPriority), 1u);
 }
 
-TEST(Handlers, ExceptionHooksRefuseByDefault) {
-    struct T : TimeoutHandler {
-        void timeout() override {}
-    } t;
-    struct C : CallbackHandler {
-        void callback() override {}
-    } c;
-    struct F : FdEventHandler {
-        void readFdEvent(int) override {}
-        void writeFdEvent(int) override {}
-    } f;
-    EXPECT_FALSE(t.handleTimeoutException());
-    EXPECT_FALSE(c.handleCallbackException());
-    EXPECT_FALSE(f.handleFdException(3));
-}
-
-TEST(RefCounting, ProcessWideSwitchStartsOn) {
-    EXPECT_TRUE(refCountingEnabled());
-    refCountingEnabledIs(false);
-    EXPECT_FALSE(refCountingEnabled());
-    refCountingEnabledIs(true);
-    EXPECT_TRUE(refCountingEnabled());
-}
-
 TEST(ValuePrinter, HexDumpWithoutRegisteredRoutine) {
     const uint8_t bytes[] = {0x01, 0x02, 0x03, 0x04, 0xab};
     ValuePrinter printer("ControlsTest.unregistered", sizeof bytes);

@@ -84,14 +84,6 @@ TEST(LibeventBase, OneLazyBasePerThread) {
     onLoopThread([] { EXPECT_FALSE(leInitialized()); });
 }
 
-TEST(LibeventBase, ControlsInitialiseTheBase) {
-    onLoopThread([] {
-        FdRecorder handler;
-        auto control = getLeFdControl(&handler);
-        EXPECT_TRUE(leInitialized());
-    });
-}
-
 TEST(LibeventBase, PriorityOutOfRangeAsserts) {
     onLoopThread([] {
         leInit();
@@ -233,17 +225,6 @@ TEST(LibeventFdControl, ClearAndDeleteKeepTheDescriptorOpen) {
         EXPECT_TRUE(std::static_pointer_cast<LibeventFdControl>(control)->readsWanted());
         close(sv[0]);
         close(sv[1]);
-    });
-}
-
-TEST(LibeventFdControl, DestroyedControlDeliversNothing) {
-    onLoopThread([] {
-        Pipe p;
-        p.put();
-        FdRecorder handler;
-        getLeFdControl(&handler)->setFd(p.readEnd());
-        loopPass();
-        EXPECT_TRUE(handler.events.empty());
     });
 }
 
@@ -524,20 +505,6 @@ TEST(LibeventLoop, TimeoutLoopBreaksAndCleansUp) {
         t2->setTimeout(0);
         EXPECT_THROW(eventLoopTimeout(3600), std::runtime_error);
         EXPECT_EQ(eventCount(), baseline + 1);
-    });
-}
-
-TEST(LibeventLoop, WaitforRunsOnePass) {
-    onLoopThread([] {
-        CallbackRecorder handler;
-        auto control = getLeCallbackControl(&handler);
-        handler.control = control.get();
-        handler.again = 1000000;
-        control->requestCallback();
-        doLeEventLoopInWaitfor(0.002);
-        EXPECT_GT(handler.count, 1);
-        EXPECT_TRUE(control->pendingCallback());
-        control->cancelCallback();
     });
 }
 
