@@ -8,8 +8,13 @@
 //   (expire or re-place lower) is never late; re-placing from a slot whose
 //   digit was the expiry's own digit always lands on a lower level.
 // - Lists are circular with a sentinel head per slot and one for the expired
-//   list; a record stores its list index (slot) so removal can clear the
-//   level's occupancy bit when the slot empties.
+//   list; a record stores its slot index so removal can clear the level's
+//   occupancy bit when the slot empties.
+// - A linked record is pending iff its expiry is later than its wheel's
+//   current tick, and expired (on the expired list) otherwise. Level 0 slots
+//   hold records of exactly one tick, so timeouts_update() moves a due level 0
+//   slot to the expired list with one splice, without visiting its records
+//   (their slot index is then stale, and unused).
 
 #include "Velik/Timeouts.h"
 
@@ -33,7 +38,7 @@ constexpr int kSlots = TIMEOUTS_WHEEL_SLOTS;
 constexpr int kLevels = TIMEOUTS_WHEEL_NUM;
 constexpr int kSlotMask = kSlots - 1;
 constexpr int32_t kNoSlot = -1;
-constexpr int32_t kExpiredSlot = kLevels * kSlots; // index of the expired list
+constexpr int32_t kExpiredSlot = kLevels * kSlots; // set when added as expired
 constexpr int kTop = kLevels - 1;
 
 inline void listInit(Node* h) { h->next = h->prev = h; }
@@ -110,19 +115,23 @@ inline void place(timeouts* T, timeout* to) {
     T->pending[level] |= uint64_t(1) << slot;
 }
 
+inline bool linked(const timeout* to) { return to->timeouts != nullptr; }
+
+// For a linked record: in a slot (else on the expired list).
+inline bool inSlot(const timeout* to) { return to->expires > to->timeouts->curtime; }
+
 // Unlinks a linked record from its own wheel and makes it idle.
 inline void unlinkRecord(timeout* to) {
     timeouts* T = to->timeouts;
+    const bool wasInSlot = inSlot(to);
     const int32_t idx = to->slot;
     listUnlink(&to->node);
-    if (idx < kExpiredSlot && listEmpty(&T->slots[idx])) {
+    if (wasInSlot && listEmpty(&T->slots[idx])) {
         T->pending[idx / kSlots] &= ~(uint64_t(1) << (idx & kSlotMask));
     }
     to->slot = kNoSlot;
     to->timeouts = nullptr;
 }
-
-inline bool linked(const timeout* to) { return to->slot != kNoSlot && to->timeouts != nullptr; }
 
 } // namespace
 
@@ -140,13 +149,9 @@ timeout* timeout_init(timeout* to, int flags) {
     return to;
 }
 
-bool timeout_pending(const timeout* to) {
-    return to != nullptr && linked(to) && to->slot != kExpiredSlot;
-}
+bool timeout_pending(const timeout* to) { return to != nullptr && linked(to) && inSlot(to); }
 
-bool timeout_expired(const timeout* to) {
-    return to != nullptr && linked(to) && to->slot == kExpiredSlot;
-}
+bool timeout_expired(const timeout* to) { return to != nullptr && linked(to) && !inSlot(to); }
 
 timeouts* timeouts_open(timeout_t hz, int* error) {
     if (hz == 0) {
@@ -225,9 +230,11 @@ void timeouts_update(timeouts* T, timeout_t abs_now) {
             continue;
         }
         T->pending[level] &= ~due;
+        // A level 0 slot holds exactly its own tick: all due, no re-placing.
+        Node* dst = level == 0 ? &T->expired : &todo;
         for (uint64_t rot = std::rotr(due, first); rot != 0; rot &= rot - 1) {
             const int slot = (std::countr_zero(rot) + first) & kSlotMask;
-            listSpliceTail(&todo, &T->slots[level * kSlots + slot]);
+            listSpliceTail(dst, &T->slots[level * kSlots + slot]);
         }
     }
     T->curtime = abs_now;
@@ -323,7 +330,8 @@ bool timeouts_check(timeouts* T) {
                 return false;
             }
             timeout* to = recordOf(n);
-            if (to->timeouts != T || to->slot != idx || !perRecord(to)) {
+            // idx -2: the expired list, where slot indexes may be stale.
+            if (to->timeouts != T || (idx != -2 && to->slot != idx) || !perRecord(to)) {
                 return false;
             }
         }
@@ -357,7 +365,7 @@ bool timeouts_check(timeouts* T) {
             }
         }
     }
-    return checkList(&T->expired, kExpiredSlot, [&](timeout* to) { return to->expires <= cur; });
+    return checkList(&T->expired, -2, [&](timeout* to) { return to->expires <= cur; });
 }
 
 } // extern "C"

@@ -398,6 +398,31 @@ TEST(Timeouts, DeleteFromEveryLevelAndTheExpiredList) {
     EXPECT_EQ(drain(w.get()), (std::vector<timeout*>{&a, &c}));
 }
 
+// Level 0 slots go to the expired list whole; deleting such a record later
+// must not disturb the slot it came from, now reused by a newer timer.
+TEST(Timeouts, DeleteExpiredFromReusedLevel0Slot) {
+    Wheel w = openWheel();
+    timeout a, b, c;
+    timeout_init(&a, TIMEOUT_ABS);
+    timeout_init(&b, TIMEOUT_ABS);
+    timeout_init(&c, TIMEOUT_ABS);
+    timeouts_add(w.get(), &a, 5);
+    timeouts_add(w.get(), &b, 5);
+    timeouts_update(w.get(), 5);
+    ASSERT_TRUE(timeout_expired(&a));
+    timeouts_update(w.get(), 64);
+    timeouts_add(w.get(), &c, 64 + 5); // same level 0 slot index as a and b had
+    timeouts_del(w.get(), &a);
+    EXPECT_TRUE(timeouts_check(w.get()));
+    EXPECT_TRUE(timeout_pending(&c));
+    EXPECT_EQ(timeouts_timeout(w.get()), 0u);
+    EXPECT_EQ(timeouts_get(w.get()), &b);
+    EXPECT_EQ(timeouts_timeout(w.get()), 5u);
+    timeouts_add(w.get(), &b, 64 + 5); // re-add a got record into that slot
+    timeouts_update(w.get(), 64 + 5);
+    EXPECT_EQ(drain(w.get()), (std::vector<timeout*>{&c, &b}));
+}
+
 TEST(Timeouts, DeleteIdleIsSafe) {
     Wheel w = openWheel();
     timeout to;
