@@ -122,7 +122,7 @@ struct timeout {
     struct timeout_node node;  /* private: slot or expired-list link        */
     timeout_t expires;         /* private: absolute expiry tick             */
     struct timeouts* timeouts; /* private: owning wheel, NULL when idle     */
-    int32_t slot;              /* private: list index, -1 when idle         */
+    int32_t slot;              /* private: slot index while pending         */
     int flags;                 /* public: TIMEOUT_* and the user's bits     */
 };
 
