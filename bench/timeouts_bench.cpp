@@ -83,7 +83,9 @@ struct Rng {
         return s * 0x2545F4914F6CDD1Dull;
     }
     // Uniform in [0, n) by multiply-high.
-    uint64_t below(uint64_t n) { return static_cast<uint64_t>((static_cast<unsigned __int128>(next()) * n) >> 64); }
+    uint64_t below(uint64_t n) {
+        return static_cast<uint64_t>((static_cast<unsigned __int128>(next()) * n) >> 64);
+    }
 };
 
 // One population is alive at a time.
@@ -99,7 +101,7 @@ template <class P>
 P& population(size_t n) {
     auto* p = dynamic_cast<P*>(g_pop.get());
     if (p == nullptr || p->n != n || !p->armed) {
-        g_pop.reset(); // free the previous one first
+        g_pop.reset();  // free the previous one first
         g_pop = std::make_unique<P>(n);
         p = static_cast<P*>(g_pop.get());
     }
@@ -144,7 +146,8 @@ void wheelRestart(benchmark::State& state, bool seq) {
         const size_t i = seq ? (k = k + 1 == P.n ? 0 : k + 1) : rng.below(P.n);
         timeouts_add(P.T, &P.recs[i], 1 + rng.below(kMaxTicks));
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -157,7 +160,8 @@ void wheelStartStop(benchmark::State& state) {
         timeouts_add(P.T, to, 1 + rng.below(kMaxTicks));
         timeouts_del(P.T, to);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -197,15 +201,19 @@ void wheelExpire(benchmark::State& state, bool jump) {
             break;
         }
     }
-    P.armed = false; // the population is spent
+    P.armed = false;  // the population is spent
     state.SetItemsProcessed(static_cast<int64_t>(delivered));
-    state.counters["sec_per_timer"] = benchmark::Counter(static_cast<double>(P.n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_timer"] =
+        benchmark::Counter(static_cast<double>(P.n), benchmark::Counter::kIsIterationInvariantRate |
+                                                         benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
 // ------------------------------------------------------------- libevent ----
 
-void evCallback(evutil_socket_t, short, void* arg) { ++*static_cast<size_t*>(arg); }
+void evCallback(evutil_socket_t, short, void* arg) {
+    ++*static_cast<size_t*>(arg);
+}
 
 timeval usToTv(uint64_t us) {
     timeval tv;
@@ -261,7 +269,8 @@ void eventRestart(benchmark::State& state, bool seq) {
         const timeval tv = usToTv(1 + rng.below(kMaxUs));
         event_add(&P.evs[i], &tv);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -275,7 +284,8 @@ void eventStartStop(benchmark::State& state) {
         event_add(ev, &tv);
         event_del(ev);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -304,13 +314,17 @@ void eventExpire(benchmark::State& state) {
     }
     P.armed = false;
     state.SetItemsProcessed(static_cast<int64_t>(delivered));
-    state.counters["sec_per_timer"] = benchmark::Counter(static_cast<double>(P.n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_timer"] =
+        benchmark::Counter(static_cast<double>(P.n), benchmark::Counter::kIsIterationInvariantRate |
+                                                         benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
 // ---------------------------------------------------------------- libuv ----
 
-void uvCallback(uv_timer_t* h) { ++*static_cast<size_t*>(h->loop->data); }
+void uvCallback(uv_timer_t* h) {
+    ++*static_cast<size_t*>(h->loop->data);
+}
 
 struct UvPop : Population {
     uv_loop_t loop;
@@ -356,7 +370,8 @@ void uvRestart(benchmark::State& state, bool seq) {
         const size_t i = seq ? (k = k + 1 == P.n ? 0 : k + 1) : rng.below(P.n);
         uv_timer_start(&P.timers[i], uvCallback, 1 + rng.below(kMaxMs), 0);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -369,7 +384,8 @@ void uvStartStop(benchmark::State& state) {
         uv_timer_start(t, uvCallback, 1 + rng.below(kMaxMs), 0);
         uv_timer_stop(t);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -398,7 +414,9 @@ void uvExpire(benchmark::State& state) {
     }
     P.armed = false;
     state.SetItemsProcessed(static_cast<int64_t>(delivered));
-    state.counters["sec_per_timer"] = benchmark::Counter(static_cast<double>(P.n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_timer"] =
+        benchmark::Counter(static_cast<double>(P.n), benchmark::Counter::kIsIterationInvariantRate |
+                                                         benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = P.bytesPerTimer();
 }
 
@@ -419,7 +437,8 @@ void touchRandomRecord(benchmark::State& state) {
         r.w[0] += r.w[4] + 1;
         benchmark::DoNotOptimize(r);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void clockGettime(benchmark::State& state) {
@@ -438,32 +457,52 @@ void registerAll() {
     };
     const double minTime = 0.25;
     for (int64_t n : sizes) {
-        benchmark::RegisterBenchmark("Wheel/Restart", wheelRestart, false)->Arg(n)->MinTime(minTime);
-        benchmark::RegisterBenchmark("Wheel/RestartSeq", wheelRestart, true)->Arg(n)->MinTime(minTime);
+        benchmark::RegisterBenchmark("Wheel/Restart", wheelRestart, false)
+            ->Arg(n)
+            ->MinTime(minTime);
+        benchmark::RegisterBenchmark("Wheel/RestartSeq", wheelRestart, true)
+            ->Arg(n)
+            ->MinTime(minTime);
         benchmark::RegisterBenchmark("Wheel/StartStop", wheelStartStop)->Arg(n)->MinTime(minTime);
-        benchmark::RegisterBenchmark("Wheel/Expire", wheelExpire, false)->Arg(n)->Iterations(expireIterations(n));
-        benchmark::RegisterBenchmark("Wheel/ExpireJump", wheelExpire, true)->Arg(n)->Iterations(expireIterations(n));
+        benchmark::RegisterBenchmark("Wheel/Expire", wheelExpire, false)
+            ->Arg(n)
+            ->Iterations(expireIterations(n));
+        benchmark::RegisterBenchmark("Wheel/ExpireJump", wheelExpire, true)
+            ->Arg(n)
+            ->Iterations(expireIterations(n));
     }
     for (int64_t n : sizes) {
-        benchmark::RegisterBenchmark("Libevent/Restart", eventRestart, false)->Arg(n)->MinTime(minTime);
-        benchmark::RegisterBenchmark("Libevent/RestartSeq", eventRestart, true)->Arg(n)->MinTime(minTime);
-        benchmark::RegisterBenchmark("Libevent/StartStop", eventStartStop)->Arg(n)->MinTime(minTime);
-        benchmark::RegisterBenchmark("Libevent/Expire", eventExpire)->Arg(n)->Iterations(expireIterations(n));
+        benchmark::RegisterBenchmark("Libevent/Restart", eventRestart, false)
+            ->Arg(n)
+            ->MinTime(minTime);
+        benchmark::RegisterBenchmark("Libevent/RestartSeq", eventRestart, true)
+            ->Arg(n)
+            ->MinTime(minTime);
+        benchmark::RegisterBenchmark("Libevent/StartStop", eventStartStop)
+            ->Arg(n)
+            ->MinTime(minTime);
+        benchmark::RegisterBenchmark("Libevent/Expire", eventExpire)
+            ->Arg(n)
+            ->Iterations(expireIterations(n));
     }
     for (int64_t n : sizes) {
         benchmark::RegisterBenchmark("Libuv/Restart", uvRestart, false)->Arg(n)->MinTime(minTime);
         benchmark::RegisterBenchmark("Libuv/RestartSeq", uvRestart, true)->Arg(n)->MinTime(minTime);
         benchmark::RegisterBenchmark("Libuv/StartStop", uvStartStop)->Arg(n)->MinTime(minTime);
-        benchmark::RegisterBenchmark("Libuv/Expire", uvExpire)->Arg(n)->Iterations(expireIterations(n));
+        benchmark::RegisterBenchmark("Libuv/Expire", uvExpire)
+            ->Arg(n)
+            ->Iterations(expireIterations(n));
     }
     for (int64_t n : sizes) {
-        benchmark::RegisterBenchmark("Reference/TouchRandomRecord", touchRandomRecord)->Arg(n)->MinTime(0.1);
+        benchmark::RegisterBenchmark("Reference/TouchRandomRecord", touchRandomRecord)
+            ->Arg(n)
+            ->MinTime(0.1);
     }
     benchmark::RegisterBenchmark("Reference/ClockGettime", clockGettime)->MinTime(0.1);
 }
 
 const bool g_registered = (registerAll(), true);
 
-} // namespace
+}  // namespace
 
 BENCHMARK_MAIN();

@@ -2,9 +2,9 @@
  * Velik/Timeouts.h - libKivVelik's hierarchical, tickless timing wheel.
  *
  * A self-contained C-style library (C and C++ callers; C++ implementation in
- * src/platform/Timeouts.cpp, no dependency on the rest of libKivVelik). It is
- * the "timing-wheel library" of the spec's Platform interfaces, used by
- * Part 2.4 (TimerWheel) with absolute ticks at 100 ticks per second.
+ * src/platform/Timeouts.cpp, no dependency on the rest of libKivVelik). The
+ * TimerWheel uses it with absolute ticks at 100 ticks per second, keeping its
+ * own state in the user flag bits.
  *
  * Model
  * -----
@@ -59,9 +59,10 @@
  *   timeout_init, timeouts_add, timeouts_del, timeouts_get,
  *   timeouts_expired                               O(1)
  *   timeouts_pending, timeouts_timeout             O(L)
- *   timeouts_update                                O(L + timers moved); each
- *       timer moves at most L times in its life (plus once per 2^36-tick top
- *       rotation for timers beyond the wheel's range).
+ *   timeouts_update                                O(L + timers cascaded);
+ *       due level-0 slots join the expired list with one splice each, so a
+ *       timer is visited at most L-1 times in its life (plus once per
+ *       2^36-tick top rotation for timers beyond the wheel's range).
  *   timeouts_open                                  O(L * 64)
  *   timeouts_close                                 O(L * 64 + timers still in it)
  * Memory: sizeof(struct timeout) per timer (40 bytes on LP64) plus one fixed
@@ -94,7 +95,7 @@
 #ifndef TIMEOUTS_WHEEL_NUM
 #define TIMEOUTS_WHEEL_NUM 6
 #endif
-#define TIMEOUTS_WHEEL_BIT 6                           /* 64 slots per level */
+#define TIMEOUTS_WHEEL_BIT 6 /* 64 slots per level */
 #define TIMEOUTS_WHEEL_SLOTS (1 << TIMEOUTS_WHEEL_BIT)
 
 #define TIMEOUT_INT 0x01       /* reserved: interval timer (not supported)  */
@@ -107,7 +108,7 @@ extern "C" {
 
 typedef uint64_t timeout_t; /* ticks */
 
-#define TIMEOUT_NEVER ((timeout_t)~(timeout_t)0)
+#define TIMEOUT_NEVER ((timeout_t) ~(timeout_t)0)
 
 struct timeouts; /* opaque wheel */
 

@@ -38,11 +38,15 @@ constexpr int kSlots = TIMEOUTS_WHEEL_SLOTS;
 constexpr int kLevels = TIMEOUTS_WHEEL_NUM;
 constexpr int kSlotMask = kSlots - 1;
 constexpr int32_t kNoSlot = -1;
-constexpr int32_t kExpiredSlot = kLevels * kSlots; // set when added as expired
+constexpr int32_t kExpiredSlot = kLevels * kSlots;  // set when added as expired
 constexpr int kTop = kLevels - 1;
 
-inline void listInit(Node* h) { h->next = h->prev = h; }
-inline bool listEmpty(const Node* h) { return h->next == h; }
+inline void listInit(Node* h) {
+    h->next = h->prev = h;
+}
+inline bool listEmpty(const Node* h) {
+    return h->next == h;
+}
 
 inline void listAppend(Node* h, Node* n) {
     n->prev = h->prev;
@@ -71,18 +75,22 @@ inline void listSpliceTail(Node* dst, Node* src) {
     listInit(src);
 }
 
-inline timeout* recordOf(Node* n) { return reinterpret_cast<timeout*>(n); }
+inline timeout* recordOf(Node* n) {
+    return reinterpret_cast<timeout*>(n);
+}
 
-inline int shiftOf(int level) { return level * kBits; }
+inline int shiftOf(int level) {
+    return level * kBits;
+}
 
-} // namespace
+}  // namespace
 
 struct timeouts {
     timeout_t curtime;
     timeout_t hz;
-    uint64_t pending[kLevels]; // occupancy bitmap per level
+    uint64_t pending[kLevels];  // occupancy bitmap per level
     Node expired;
-    Node slots[kLevels * kSlots]; // level-major: index = level * 64 + slot
+    Node slots[kLevels * kSlots];  // level-major: index = level * 64 + slot
 };
 
 namespace {
@@ -100,7 +108,7 @@ inline void place(timeouts* T, timeout* to) {
     }
     // Highest differing digit; exp > cur so exp ^ cur != 0.
     int level = (63 - std::countl_zero(exp ^ cur)) / kBits;
-    timeout_t digits; // exp >> shift, clamped at the top level to 63 steps ahead
+    timeout_t digits;  // exp >> shift, clamped at the top level to 63 steps ahead
     if (level >= kTop) {
         level = kTop;
         const int sh = shiftOf(kTop);
@@ -115,10 +123,14 @@ inline void place(timeouts* T, timeout* to) {
     T->pending[level] |= uint64_t(1) << slot;
 }
 
-inline bool linked(const timeout* to) { return to->timeouts != nullptr; }
+inline bool linked(const timeout* to) {
+    return to->timeouts != nullptr;
+}
 
 // For a linked record: in a slot (else on the expired list).
-inline bool inSlot(const timeout* to) { return to->expires > to->timeouts->curtime; }
+inline bool inSlot(const timeout* to) {
+    return to->expires > to->timeouts->curtime;
+}
 
 // Unlinks a linked record from its own wheel and makes it idle.
 inline void unlinkRecord(timeout* to) {
@@ -133,7 +145,7 @@ inline void unlinkRecord(timeout* to) {
     to->timeouts = nullptr;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
@@ -149,9 +161,13 @@ timeout* timeout_init(timeout* to, int flags) {
     return to;
 }
 
-bool timeout_pending(const timeout* to) { return to != nullptr && linked(to) && inSlot(to); }
+bool timeout_pending(const timeout* to) {
+    return to != nullptr && linked(to) && inSlot(to);
+}
 
-bool timeout_expired(const timeout* to) { return to != nullptr && linked(to) && !inSlot(to); }
+bool timeout_expired(const timeout* to) {
+    return to != nullptr && linked(to) && !inSlot(to);
+}
 
 timeouts* timeouts_open(timeout_t hz, int* error) {
     if (hz == 0) {
@@ -198,9 +214,13 @@ void timeouts_close(timeouts* T) {
     delete T;
 }
 
-timeout_t timeouts_hz(timeouts* T) { return T != nullptr ? T->hz : 0; }
+timeout_t timeouts_hz(timeouts* T) {
+    return T != nullptr ? T->hz : 0;
+}
 
-timeout_t timeouts_now(timeouts* T) { return T != nullptr ? T->curtime : 0; }
+timeout_t timeouts_now(timeouts* T) {
+    return T != nullptr ? T->curtime : 0;
+}
 
 void timeouts_update(timeouts* T, timeout_t abs_now) {
     if (T == nullptr || abs_now <= T->curtime) {
@@ -216,7 +236,7 @@ void timeouts_update(timeouts* T, timeout_t abs_now) {
         const int sh = shiftOf(level);
         const timeout_t steps = (abs_now >> sh) - (old >> sh);
         if (steps == 0) {
-            break; // higher digits did not move either
+            break;  // higher digits did not move either
         }
         const int first = static_cast<int>(((old >> sh) + 1) & kSlotMask);
         uint64_t mask;
@@ -278,7 +298,9 @@ timeout* timeouts_get(timeouts* T) {
     return to;
 }
 
-bool timeouts_expired(timeouts* T) { return T != nullptr && !listEmpty(&T->expired); }
+bool timeouts_expired(timeouts* T) {
+    return T != nullptr && !listEmpty(&T->expired);
+}
 
 bool timeouts_pending(timeouts* T) {
     if (T == nullptr) {
@@ -316,7 +338,9 @@ timeout_t timeouts_timeout(timeouts* T) {
     return best;
 }
 
-size_t timeouts_footprint(void) { return sizeof(timeouts); }
+size_t timeouts_footprint(void) {
+    return sizeof(timeouts);
+}
 
 bool timeouts_check(timeouts* T) {
     if (T == nullptr) {
@@ -368,4 +392,4 @@ bool timeouts_check(timeouts* T) {
     return checkList(&T->expired, -2, [&](timeout* to) { return to->expires <= cur; });
 }
 
-} // extern "C"
+}  // extern "C"

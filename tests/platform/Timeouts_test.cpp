@@ -21,7 +21,7 @@ constexpr int kLevels = TIMEOUTS_WHEEL_NUM;
 // Ticks covered below the top level's wrap: 64^levels.
 constexpr timeout_t kRange = timeout_t(1) << (kBits * kLevels);
 constexpr timeout_t kTopUnit = timeout_t(1) << (kBits * (kLevels - 1));
-constexpr timeout_t kDay = 100ull * 60 * 60 * 24; // ticks per day at 100 Hz
+constexpr timeout_t kDay = 100ull * 60 * 60 * 24;  // ticks per day at 100 Hz
 
 static_assert(std::is_standard_layout_v<timeout>);
 
@@ -80,7 +80,7 @@ std::vector<timeout_t> boundaryDeltas() {
     return d;
 }
 
-} // namespace
+}  // namespace
 
 TEST(Timeouts, OpenAndEmptyWheel) {
     Wheel w = openWheel();
@@ -172,7 +172,7 @@ TEST(Timeouts, UpdateNeverGoesBackwards) {
     timeouts_add(w.get(), &to, 150);
     timeouts_update(w.get(), 20);
     EXPECT_EQ(timeouts_now(w.get()), 100u);
-    EXPECT_EQ(timeouts_timeout(w.get()), 28u); // level 1, slot range [128, 192)
+    EXPECT_EQ(timeouts_timeout(w.get()), 28u);  // level 1, slot range [128, 192)
     EXPECT_TRUE(timeouts_check(w.get()));
     timeouts_del(w.get(), &to);
 }
@@ -181,8 +181,8 @@ TEST(Timeouts, UpdateNeverGoesBackwards) {
 // (direct update), expired exactly at the tick; and the same by event-loop
 // stepping with timeouts_timeout().
 TEST(Timeouts, ExpiryAtLevelBoundaries) {
-    const std::vector<timeout_t> starts = {0, 1, 63, 64 + 5, 4095, 4096, 123456789,
-                                           kRange - 1, 5 * kRange + 77};
+    const std::vector<timeout_t> starts = {0,    1,         63,         64 + 5,         4095,
+                                           4096, 123456789, kRange - 1, 5 * kRange + 77};
     for (timeout_t start : starts) {
         for (timeout_t delta : boundaryDeltas()) {
             SCOPED_TRACE(testing::Message() << "start=" << start << " delta=" << delta);
@@ -198,7 +198,7 @@ TEST(Timeouts, ExpiryAtLevelBoundaries) {
                 EXPECT_GE(t, 1u);
                 EXPECT_LE(t, delta);
                 if (delta < 64 && ((start ^ expiry) >> kBits) == 0) {
-                    EXPECT_EQ(t, delta); // level 0 is exact
+                    EXPECT_EQ(t, delta);  // level 0 is exact
                 }
                 timeouts_update(w.get(), expiry - 1);
                 ASSERT_TRUE(timeouts_check(w.get()));
@@ -229,9 +229,9 @@ TEST(Timeouts, TimeoutUnderestimatesOnHigherLevels) {
     Wheel w = openWheel();
     timeout to;
     timeout_init(&to, TIMEOUT_ABS);
-    timeouts_add(w.get(), &to, 100); // level 1, slot 1: range [64, 128)
+    timeouts_add(w.get(), &to, 100);  // level 1, slot 1: range [64, 128)
     EXPECT_EQ(timeouts_timeout(w.get()), 64u);
-    timeouts_update(w.get(), 64); // cascades to level 0
+    timeouts_update(w.get(), 64);  // cascades to level 0
     EXPECT_TRUE(timeout_pending(&to));
     EXPECT_EQ(timeouts_timeout(w.get()), 36u);
     timeouts_update(w.get(), 100);
@@ -281,7 +281,7 @@ TEST(Timeouts, SameTickArrivalOrderAcrossCascades) {
     timeout_t now = 0;
     for (auto& r : recs) {
         timeout_init(&r, TIMEOUT_ABS);
-        timeouts_add(w.get(), &r, expiry); // added at different levels over time
+        timeouts_add(w.get(), &r, expiry);  // added at different levels over time
         order.push_back(&r);
         now += expiry / 11;
         timeouts_update(w.get(), std::min(now, expiry - 1));
@@ -331,10 +331,10 @@ TEST(Timeouts, ReAddPendingMovesIt) {
     timeout to;
     timeout_init(&to, 0);
     timeouts_add(w.get(), &to, 100000);
-    timeouts_add(w.get(), &to, 10); // earlier
+    timeouts_add(w.get(), &to, 10);  // earlier
     EXPECT_EQ(timeouts_timeout(w.get()), 10u);
     EXPECT_TRUE(timeouts_check(w.get()));
-    timeouts_add(w.get(), &to, 300); // later
+    timeouts_add(w.get(), &to, 300);  // later
     timeouts_update(w.get(), 299);
     EXPECT_FALSE(timeouts_expired(w.get()));
     timeouts_update(w.get(), 300);
@@ -352,7 +352,7 @@ TEST(Timeouts, AddToAnotherWheelLeavesTheFirst) {
     EXPECT_TRUE(timeouts_pending(b.get()));
     EXPECT_TRUE(timeouts_check(a.get()));
     EXPECT_TRUE(timeouts_check(b.get()));
-    timeouts_del(a.get(), &to); // the record's own wheel is used
+    timeouts_del(a.get(), &to);  // the record's own wheel is used
     EXPECT_FALSE(timeouts_pending(b.get()));
     EXPECT_TRUE(timeouts_check(b.get()));
 }
@@ -363,8 +363,8 @@ TEST(Timeouts, DeleteFromEveryLevelAndTheExpiredList) {
         deltas.push_back(timeout_t(1) << (kBits * level));
         deltas.push_back((timeout_t(1) << (kBits * (level + 1))) - 1);
     }
-    deltas.push_back(kRange + 5);      // parked beyond the top level
-    deltas.push_back(TIMEOUT_NEVER);   // saturates at the largest tick
+    deltas.push_back(kRange + 5);     // parked beyond the top level
+    deltas.push_back(TIMEOUT_NEVER);  // saturates at the largest tick
     for (timeout_t delta : deltas) {
         SCOPED_TRACE(delta);
         Wheel w = openWheel();
@@ -378,7 +378,7 @@ TEST(Timeouts, DeleteFromEveryLevelAndTheExpiredList) {
         EXPECT_FALSE(timeout_pending(&del));
         EXPECT_TRUE(timeout_pending(&keep));
         EXPECT_TRUE(timeouts_check(w.get()));
-        timeouts_del(w.get(), &keep); // last one in its slot: bitmap cleared
+        timeouts_del(w.get(), &keep);  // last one in its slot: bitmap cleared
         EXPECT_FALSE(timeouts_pending(w.get()));
         EXPECT_EQ(timeouts_timeout(w.get()), TIMEOUT_NEVER);
         EXPECT_TRUE(timeouts_check(w.get()));
@@ -392,7 +392,7 @@ TEST(Timeouts, DeleteFromEveryLevelAndTheExpiredList) {
         timeouts_add(w.get(), t, 3);
     }
     timeouts_update(w.get(), 3);
-    timeouts_del(w.get(), &b); // from the expired list
+    timeouts_del(w.get(), &b);  // from the expired list
     EXPECT_FALSE(timeout_expired(&b));
     EXPECT_TRUE(timeouts_check(w.get()));
     EXPECT_EQ(drain(w.get()), (std::vector<timeout*>{&a, &c}));
@@ -411,14 +411,14 @@ TEST(Timeouts, DeleteExpiredFromReusedLevel0Slot) {
     timeouts_update(w.get(), 5);
     ASSERT_TRUE(timeout_expired(&a));
     timeouts_update(w.get(), 64);
-    timeouts_add(w.get(), &c, 64 + 5); // same level 0 slot index as a and b had
+    timeouts_add(w.get(), &c, 64 + 5);  // same level 0 slot index as a and b had
     timeouts_del(w.get(), &a);
     EXPECT_TRUE(timeouts_check(w.get()));
     EXPECT_TRUE(timeout_pending(&c));
     EXPECT_EQ(timeouts_timeout(w.get()), 0u);
     EXPECT_EQ(timeouts_get(w.get()), &b);
     EXPECT_EQ(timeouts_timeout(w.get()), 5u);
-    timeouts_add(w.get(), &b, 64 + 5); // re-add a got record into that slot
+    timeouts_add(w.get(), &b, 64 + 5);  // re-add a got record into that slot
     timeouts_update(w.get(), 64 + 5);
     EXPECT_EQ(drain(w.get()), (std::vector<timeout*>{&c, &b}));
 }
@@ -450,7 +450,7 @@ TEST(Timeouts, CloseReleasesRecords) {
     }
     EXPECT_FALSE(timeout_pending(&pend));
     EXPECT_FALSE(timeout_expired(&exp));
-    timeouts_del(nullptr, &pend); // idle: nothing to touch
+    timeouts_del(nullptr, &pend);  // idle: nothing to touch
 }
 
 TEST(Timeouts, HugeJumpsInOneUpdate) {
@@ -466,7 +466,8 @@ TEST(Timeouts, HugeJumpsInOneUpdate) {
         timeouts_add(w.get(), &recs[i], exp[i]);
     }
     ASSERT_TRUE(timeouts_check(w.get()));
-    std::vector<timeout_t> nows = {kDay, 3 * kDay + 17, 30 * kDay, kRange + 5, 3 * kRange, 6 * kRange};
+    std::vector<timeout_t> nows = {kDay,       3 * kDay + 17, 30 * kDay,
+                                   kRange + 5, 3 * kRange,    6 * kRange};
     std::sort(nows.begin(), nows.end());
     for (timeout_t now : nows) {
         timeouts_update(w.get(), now);
@@ -510,13 +511,14 @@ TEST(Timeouts, HugeJumpsInOneUpdate) {
 
 TEST(Timeouts, WrapAroundBeyondTheTopLevel) {
     Wheel w = openWheel();
-    timeouts_update(w.get(), 7 * kTopUnit + 3); // top digit 7, not 0
+    timeouts_update(w.get(), 7 * kTopUnit + 3);  // top digit 7, not 0
     const timeout_t now0 = timeouts_now(w.get());
     // Expiries whose top digit is at, just below and just above the current
     // one a rotation later, and several rotations away.
-    std::vector<timeout_t> exp = {now0 + kRange - kTopUnit, now0 + kRange - 1, now0 + kRange,
-                                  now0 + kRange + 1, now0 + kRange + kTopUnit,
-                                  now0 + 5 * kRange + 9, (now0 | (kRange - 1)) + 1};
+    std::vector<timeout_t> exp = {
+        now0 + kRange - kTopUnit, now0 + kRange - 1,        now0 + kRange,
+        now0 + kRange + 1,        now0 + kRange + kTopUnit, now0 + 5 * kRange + 9,
+        (now0 | (kRange - 1)) + 1};
     std::vector<timeout> recs(exp.size());
     for (size_t i = 0; i < exp.size(); ++i) {
         timeout_init(&recs[i], TIMEOUT_ABS);
@@ -601,33 +603,41 @@ TEST(Timeouts, RandomizedAgainstModel) {
     struct ModelRec {
         enum { idle, pending, expired } state = idle;
         timeout_t expires = 0;
-        uint64_t seq = 0;   // arrival number of the last add
-        bool far = false;   // added beyond the top level's 63-slot reach
+        uint64_t seq = 0;  // arrival number of the last add
+        bool far = false;  // added beyond the top level's 63-slot reach
     };
     std::vector<ModelRec> model(kRecords);
-    std::multiset<std::pair<timeout_t, size_t>> pendingModel; // (expiry, index)
+    std::multiset<std::pair<timeout_t, size_t>> pendingModel;  // (expiry, index)
     std::set<size_t> expiredModel;
     uint64_t seq = 0;
-    std::map<timeout_t, uint64_t> lastSeqGot; // same-tick arrival order
+    std::map<timeout_t, uint64_t> lastSeqGot;  // same-tick arrival order
     for (size_t i = 0; i < kRecords; ++i) {
         flagsOf[i] = static_cast<int>(rng() % 8) << 2 | ((i % 2) ? TIMEOUT_ABS : 0);
         timeout_init(&recs[i], flagsOf[i]);
     }
     auto randomDelta = [&]() -> timeout_t {
         switch (rng() % 10) {
-        case 0: return rng() % 3;
-        case 1: case 2: return rng() % 70;
-        case 3: return rng() % 5000;
-        case 4: {
-            const int level = static_cast<int>(rng() % (kLevels + 1));
-            const timeout_t b = timeout_t(1) << (kBits * level);
-            const timeout_t k = rng() % 4 == 0 ? 63 : 1;
-            return k * b - 1 + rng() % 3;
-        }
-        case 5: return rng() % (60 * 100);
-        case 6: return rng() % (3 * kDay);
-        case 7: return rng() % (3 * kRange);
-        default: return rng() % 300000;
+            case 0:
+                return rng() % 3;
+            case 1:
+            case 2:
+                return rng() % 70;
+            case 3:
+                return rng() % 5000;
+            case 4: {
+                const int level = static_cast<int>(rng() % (kLevels + 1));
+                const timeout_t b = timeout_t(1) << (kBits * level);
+                const timeout_t k = rng() % 4 == 0 ? 63 : 1;
+                return k * b - 1 + rng() % 3;
+            }
+            case 5:
+                return rng() % (60 * 100);
+            case 6:
+                return rng() % (3 * kDay);
+            case 7:
+                return rng() % (3 * kRange);
+            default:
+                return rng() % 300000;
         }
     };
     auto removeFromModel = [&](size_t i) {
@@ -643,7 +653,7 @@ TEST(Timeouts, RandomizedAgainstModel) {
         const timeout_t now = timeouts_now(T);
         const size_t i = rng() % kRecords;
         const unsigned kind = rng() % 100;
-        if (kind < 45) { // add / re-add
+        if (kind < 45) {  // add / re-add
             timeout_t d = randomDelta();
             if (d > TIMEOUT_NEVER - now) {
                 d = TIMEOUT_NEVER - now;
@@ -662,21 +672,41 @@ TEST(Timeouts, RandomizedAgainstModel) {
                 model[i].state = ModelRec::pending;
                 pendingModel.insert({expiry, i});
             }
-        } else if (kind < 60) { // delete
+        } else if (kind < 60) {  // delete
             timeouts_del(T, &recs[i]);
             removeFromModel(i);
-        } else if (kind < 85) { // advance
+        } else if (kind < 85) {  // advance
             timeout_t target;
             const timeout_t t = timeouts_timeout(T);
             switch (rng() % 16) {
-            case 0: case 1: case 2: case 3: target = now + 1 + rng() % 64; break;
-            case 4: case 5: case 6: case 7:
-                target = (t == TIMEOUT_NEVER || t == 0) ? now + 1 : now + t;
-                break;
-            case 8: case 9: case 10: target = now + rng() % 20000; break;
-            case 11: case 12: case 13: target = now + rng() % (kDay / 4); break;
-            case 14: target = now + rng() % (2 * kTopUnit); break; // top-level steps
-            default: target = now + rng() % (2 * kRange); break;   // wrap-around
+                case 0:
+                case 1:
+                case 2:
+                case 3:
+                    target = now + 1 + rng() % 64;
+                    break;
+                case 4:
+                case 5:
+                case 6:
+                case 7:
+                    target = (t == TIMEOUT_NEVER || t == 0) ? now + 1 : now + t;
+                    break;
+                case 8:
+                case 9:
+                case 10:
+                    target = now + rng() % 20000;
+                    break;
+                case 11:
+                case 12:
+                case 13:
+                    target = now + rng() % (kDay / 4);
+                    break;
+                case 14:
+                    target = now + rng() % (2 * kTopUnit);
+                    break;  // top-level steps
+                default:
+                    target = now + rng() % (2 * kRange);
+                    break;  // wrap-around
             }
             timeouts_update(T, target);
             while (!pendingModel.empty() && pendingModel.begin()->first <= target) {
@@ -685,7 +715,7 @@ TEST(Timeouts, RandomizedAgainstModel) {
                 model[j].state = ModelRec::expired;
                 expiredModel.insert(j);
             }
-        } else { // get some
+        } else {  // get some
             const int n = static_cast<int>(rng() % 8);
             for (int k = 0; k < n; ++k) {
                 timeout* to = timeouts_get(T);
