@@ -12,13 +12,16 @@
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
 #include <Velik/HashMix.h>
+#include <Velik/KivActivityLock.h>
 #include <Velik/KivDebug.h>
 #include <Velik/LibeventAdditions.h>
 #include <Velik/LibeventFactory.h>
 #include <Velik/Locking.h>
+#include <Velik/Loco.h>
 #include <Velik/Platform.h>
 #include <Velik/Random.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
+#include <Velik/Timeouts.h>
 #include <Velik/TypeName.h>
 #include <Velik/Util.h>
