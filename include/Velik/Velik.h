@@ -4,6 +4,7 @@
 #include <Velik/Assert.h>
 #include <Velik/Backtrace.h>
 #include <Velik/BacktraceTracker.h>
+#include <Velik/Counters.h>
 #include <Velik/Debug.h>
 #include <Velik/Errno.h>
 #include <Velik/EventPriority.h>
@@ -11,6 +12,7 @@
 #include <Velik/FastForward.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
+#include <Velik/ForkHandler.h>
 #include <Velik/HashMix.h>
 #include <Velik/KivActivityLock.h>
 #include <Velik/KivDebug.h>
@@ -19,6 +21,7 @@
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Platform.h>
+#include <Velik/Plugin.h>
 #include <Velik/Random.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
