@@ -2,8 +2,14 @@
 #pragma once
 
 #include <Velik/Assert.h>
+#include <Velik/Backtrace.h>
+#include <Velik/BacktraceTracker.h>
 #include <Velik/Debug.h>
+#include <Velik/Errno.h>
+#include <Velik/Exception.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
 #include <Velik/KivDebug.h>
+#include <Velik/Locking.h>
+#include <Velik/Thread.h>
 #include <Velik/Time.h>
