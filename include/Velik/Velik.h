@@ -4,11 +4,14 @@
 #include <Velik/Assert.h>
 #include <Velik/Backtrace.h>
 #include <Velik/BacktraceTracker.h>
+#include <Velik/ConstStringCache.h>
 #include <Velik/Debug.h>
 #include <Velik/Errno.h>
 #include <Velik/Exception.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
+#include <Velik/IntrusiveBookmarkLinkedList.h>
+#include <Velik/IntrusiveLinkedListBase.h>
 #include <Velik/KivDebug.h>
 #include <Velik/Locking.h>
 #include <Velik/Thread.h>
