@@ -14,5 +14,8 @@
 #include <Velik/IntrusiveLinkedListBase.h>
 #include <Velik/KivDebug.h>
 #include <Velik/Locking.h>
+#include <Velik/TaskSchedulerEventType.h>
+#include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskTime.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
