@@ -25,8 +25,9 @@ class Backtrace {
     static constexpr uint32_t maxFrames = 100;
 
     // No frames, the caller's kernel thread id, and a time stamp of +infinity
-    // ("never captured"). With `capture` set, unwinds right here, so the first
-    // frame is the return point in the constructor's caller's code.
+    // ("never captured"). With `capture` set, unwinds right here: the first
+    // frame lies in this constructor, the second in the code that made the
+    // backtrace.
     explicit Backtrace(bool capture);
 
     // Replaces the frames with the current call stack, starting at the return

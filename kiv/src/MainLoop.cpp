@@ -141,7 +141,7 @@ void MainLoop::run() {
         if (next <= now) {
             if (now - lastPoll_ >= kPollInterval) {
                 poll(0);
-                now = clock_.now();
+                now = lastPoll_ = clock_.now();
             }
         } else {
             const double until = std::min(next, end);
@@ -154,14 +154,13 @@ void MainLoop::run() {
                     poll(-1);  // only descriptors to wait for: nothing to jump to
                 }
             }
-            now = clock_.now();
+            now = lastPoll_ = clock_.now();
         }
         clock_.deliverDue(now);
     }
 }
 
 int MainLoop::poll(int timeoutMs) {
-    lastPoll_ = clock_.now();
     if (watchedCount_ == 0 && timeoutMs == 0) {
         return 0;
     }

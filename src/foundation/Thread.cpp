@@ -2,6 +2,8 @@
 
 #include "Velik/Assert.h"
 
+#include <Kiv/Ptr.h>
+
 #include <pthread.h>
 #include <unistd.h>
 
@@ -33,8 +35,7 @@ bool isMainThread() {
 }
 
 void threadSafePointerIs(bool threadSafe) {
-    // The framework's pointers have no switch yet; nothing to forward to.
-    static_cast<void>(threadSafe);
+    Kiv::threadSafePointersIs(threadSafe);
 }
 
 bool hasThreadLocalSingletons() {

@@ -14,7 +14,7 @@ class Counted : public Kiv::PtrInterface {
   protected:
     ~Counted() override { ++*destroyed_; }
 
-private:
+  private:
     int* destroyed_;
 };
 

@@ -8,10 +8,13 @@
 //        if at least `kPollInterval` seconds have passed since the last poll,
 //        so a deferred callback re-armed from its own `onTime()` costs no
 //        system call per delivery;
-//      - otherwise, in real time, waiting until the next notifiee is due (or
-//        the execution time ends, or for ever when only descriptors are
-//        watched); under virtual time with a zero time-out, and if nothing is
-//        ready the clock jumps to the next notifiee's time instead;
+//      - otherwise, in real time, waiting until the next notifiee is due or
+//        the execution time ends, whichever is first (for ever when only
+//        descriptors are watched and there is no limit); under virtual time
+//        with a zero time-out, and if nothing is ready the clock jumps to that
+//        moment instead of waiting for it (with only descriptors watched and
+//        no limit, there is nothing to jump to and the loop waits in real
+//        time);
 //   2. delivers the clock notifiees due by then that were armed before the
 //      delivery began (see `Clock`).
 // Fairness: descriptors are therefore polled at least every `kPollInterval`
@@ -22,6 +25,13 @@
 // (`ActivityManagerConfig::executionTime()`) has passed on the framework
 // clock, checked after each pass. An exception thrown by a notification
 // leaves `run()`; the loop's state stays consistent and it may be run again.
+//
+// Times: waits are rounded up to whole milliseconds, so a notifiee is never
+// delivered before its time and in real time at most about a millisecond
+// after it (plus whatever ran before it).
+//
+// A forked child shares its parent's epoll instance: it must not run the
+// loop it inherited.
 //
 // Thread model: the loop runs on whichever thread calls `run()`; while it
 // runs, another thread calling `run()` gets an `Exception`. A notification may
