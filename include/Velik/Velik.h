@@ -10,12 +10,16 @@
 #include <Velik/Exception.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
+#include <Velik/HashMix.h>
 #include <Velik/IntrusiveBookmarkLinkedList.h>
 #include <Velik/IntrusiveLinkedListBase.h>
 #include <Velik/KivDebug.h>
 #include <Velik/Locking.h>
+#include <Velik/Random.h>
 #include <Velik/TaskSchedulerEventType.h>
 #include <Velik/TaskSchedulerHistory.h>
 #include <Velik/TaskTime.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
+#include <Velik/TypeName.h>
+#include <Velik/Util.h>

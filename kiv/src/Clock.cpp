@@ -21,7 +21,7 @@ double realSeconds() noexcept {
 }  // namespace
 
 Clock::Notifiee::~Notifiee() {
-    if (hook_.is_linked()) {
+    if (slot_ != kUnqueued) {
         clock_->unlink(*this);
     }
 }
@@ -30,7 +30,7 @@ void Clock::Notifiee::notifierIs(Clock* clock) {
     if (clock == clock_) {
         return;
     }
-    if (hook_.is_linked()) {
+    if (slot_ != kUnqueued) {
         clock_->unlink(*this);
     }
     clock_ = clock;
@@ -46,7 +46,7 @@ void Clock::Notifiee::timeMinIs(double time) {
     if (time == timeMin_) {
         return;
     }
-    if (hook_.is_linked()) {
+    if (slot_ != kUnqueued) {
         clock_->unlink(*this);
     }
     timeMin_ = time;
@@ -58,10 +58,12 @@ void Clock::Notifiee::timeMinIs(double time) {
 Clock::~Clock() {
     // Notifiees outliving their clock are left disarmed rather than dangling.
     for (Queue* queue : {&armed_, &late_}) {
-        queue->clear_and_dispose([](Notifiee* n) {
-            n->timeMin_ = kNever;
-            n->clock_ = nullptr;
-        });
+        while (!queue->empty()) {
+            Notifiee& notifiee = queue->front();
+            queue->erase(notifiee);
+            notifiee.timeMin_ = kNever;
+            notifiee.clock_ = nullptr;
+        }
     }
 }
 
@@ -70,22 +72,21 @@ double Clock::now() const noexcept {
 }
 
 double Clock::nextTime() const noexcept {
-    double next = armed_.empty() ? kNever : armed_.begin()->timeMin_;
-    if (!late_.empty() && late_.begin()->timeMin_ < next) {
-        next = late_.begin()->timeMin_;
+    double next = armed_.empty() ? kNever : armed_.front().timeMin_;
+    if (!late_.empty() && late_.front().timeMin_ < next) {
+        next = late_.front().timeMin_;
     }
     return next;
 }
 
-void Clock::link(Notifiee& notifiee) noexcept {
+void Clock::link(Notifiee& notifiee) {
     notifiee.arming_ = ++armings_;
     notifiee.late_ = delivering_ > 0;
-    (notifiee.late_ ? late_ : armed_).insert(notifiee);
+    (notifiee.late_ ? late_ : armed_).push(notifiee);
 }
 
 void Clock::unlink(Notifiee& notifiee) noexcept {
-    Queue& queue = notifiee.late_ ? late_ : armed_;
-    queue.erase(queue.iterator_to(notifiee));
+    (notifiee.late_ ? late_ : armed_).erase(notifiee);
 }
 
 void Clock::advanceTo(double time) noexcept {
@@ -107,9 +108,9 @@ std::size_t Clock::deliverDue(double now) {
     } delivery(*this);
 
     std::size_t delivered = 0;
-    while (!armed_.empty() && armed_.begin()->timeMin_ <= now) {
-        Notifiee& due = *armed_.begin();
-        armed_.erase(armed_.begin());
+    while (!armed_.empty() && armed_.front().timeMin_ <= now) {
+        Notifiee& due = armed_.front();
+        armed_.erase(due);
         due.timeMin_ = kNever;
         ++delivered;
         due.onTime();  // may destroy `due`
@@ -119,11 +120,68 @@ std::size_t Clock::deliverDue(double now) {
 
 void Clock::admitLate() noexcept {
     while (!late_.empty()) {
-        Notifiee& notifiee = *late_.begin();
-        late_.erase(late_.begin());
+        Notifiee& notifiee = late_.front();
+        late_.erase(notifiee);
         notifiee.late_ = false;
-        armed_.insert(notifiee);
+        armed_.push(notifiee);
     }
+}
+
+void Clock::Queue::push(Notifiee& notifiee) {
+    heap_.push_back(&notifiee);
+    notifiee.slot_ = heap_.size() - 1;
+    siftUp(notifiee.slot_);
+}
+
+void Clock::Queue::erase(Notifiee& notifiee) noexcept {
+    const std::size_t slot = notifiee.slot_;
+    notifiee.slot_ = Notifiee::kUnqueued;
+    Notifiee* last = heap_.back();
+    heap_.pop_back();
+    if (last == &notifiee) {
+        return;
+    }
+    place(slot, last);
+    siftUp(slot);
+    siftDown(last->slot_);
+}
+
+void Clock::Queue::place(std::size_t slot, Notifiee* notifiee) noexcept {
+    heap_[slot] = notifiee;
+    notifiee->slot_ = slot;
+}
+
+void Clock::Queue::siftUp(std::size_t slot) noexcept {
+    Notifiee* rising = heap_[slot];
+    while (slot > 0) {
+        const std::size_t parent = (slot - 1) / 2;
+        if (!earlier(*rising, *heap_[parent])) {
+            break;
+        }
+        place(slot, heap_[parent]);
+        slot = parent;
+    }
+    place(slot, rising);
+}
+
+void Clock::Queue::siftDown(std::size_t slot) noexcept {
+    Notifiee* sinking = heap_[slot];
+    const std::size_t size = heap_.size();
+    for (;;) {
+        std::size_t child = 2 * slot + 1;
+        if (child >= size) {
+            break;
+        }
+        if (child + 1 < size && earlier(*heap_[child + 1], *heap_[child])) {
+            ++child;
+        }
+        if (!earlier(*heap_[child], *sinking)) {
+            break;
+        }
+        place(slot, heap_[child]);
+        slot = child;
+    }
+    place(slot, sinking);
 }
 
 }  // namespace Kiv

@@ -99,14 +99,6 @@ TEST(BacktraceTest, PrettyListsOneResolvedLinePerFrame) {
     EXPECT_NE(lines[1].find(address.str()), std::string::npos) << lines[1];
 }
 
-TEST(BacktraceTest, CopiesAreWhole) {
-    Backtrace original(true);
-    Backtrace copy = original;
-    ASSERT_EQ(copy.count(), original.count());
-    EXPECT_TRUE(std::equal(copy.frames().begin(), copy.frames().end(), original.frames().begin()));
-    EXPECT_EQ(copy.pretty(), original.pretty());
-}
-
 TEST(TrackedBacktraceTest, ToStringIsMessageThenBacktrace) {
     Backtrace here(true);
     Velik::TrackedBacktrace tracked("disk full", here);

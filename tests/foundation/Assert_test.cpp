@@ -50,16 +50,6 @@ struct NoisyDestructor {
     ~NoisyDestructor() { std::fputs("destructor ran\n", stderr); }
 };
 
-TEST(AssertSwitchTest, StartsFalseAndKeepsLastValue) {
-    EXPECT_FALSE(Velik::throwOnAssertFail());
-    Velik::throwOnAssertFailIs(true);
-    EXPECT_TRUE(Velik::throwOnAssertFail());
-    Velik::throwOnAssertFailIs(true);
-    EXPECT_TRUE(Velik::throwOnAssertFail());
-    Velik::throwOnAssertFailIs(false);
-    EXPECT_FALSE(Velik::throwOnAssertFail());
-}
-
 TEST(AssertTest, PassingAssertionEvaluatesNoArguments) {
     int evaluated = 0;
     auto count = [&] { return ++evaluated; };

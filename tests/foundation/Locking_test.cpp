@@ -55,15 +55,6 @@ TEST(LockTest, TryLockFailsWhileHeldElsewhere) {
     }));
 }
 
-TEST(LockTest, WorksWithStandardGuards) {
-    Lock lock;
-    {
-        std::lock_guard guard(lock);
-        EXPECT_TRUE(lock.owns_lock());
-    }
-    EXPECT_FALSE(lock.owns_lock());
-}
-
 TEST(LockTest, ReleasingAFreeLockAsserts) {
     Lock lock;
     EXPECT_EQ(assertMessageOf([&] { lock.unlock(); }),

@@ -170,18 +170,4 @@ TEST_F(MainLoopTest, SecondThreadCannotRunTheLoopWhileItRuns) {
     EXPECT_EQ(next.deliveries, 1);
 }
 
-TEST(ActivityManagerConfigTest, ExecutionTimeAndVirtualTimeSettings) {
-    EXPECT_EQ(config()->executionTime(), kNever);
-    config()->executionTimeIs(2.5);
-    EXPECT_EQ(config()->executionTime(), 2.5);
-    config()->executionTimeIs(std::numeric_limits<double>::quiet_NaN());
-    EXPECT_EQ(config()->executionTime(), kNever);
-    EXPECT_FALSE(config()->virtualTime());
-    config()->virtualTimeIs(true);
-    EXPECT_TRUE(config()->virtualTime());
-    config()->virtualTimeIs(false);
-    EXPECT_EQ(config()->clock(), Kiv::activityManager()->clock());
-    EXPECT_EQ(Kiv::activityManager(), Kiv::activityManager());
-}
-
 }  // namespace

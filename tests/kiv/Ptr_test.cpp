@@ -18,11 +18,6 @@ class Counted : public Kiv::PtrInterface {
     int* destroyed_;
 };
 
-class Derived : public Counted {
-  public:
-    using Counted::Counted;
-};
-
 TEST(PtrTest, LastReferenceDeletesTheObject) {
     int destroyed = 0;
     Kiv::Ptr<Counted> a(new Counted(&destroyed));
@@ -44,17 +39,6 @@ TEST(PtrTest, LastReferenceDeletesTheObject) {
     a.reset();
     EXPECT_EQ(destroyed, 1);
     EXPECT_FALSE(a);
-}
-
-TEST(PtrTest, ConvertsToBasePointer) {
-    int destroyed = 0;
-    Kiv::Ptr<Derived> derived(new Derived(&destroyed));
-    Kiv::Ptr<Counted> base = derived;
-    EXPECT_EQ(base->references(), 2);
-    derived.reset();
-    EXPECT_EQ(destroyed, 0);
-    base.reset();
-    EXPECT_EQ(destroyed, 1);
 }
 
 TEST(PtrTest, AtomicCountingSurvivesConcurrentCopies) {

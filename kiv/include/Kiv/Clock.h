@@ -31,8 +31,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-
-#include <boost/intrusive/set.hpp>
+#include <vector>
 
 namespace Kiv {
 
@@ -74,11 +73,13 @@ class Clock {
       private:
         friend class Clock;
 
+        static constexpr std::size_t kUnqueued = ~std::size_t{0};
+
         Clock* clock_;
         double timeMin_ = std::numeric_limits<double>::infinity();
-        std::uint64_t arming_ = 0;  // the clock's arming count when last armed
-        bool late_ = false;         // armed while a delivery was in progress
-        boost::intrusive::set_member_hook<> hook_;
+        std::uint64_t arming_ = 0;      // the clock's arming count when last armed
+        std::size_t slot_ = kUnqueued;  // position in its queue's heap
+        bool late_ = false;             // armed while a delivery was in progress
     };
 
     Clock() = default;
@@ -101,18 +102,30 @@ class Clock {
   private:
     friend class MainLoop;
 
-    struct Earlier {
-        bool operator()(const Notifiee& a, const Notifiee& b) const noexcept {
+    // Armed notifiees, earliest (by time, then arming) first: a binary heap
+    // whose entries know their slot, so any of them is removed in O(log n).
+    // Its storage only grows, so arming and delivering allocate nothing once
+    // the loop has warmed up.
+    class Queue {
+      public:
+        bool empty() const noexcept { return heap_.empty(); }
+        std::size_t size() const noexcept { return heap_.size(); }
+        Notifiee& front() const noexcept { return *heap_.front(); }
+        void push(Notifiee& notifiee);
+        void erase(Notifiee& notifiee) noexcept;
+
+      private:
+        static bool earlier(const Notifiee& a, const Notifiee& b) noexcept {
             return a.timeMin_ < b.timeMin_ || (a.timeMin_ == b.timeMin_ && a.arming_ < b.arming_);
         }
-    };
-    using Queue = boost::intrusive::multiset<
-        Notifiee,
-        boost::intrusive::member_hook<Notifiee, boost::intrusive::set_member_hook<>,
-                                      &Notifiee::hook_>,
-        boost::intrusive::compare<Earlier>>;
+        void place(std::size_t slot, Notifiee* notifiee) noexcept;
+        void siftUp(std::size_t slot) noexcept;
+        void siftDown(std::size_t slot) noexcept;
 
-    void link(Notifiee& notifiee) noexcept;
+        std::vector<Notifiee*> heap_;
+    };
+
+    void link(Notifiee& notifiee);
     void unlink(Notifiee& notifiee) noexcept;
 
     // Moves the clock forward to `time` (never backwards).
