@@ -16,8 +16,15 @@
 #include <Velik/KivDebug.h>
 #include <Velik/Locking.h>
 #include <Velik/Random.h>
+#include <Velik/Task.h>
+#include <Velik/TaskMaybeU32.h>
+#include <Velik/TaskPriority.h>
+#include <Velik/TaskRunQueue.h>
+#include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerEventType.h>
 #include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskSchedulerRoot.h>
+#include <Velik/TaskStatus.h>
 #include <Velik/TaskTime.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>

@@ -1,6 +1,8 @@
 #include "Velik/TaskSchedulerHistory.h"
 
 #include "Velik/Assert.h"
+#include "Velik/Task.h"
+#include "Velik/TaskScheduler.h"
 
 #include <unistd.h>
 
@@ -30,6 +32,16 @@ void TaskSchedulerHistory::insertSchedulerEvent(TaskTimePoint now, TaskScheduler
                        static_cast<unsigned>(eventType));
     VELIK_CLASS_ASSERT(eventType > lastTaskEventType, "EventType: {}", eventType);
     record(now, eventType, name);
+}
+
+void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,
+                                  const _TaskBase* task) {
+    insertTaskEvent(now, eventType, task->taskDisplayName());
+}
+
+void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,
+                                  const TaskScheduler* scheduler) {
+    insertSchedulerEvent(now, eventType, scheduler->schedulerName());
 }
 
 void TaskSchedulerHistory::capacityIs(std::uint32_t capacity) {
