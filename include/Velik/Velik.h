@@ -4,6 +4,7 @@
 #include <Velik/Assert.h>
 #include <Velik/Backtrace.h>
 #include <Velik/BacktraceTracker.h>
+#include <Velik/ConstStringCache.h>
 #include <Velik/Counters.h>
 #include <Velik/Debug.h>
 #include <Velik/Errno.h>
@@ -14,6 +15,8 @@
 #include <Velik/Fmtrace.h>
 #include <Velik/ForkHandler.h>
 #include <Velik/HashMix.h>
+#include <Velik/IntrusiveBookmarkLinkedList.h>
+#include <Velik/IntrusiveLinkedListBase.h>
 #include <Velik/KivActivityLock.h>
 #include <Velik/KivDebug.h>
 #include <Velik/LibeventAdditions.h>
@@ -23,6 +26,16 @@
 #include <Velik/Platform.h>
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
+#include <Velik/Task.h>
+#include <Velik/TaskMaybeU32.h>
+#include <Velik/TaskPriority.h>
+#include <Velik/TaskRunQueue.h>
+#include <Velik/TaskScheduler.h>
+#include <Velik/TaskSchedulerEventType.h>
+#include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskSchedulerRoot.h>
+#include <Velik/TaskStatus.h>
+#include <Velik/TaskTime.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
 #include <Velik/Timeouts.h>

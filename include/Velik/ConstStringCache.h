@@ -1,0 +1,150 @@
+// Interned, reference-counted constant strings.
+//
+// Task and scheduler names are copied into every history event and every
+// statistics record; interning makes such a copy a pointer copy and a count
+// increment, and lets a name outlive the task that gave it:
+//
+//   Velik::ConstStringRef name = Velik::ConstStringCache::forThisThread().intern("reader");
+//   Velik::ConstStringRef copy = name;       // same element, count 2
+//   fmt::print("{}\n", copy);                // reader
+//
+// The element is erased from its cache when its last reference goes. Counts
+// are plain integers: a cache and its references belong to one thread.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+namespace Velik {
+
+class ConstStringCache;
+
+// A reference to an interned string, or to none (the empty string).
+class ConstStringRef {
+  public:
+    // One interned string: its cache, its text and its reference count.
+    class Elem {
+      public:
+        Elem(ConstStringCache* cache, std::string_view str) : cache_(cache), str_(str) {}
+
+        const std::string& str() const { return str_; }
+        ConstStringCache* cache() const { return cache_; }
+        std::uint32_t refCount() const { return refCount_; }
+
+        void refCountInc() const { ++refCount_; }
+        // Lowers the count; at zero the element erases itself from its cache
+        // (and is gone when this returns). Asserts when the count is already 0.
+        void refCountDec() const;
+
+      private:
+        ConstStringCache* cache_;
+        std::string str_;
+        mutable std::uint32_t refCount_ = 0;
+    };
+
+    ConstStringRef() = default;
+    // Takes a reference on `elem` (which may be null).
+    explicit ConstStringRef(const Elem* elem) : elem_(elem) {
+        if (elem_) {
+            elem_->refCountInc();
+        }
+    }
+    ConstStringRef(const ConstStringRef& other) : ConstStringRef(other.elem_) {}
+    ConstStringRef(ConstStringRef&& other) noexcept : elem_(other.elem_) { other.elem_ = nullptr; }
+    ConstStringRef& operator=(ConstStringRef other) noexcept {
+        std::swap(elem_, other.elem_);
+        return *this;
+    }
+    ~ConstStringRef() {
+        if (elem_) {
+            elem_->refCountDec();
+        }
+    }
+
+    // The text; the empty string for a null reference.
+    const std::string& str() const { return elem_ ? elem_->str() : emptyString(); }
+    const char* c_str() const { return str().c_str(); }
+    bool isNull() const { return elem_ == nullptr; }
+    const Elem* elem() const { return elem_; }
+
+    // Equal texts. References from one cache compare by pointer.
+    friend bool operator==(const ConstStringRef& a, const ConstStringRef& b) {
+        return a.elem_ == b.elem_ || a.str() == b.str();
+    }
+
+  private:
+    static const std::string& emptyString();
+
+    const Elem* elem_ = nullptr;
+};
+
+std::ostream& operator<<(std::ostream& stream, const ConstStringRef& ref);
+
+// The set of interned strings. Destroying a cache while any of its strings is
+// still referenced is an assertion: those references would dangle.
+class ConstStringCache {
+  public:
+    ConstStringCache() = default;
+    ConstStringCache(const ConstStringCache&) = delete;
+    ConstStringCache& operator=(const ConstStringCache&) = delete;
+    ~ConstStringCache();
+
+    // A reference to the element with the bytes of `str`, created if needed.
+    ConstStringRef intern(std::string_view str);
+
+    // The number of distinct strings held.
+    std::size_t size() const { return elems_.size(); }
+
+    // The calling thread's cache, which every scheduler of the thread uses.
+    // Created on first use; destroyed when the thread ends.
+    static ConstStringCache& forThisThread();
+
+  private:
+    friend class ConstStringRef::Elem;
+
+    struct ElemHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view s) const {
+            return std::hash<std::string_view>()(s);
+        }
+        std::size_t operator()(const ConstStringRef::Elem& e) const { return (*this)(e.str()); }
+    };
+    struct ElemEqual {
+        using is_transparent = void;
+        static std::string_view view(std::string_view s) { return s; }
+        static std::string_view view(const ConstStringRef::Elem& e) { return e.str(); }
+        template <typename A, typename B>
+        bool operator()(const A& a, const B& b) const {
+            return view(a) == view(b);
+        }
+    };
+
+    // Removes `elem`, whose count has reached 0. Asserts when it is not here.
+    void eraseElem(const ConstStringRef::Elem& elem);
+
+    std::unordered_set<ConstStringRef::Elem, ElemHash, ElemEqual> elems_;
+};
+
+}  // namespace Velik
+
+template <>
+struct std::hash<Velik::ConstStringRef> {
+    std::size_t operator()(const Velik::ConstStringRef& ref) const {
+        return std::hash<std::string>()(ref.str());
+    }
+};
+
+template <>
+struct fmt::formatter<Velik::ConstStringRef> : fmt::formatter<fmt::string_view> {
+    template <typename Context>
+    auto format(const Velik::ConstStringRef& ref, Context& context) const {
+        return fmt::formatter<fmt::string_view>::format(ref.str(), context);
+    }
+};

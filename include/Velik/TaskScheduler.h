@@ -1,0 +1,163 @@
+// The task scheduler: the registered tasks of one group of work on one
+// thread, a run queue per priority, and one task run per scheduler run.
+//
+// A scheduler does not wait for events. When it has runnable tasks it asks,
+// through `requestSchedulerRun()`, to be run soon: the thread's
+// `TaskSchedulerRoot` answers with a deferred callback of the event platform,
+// a task group by scheduling its parent task in the scheduler above. Each
+// `handleSchedulerRun()` picks one task, strictly by priority except for the
+// starvation rule (`attemptLowerPriorityBump`), runs it, and requests the
+// next run; the scheduler goes idle when a run finds every queue empty.
+//
+// Schedulers are owned by shared pointers (each task holds one) and belong to
+// the thread of their root. Scheduling, picking and running allocate nothing.
+#pragma once
+
+#include <Velik/ConstStringCache.h>
+#include <Velik/IntrusiveBookmarkLinkedList.h>
+#include <Velik/Task.h>
+#include <Velik/TaskPriority.h>
+#include <Velik/TaskRunQueue.h>
+#include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskTime.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+namespace Velik {
+
+class TaskSchedulerRoot;
+
+class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+  public:
+    static constexpr const char* traceClassName = "TaskScheduler";
+    using TaskList = BookmarkList<TaskImpl, &TaskImpl::taskRegisteredLink_>;
+    static constexpr TaskTimeDuration defaultTaskQuantumInitial = std::chrono::milliseconds(20);
+
+    // Empty lists and queues, a default quantum of 20 ms, not runnable. The
+    // derived class registers itself with `root` (the root points at itself).
+    TaskScheduler(std::string_view name, TaskSchedulerRoot* root,
+                  std::shared_ptr<TaskSchedulerHistory> history);
+    TaskScheduler(const TaskScheduler&) = delete;
+    TaskScheduler& operator=(const TaskScheduler&) = delete;
+
+    // Whether a sliced statistics reset is under way.
+    virtual bool resetStatsInProgress() const { return false; }
+    // Asks to be run soon (once; repeated requests may coalesce).
+    virtual void requestSchedulerRun() = 0;
+    // Called when the set of tasks with forced test yield turns empty or
+    // non-empty.
+    virtual void handleTaskForceYieldInTest() = 0;
+    // Adds a newly constructed task (from its `handleInitialized`).
+    virtual void taskRegister(TaskImpl* task);
+    // All tasks must have been unregistered.
+    virtual ~TaskScheduler();
+
+    // Removes a task that is being destroyed; it must not be queued.
+    void taskUnregister(TaskImpl* task);
+
+    // --- Running ---
+
+    // One scheduler run: picks one task and runs it, then requests the next
+    // run; with nothing to pick the scheduler turns idle. An exception from
+    // the task passes through.
+    void handleSchedulerRun();
+    // The next task to run, from priority `from` down, unlinked from its
+    // queue; null when every queue from `from` on is empty.
+    TaskImpl* pickOneTask(TaskTimePoint now, TaskPriority from);
+    // The starvation guard: whether priority `p`, picked `n` times in a row,
+    // gives way to the waiting lower-priority work this time.
+    bool attemptLowerPriorityBump(TaskPriority p, std::uint32_t n) const;
+
+    bool schedulerHasRunnableTasks() const { return schedulerHasRunnableTasks_; }
+    // Turning runnable requests a run; turning idle is recorded.
+    void schedulerHasRunnableTasksIs(bool runnable, TaskTimePoint now);
+    void requestSchedulerRunAndRecord(TaskTimePoint now);
+    // Measures the delay from the last run request to now.
+    void checkSchedulerLatency();
+
+    // The queue moves of a task group pass, over all five queues.
+    void taskRunQueuesMovePersistentToTemporary();
+    void taskRunQueuesMoveTemporaryToPersistent();
+
+    // Keeps the set of tasks with forced test yield; see
+    // `handleTaskForceYieldInTest`.
+    void taskForceYieldInTestNotify(TaskImpl* task, bool on);
+    std::size_t taskForceYieldInTestCount() const { return forceYieldTasks_.size(); }
+
+    // The task currently in `taskDoRun`, if any.
+    TaskImpl* currentlyRunningTask() const;
+
+    // --- Counts ---
+
+    std::uint32_t tasksPerPriority(TaskPriority priority) const;
+    void tasksPerPriorityInc(TaskPriority priority);
+    void tasksPerPriorityDec(TaskPriority priority);
+    std::uint32_t completedTasksPerPriority(TaskPriority priority) const;
+    void completedTasksPerPriorityInc(TaskPriority priority);
+    void completedTasksPerPriorityDec(TaskPriority priority);
+    // Tasks waiting on the queue of `priority` (or on all queues).
+    std::uint32_t runnableTaskCount(TaskPriority priority) const;
+    std::uint32_t runnableTaskCount() const;
+    // Tasks picked from the queue of `priority` since the counters' baseline.
+    std::uint64_t runTaskCount(TaskPriority priority) const;
+
+    // --- Attributes ---
+
+    const ConstStringRef& schedulerName() const { return schedulerName_; }
+    TaskSchedulerRoot* root() const { return root_; }
+    const std::shared_ptr<TaskSchedulerHistory>& history() const { return history_; }
+    const TaskList& tasks() const { return tasks_; }
+    TaskRunQueue& taskRunQueue(TaskPriority priority);
+    const TaskRunQueue& taskRunQueue(TaskPriority priority) const;
+
+    TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
+    void defaultTaskQuantumIs(TaskTimeDuration quantum) { defaultTaskQuantum_ = quantum; }
+    TaskTimeDuration maxSchedulerSlip() const { return maxSchedulerSlip_; }
+    TaskTimePoint lastRunRequestTime() const { return lastRunRequestTime_; }
+    void lastRunRequestTimeIs(TaskTimePoint time) { lastRunRequestTime_ = time; }
+    TaskTimePoint currentRunTime() const { return currentRunTime_; }
+    // Framework time (seconds) at which the current run began, for tasks that
+    // yield on the framework clock.
+    double frameworkRunStartTime() const { return frameworkRunStartTime_; }
+    void frameworkRunStartTimeIs(double time) { frameworkRunStartTime_ = time; }
+
+    // The registered task named `name` (first in list order), or null.
+    TaskImpl* taskForTest(std::string_view name) const;
+
+    // Records a scheduler event in the history.
+    void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
+
+  private:
+    friend class TaskImpl;
+
+    static std::size_t indexOf(TaskPriority priority);
+    void checkPriority(TaskPriority priority, const char* function) const;
+
+    ConstStringRef schedulerName_;
+    TaskSchedulerRoot* root_;
+    std::shared_ptr<TaskSchedulerHistory> history_;
+    TaskList tasks_;
+    std::array<TaskRunQueue, taskPriorityCount> taskRunQueues_;
+    TaskTimePoint lastRunRequestTime_{};
+    TaskTimePoint currentRunTime_{};
+    TaskTimeDuration defaultTaskQuantum_ = defaultTaskQuantumInitial;
+    TaskTimeDuration maxSchedulerSlip_{0};
+    double frameworkRunStartTime_ = 0.0;
+    // Indexed by priority; fixed arrays, so counting never allocates.
+    std::array<std::uint32_t, taskPriorityCount> tasksPerPriority_{};
+    std::array<std::uint32_t, taskPriorityCount> completedTasksPerPriority_{};
+    bool schedulerHasRunnableTasks_ = false;
+    std::shared_ptr<_TaskBase> currentlyRunning_;
+    std::unordered_set<TaskImpl*> forceYieldTasks_;
+};
+
+// Prints the scheduler's name.
+std::ostream& operator<<(std::ostream& stream, const TaskScheduler* scheduler);
+
+}  // namespace Velik

@@ -1,0 +1,148 @@
+// The per-thread scheduler root.
+//
+// Each thread that runs tasks has one root, `schedulerRootVelik()`. It is the
+// thread's top scheduler (tasks may be created on it directly), it knows
+// every scheduler of the thread, owns the thread's event history, and joins
+// the scheduling core to the event platform: a run request asks its callback
+// control for a deferred callback, and each callback performs one scheduler
+// run. It also holds the thread-wide switches: suspension, thread checking,
+// virtual time and the forced test yield ratio.
+//
+//   auto root = Velik::schedulerRootVelik();
+//   auto task = std::make_shared<MyTask>(root.get());
+//   task->scheduleTask();        // requests a callback
+//   Velik::doLeEventLoop();      // runs the task, one per callback
+#pragma once
+
+#include <Velik/Platform.h>
+#include <Velik/TaskScheduler.h>
+
+#include <sys/types.h>
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace Velik {
+
+class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler {
+  public:
+    static constexpr const char* traceClassName = "TaskSchedulerRoot";
+    static constexpr std::uint32_t historyCapacityInitial = 100;
+
+    // Makes the root's callback control; given the root as handler.
+    using CallbackControlFactory =
+        std::function<std::shared_ptr<Platform::CallbackControl>(Platform::CallbackHandler*)>;
+
+    // A root on the calling thread, with its callback control from the
+    // platform of the thread.
+    explicit TaskSchedulerRoot(std::string_view name);
+    // The same with the callback control from `factory` (tests drive the root
+    // through a control of their own).
+    TaskSchedulerRoot(std::string_view name, const CallbackControlFactory& factory);
+    ~TaskSchedulerRoot() override;
+
+    // --- Scheduling ---
+
+    // Asks the callback control for a callback, unless suspended.
+    void requestSchedulerRun() override;
+    void handleTaskForceYieldInTest() override {}
+    void taskRegister(TaskImpl* task) override { TaskScheduler::taskRegister(task); }
+    // The platform's callback: one scheduler run.
+    void callback() override;
+    // Follows the framework's virtual-time flag (main thread only), then runs
+    // the scheduler once.
+    void handleSchedulerRun();
+
+    const std::shared_ptr<Platform::CallbackControl>& callbackControl() const {
+        return callbackControl_;
+    }
+
+    // --- The thread's schedulers ---
+
+    void registerScheduler(TaskScheduler* scheduler);
+    void unregisterScheduler(TaskScheduler* scheduler);
+    const std::set<TaskScheduler*>& schedulers() const { return schedulers_; }
+    // Registered tasks of every scheduler, bookmarks excluded.
+    std::size_t totalRegisteredTaskCount() const;
+    // Registered schedulers other than the root.
+    std::size_t taskGroupCount() const;
+    // The first scheduler (in address order) named `name`; empty if none.
+    std::shared_ptr<TaskScheduler> findSchedulerForTest(std::string_view name);
+    std::shared_ptr<const TaskScheduler> findSchedulerForTest(std::string_view name) const;
+
+    // --- Thread-wide switches ---
+
+    bool suspended() const { return suspended_; }
+    // Suspends every scheduler of the root; unsuspending requests a run.
+    void suspendedIs(bool suspended);
+
+    // Asserts "Executing in wrong thread ..." unless called on the creating
+    // thread, or checking is disabled, or auxiliary threads are counted, or
+    // the process has forked since.
+    void sanityCheckCurrentRunningThread() const;
+    bool threadSanityDisabled() const { return threadSanityDisabled_; }
+    void threadSanityDisabledIs(bool disabled);
+    // The calling thread's name.
+    static std::string currentThreadName();
+
+    bool virtualTime() const { return virtualTime_; }
+    void virtualTimeIs(bool virtualTime);
+    // Whether runs follow the framework's virtual-time flag (main thread).
+    bool followVirtualTime() const { return followVirtualTime_; }
+
+    std::uint8_t taskTestYieldRatio() const { return taskTestYieldRatio_; }
+    void taskTestYieldRatioIs(std::uint8_t ratio);
+    // Re-evaluates the yield mode of every task of every scheduler.
+    void taskShouldYieldModeReevaluate();
+
+    // A pseudo-random 0..100 (100 is rare) from the root's own seed, which
+    // starts at 0: the same sequence in every new root.
+    unsigned randomPercent();
+
+    // `checkSchedulerLatency`, then marks now as the last run request.
+    void doUpdateSchedulerLatency();
+
+    pthread_t threadId() const { return threadId_; }
+    pid_t pid() const { return pid_; }
+    const char* threadName() const { return threadName_; }
+
+    // --- History ---
+
+    std::uint32_t historyEntryCount() const;
+    void historyEntryCountIs(std::uint32_t count);
+    void clearHistory();
+    void historyRenderTextForDebug(std::ostream& stream) const;
+    std::string historyRenderTextForDebugToString() const;
+    void historyRenderTextForDebugStdErr() const;
+    void historyRenderTextForDebug(int fd) const;
+
+  private:
+    std::set<TaskScheduler*> schedulers_;
+    std::shared_ptr<Platform::CallbackControl> callbackControl_;
+    pthread_t threadId_;
+    pid_t pid_;
+    char threadName_[16] = {};
+    bool threadSanityDisabled_ = false;
+    bool suspended_ = false;
+    bool virtualTime_ = false;
+    bool followVirtualTime_ = false;
+    std::uint8_t taskTestYieldRatio_ = 0;
+    unsigned randomSeed_ = 0;
+};
+
+// A new root owned by a shared pointer.
+std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs(std::string_view name);
+// A new root not bound to any thread slot.
+std::shared_ptr<TaskSchedulerRoot> schedulerRootVelikNonShared(std::string_view name);
+// The calling thread's root, created on the first call ("main" on the main
+// thread, "thread:<pthread id>" elsewhere) and released when the thread ends.
+std::shared_ptr<TaskSchedulerRoot> schedulerRootVelik();
+
+}  // namespace Velik

@@ -1,0 +1,407 @@
+#include "Velik/Task.h"
+
+#include "Velik/Assert.h"
+#include "Velik/Fmtrace.h"
+#include "Velik/TaskScheduler.h"
+#include "Velik/TaskSchedulerRoot.h"
+
+#include "Kiv/System.h"
+#include "Kiv/Ticks.h"
+
+#include <exception>
+
+#include "SchedulerSourceName.h"
+
+namespace Velik {
+
+namespace {
+
+ConstStringRef intern(std::string_view text) {
+    return ConstStringCache::forThisThread().intern(text);
+}
+
+}  // namespace
+
+std::string TaskKey::toStrep() const {
+    return fmt::format("{:#x}", value_);
+}
+
+// --- _TaskBase ---
+
+_TaskBase::_TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
+    : scheduler_(scheduler ? scheduler->shared_from_this() : nullptr),
+      taskName_(intern(name)),
+      taskStatsName_(taskName_),
+      taskDisplayName_(intern(fmt::format("{} {}", oneCharString(priority), name))),
+      taskPriority_(priority) {}
+
+_TaskBase::~_TaskBase() = default;
+
+std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
+    return stream << task->taskDisplayName();
+}
+
+// --- Construction and destruction ---
+
+TaskImpl::TaskImpl(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
+    : _TaskBase(scheduler, priority, name) {
+    if (scheduler) {
+        taskQuantum_ = scheduler->defaultTaskQuantum();
+    }
+    taskMagicNumber_ = taskMagicNumberConstructed;
+    includeInCompletedTaskIs(true);
+    taskShouldYieldModeReevaluate();
+    handleInitialized();
+}
+
+void TaskImpl::handleInitialized() {
+    VELIK_CLASS_ASSERT(scheduler_ != nullptr, "{}", "Need a TaskScheduler");
+    scheduler_->taskRegister(this);
+}
+
+void TaskImpl::handleDestroy() {
+    unscheduleTask();
+    scheduler_->taskUnregister(this);
+    taskMagicNumber_ = taskMagicNumberDestroyed;
+}
+
+TaskImpl::~TaskImpl() {
+    // noexcept: an assertion that throws here ends the process.
+    taskForceYieldInTestIs(false);
+    if (scheduler_) {
+        unscheduleTask();
+        if (taskRegisteredLink_.isLinked()) {  // not after handleDestroy
+            scheduler_->taskUnregister(this);
+        }
+    }
+    taskMagicNumber_ = taskMagicNumberDestroyed;
+    TaskRunQueue::TaskList::remove(*this);
+    TaskScheduler::TaskList::remove(*this);
+}
+
+TaskSchedulerRoot* TaskImpl::root() const {
+    return scheduler_ ? scheduler_->root() : nullptr;
+}
+
+void TaskImpl::sanityCheckCurrentRunningThread() const {
+    if (TaskSchedulerRoot* r = root()) {
+        r->sanityCheckCurrentRunningThread();
+    }
+}
+
+void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const {
+    scheduler_->history()->insert(now, type, this);
+}
+
+// --- Scheduling ---
+
+void TaskImpl::scheduleTask() {
+    sanityCheckCurrentRunningThread();
+    if (taskRunQueueLink_.isLinked()) {
+        return;
+    }
+    TaskTimePoint now = taskSteadyNow();
+    if (taskSuspended()) {
+        // Dropped: unsuspending queues the task anyway.
+        recordHistory(now, TaskSchedulerEventType::scheduleSus);
+        return;
+    }
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Scheduled {}", taskDisplayName());
+    recordHistory(now, TaskSchedulerEventType::schedule);
+    taskScheduledTime_ = now;
+    TaskRunQueue& queue = scheduler_->taskRunQueue(taskPriority_);
+    queue.persistent.pushBack(*this);
+    ++queue.queuedCount;
+    scheduler_->schedulerHasRunnableTasksIs(true, now);
+    taskBusyIs(taskScheduled(), now);
+}
+
+void TaskImpl::unscheduleTask() {
+    unscheduleTaskPrivate(taskSteadyNow());
+}
+
+void TaskImpl::unscheduleTaskPrivate(TaskTimePoint now) {
+    if (!taskRunQueueLink_.isLinked()) {
+        return;
+    }
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Unscheduled {}", taskDisplayName());
+    recordHistory(now, TaskSchedulerEventType::unschedule);
+    TaskRunQueue::TaskList::remove(*this);
+    schedulingLatencyIs(now);
+    --scheduler_->taskRunQueue(taskPriority_).queuedCount;
+}
+
+void TaskImpl::schedulingLatencyIs(TaskTimePoint now) {
+    lastSchedulingLatency_ = now - taskScheduledTime_;
+    if (lastSchedulingLatency_ > schedulingLatencyHighWaterMark_) {
+        schedulingLatencyHighWaterMark_ = lastSchedulingLatency_;
+    }
+}
+
+bool TaskImpl::taskScheduled() const {
+    sanityCheckCurrentRunningThread();
+    return taskRunQueueLink_.isLinked();
+}
+
+void TaskImpl::taskSuspendedIs(bool suspended) {
+    if (suspended == taskSuspended()) {
+        return;
+    }
+    flags_ = suspended ? (flags_ | suspendedFlag) : (flags_ & ~suspendedFlag);
+    TaskTimePoint now = taskSteadyNow();
+    if (suspended) {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "Suspend {}", taskDisplayName());
+        recordHistory(now, TaskSchedulerEventType::suspendOn);
+        unscheduleTask();
+    } else {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "Unsuspend {}", taskDisplayName());
+        recordHistory(now, TaskSchedulerEventType::suspendOff);
+        if (!taskScheduled()) {
+            scheduleTask();
+        }
+    }
+}
+
+void TaskImpl::taskBusyIs(bool busy, TaskTimePoint now) {
+    if (busy == taskBusy_) {
+        return;
+    }
+    taskBusy_ = busy;
+    recordHistory(now, busy ? TaskSchedulerEventType::busy : TaskSchedulerEventType::idle);
+    handleTaskBusy();
+}
+
+// --- Quantum and yielding ---
+
+void TaskImpl::taskQuantumIs(TaskTimeDuration quantum) {
+    VELIK_CLASS_ASSERT(quantum <= taskQuantumMax, "Quantum: {}", quantum.count());
+    taskQuantumNoCheckIs(quantum);
+}
+
+void TaskImpl::taskQuantumNoCheckIs(TaskTimeDuration quantum) {
+    if (quantum == taskQuantum_) {
+        return;
+    }
+    VELIK_CLASS_ASSERT(quantum.count() > 0, "Quantum: {}", quantum.count());
+    taskQuantum_ = quantum;
+    // Only a quantum of its own is worth noting at the registration level.
+    unsigned level = scheduler_ && quantum == scheduler_->defaultTaskQuantum() ? 9 : 4;
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, level, "Set quantum {} to {}", taskDisplayName(),
+                quantum.count());
+}
+
+bool TaskImpl::taskShouldYield() const {
+    // noexcept by contract: a failure here must not unwind into the task's
+    // inner loop.
+    try {
+        VELIK_CLASS_ASSERT(taskCurrentlyRunning_ || taskRunCount_ == 0,
+                           "taskCurrentlyRunning: {} taskRunCount: {}", taskCurrentlyRunning_,
+                           taskRunCount_);
+        switch (taskShouldYieldMode_) {
+            case TaskShouldYieldMode::ticks: {
+                // The window first: its one-time calibration must not fall
+                // between the tick reading and the test.
+                const std::uint64_t window = Kiv::ticksPer500Microseconds();
+                const std::uint64_t t = Kiv::ticks();
+                if (t >= taskYieldCheckTicks_ && t < taskYieldCheckTicks_ + window) {
+                    return false;
+                }
+                taskYieldCheckTicks_ = t;
+                TaskTimePoint now = taskSteadyNow();
+                if (now < taskRunStartTime_ || now - taskRunStartTime_ >= taskQuantum_) {
+                    taskYieldCheckTicks_ = 0;
+                    return true;
+                }
+                return false;
+            }
+            case TaskShouldYieldMode::frameworkTime:
+                return Kiv::System::currentTime() - scheduler_->frameworkRunStartTime() >=
+                       static_cast<double>(taskQuantum_.count()) / 1e9;
+            case TaskShouldYieldMode::testRatio:
+                if (taskTestYieldRatioEffective_ == 0) {  // mode set by hand
+                    return false;
+                }
+                ++taskTestYieldCounter_;  // modulo 256 by its width
+                return taskTestYieldCounter_ % taskTestYieldRatioEffective_ == 0;
+        }
+        VELIK_CLASS_ASSERT(false, "Unexpected value {}",
+                           static_cast<unsigned>(taskShouldYieldMode_));
+    } catch (...) {
+        std::terminate();
+    }
+    return false;
+}
+
+void TaskImpl::taskShouldYieldModeReevaluate() {
+    TaskSchedulerRoot* r = root();
+    std::uint8_t ratio = taskTestYieldRatio_ ? taskTestYieldRatio_
+                         : r                 ? r->taskTestYieldRatio()
+                                             : 0;
+    taskTestYieldRatioEffectiveIs(ratio);
+    if (ratio != 0) {
+        taskShouldYieldMode_ = TaskShouldYieldMode::testRatio;
+    } else if (r && r->virtualTime()) {
+        if (taskShouldYieldMode_ != TaskShouldYieldMode::frameworkTime && taskCurrentlyRunning_) {
+            scheduler_->frameworkRunStartTimeIs(Kiv::System::currentTime());
+        }
+        taskShouldYieldMode_ = TaskShouldYieldMode::frameworkTime;
+    } else {
+        taskShouldYieldMode_ = TaskShouldYieldMode::ticks;
+    }
+}
+
+void TaskImpl::taskTestYieldRatioIs(std::uint8_t ratio) {
+    if (ratio == taskTestYieldRatio_) {
+        return;
+    }
+    taskTestYieldRatio_ = ratio;
+    if (scheduler_) {
+        recordHistory(taskSteadyNow(), ratio ? TaskSchedulerEventType::frcYieldOn
+                                             : TaskSchedulerEventType::frcYieldOff);
+    }
+    taskShouldYieldModeReevaluate();
+}
+
+void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
+    if (ratio == taskTestYieldRatioEffective_) {
+        return;
+    }
+    bool wasOn = taskTestYieldRatioEffective_ != 0;
+    taskTestYieldRatioEffective_ = ratio;
+    taskTestYieldCounter_ = 0;
+    if (scheduler_ && wasOn != (ratio != 0)) {
+        scheduler_->taskForceYieldInTestNotify(this, ratio != 0);
+    }
+}
+
+// --- Running ---
+
+void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
+    recordHistory(now, TaskSchedulerEventType::runStart);
+    VELIK_CLASS_ASSERT(!taskRunQueueLink_.isLinked(), "{}", taskDisplayName());
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Running {}", taskDisplayName());
+    taskRunStartTime_ = now;
+    const bool frameworkClock = taskShouldYieldMode_ == TaskShouldYieldMode::frameworkTime;
+    if (frameworkClock) {
+        scheduler_->frameworkRunStartTimeIs(Kiv::System::currentTime());
+    }
+    ++taskRunCount_;
+    taskCurrentlyRunning_ = true;
+    taskExecute();
+    taskCurrentlyRunning_ = false;
+    VELIK_CLASS_ASSERT(taskMagicNumber_ == taskMagicNumberConstructed,
+                       "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}",
+                       taskDisplayName(), taskMagicNumber_, taskMagicNumberConstructed);
+    endTime = taskSteadyNow();
+    TaskTimeDuration elapsed = endTime - taskRunStartTime_;
+    if (frameworkClock) {
+        double seconds = Kiv::System::currentTime() - scheduler_->frameworkRunStartTime();
+        VELIK_CLASS_ASSERT(seconds >= 0.0, "negative framework run time {}", seconds);
+        elapsed = TaskTimeDuration(static_cast<std::int64_t>(seconds * 1e9));
+    }
+    recordRunTime(elapsed);
+    recordHistory(endTime, TaskSchedulerEventType::runEnd);
+    taskBusyIs(taskScheduled(), endTime);
+}
+
+void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {
+    if (taskQuantum_.count() != 0 && elapsed >= 2 * taskQuantum_) {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "Ran {} used {} {}% violation", taskDisplayName(),
+                    elapsed.count(), elapsed.count() * 100 / taskQuantum_.count());
+        if (elapsed < 5 * taskQuantum_) {
+            ++qv200_;
+        } else {
+            ++qv500_;
+        }
+    } else {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 7, "Ran {} used {}", taskDisplayName(), elapsed.count());
+    }
+    if (elapsed > taskMaxRunTime_) {
+        taskMaxRunTime_ = elapsed;
+    }
+    taskTotalRunTime_ += elapsed;
+}
+
+void TaskImpl::taskRunAndRecordFromTest() {
+    TaskTimePoint now = taskSteadyNow();
+    unscheduleTaskPrivate(now);
+    TaskTimePoint endTime;
+    taskDoRun(now, endTime);
+}
+
+void TaskImpl::taskRunFromTest() {
+    // Runs through the same path, then puts the counters back as they were.
+    const auto runCount = taskRunCount_;
+    const auto totalRunTime = taskTotalRunTime_;
+    const auto maxRunTime = taskMaxRunTime_;
+    const auto qv200 = qv200_;
+    const auto qv500 = qv500_;
+    taskRunAndRecordFromTest();
+    taskRunCount_ = runCount;
+    taskTotalRunTime_ = totalRunTime;
+    taskMaxRunTime_ = maxRunTime;
+    qv200_ = qv200;
+    qv500_ = qv500;
+}
+
+TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
+    return taskCurrentlyRunning_ ? taskSteadyNow() - taskRunStartTime_ : TaskTimeDuration(0);
+}
+
+TaskStatus TaskImpl::taskStatus() const {
+    TaskStatus status;
+    status.taskCurrentlyRunningIs(taskCurrentlyRunning_);
+    status.taskOnRunQueueIs(taskRunQueueLink_.isLinked());
+    status.taskSuspendedIs(taskSuspended());
+    status.taskIsTaskGroupIs(isTaskGroup());
+    return status;
+}
+
+// --- Statistics ---
+
+void TaskImpl::taskStatsNameIs(const std::string& name) {
+    taskStatsName_ = intern(name);
+}
+
+void TaskImpl::includeInCompletedTaskIs(bool include) {
+    flags_ = include ? (flags_ | includeInCompletedFlag) : (flags_ & ~includeInCompletedFlag);
+}
+
+void TaskImpl::taskWorkCountInc(std::uint64_t count) {
+    workCountTotal_ += count;
+    const auto sample = static_cast<std::uint32_t>(count);
+    if (!workCountHighWaterMark_.hasValue()) {
+        workCountDecayAvg_ = static_cast<float>(count);
+        workCountHighWaterMark_.sampleIs(sample);
+        return;
+    }
+    workCountDecayAvg_ = (9.0f * workCountDecayAvg_ + static_cast<float>(count)) / 10.0f;
+    if (count > workCountHighWaterMark_.value()) {
+        workCountHighWaterMark_.sampleIs(sample);
+    }
+}
+
+void TaskImpl::taskWorkPendingIs(std::uint32_t pending) {
+    workPending_ = pending;
+    if (!workPendingHighWaterMark_.hasValue() || pending > workPendingHighWaterMark_.value()) {
+        workPendingHighWaterMark_.sampleIs(pending);
+    }
+}
+
+void TaskImpl::taskResetStats() {
+    taskRunCount_ = 0;
+    taskTotalRunTime_ = TaskTimeDuration(0);
+    workCountTotal_ = 0;
+    workCountDecayAvg_ = 0.0f;
+    workPending_ = 0;
+    qv500_ = 0;
+    qv200_ = 0;
+    taskMaxRunTime_ = TaskTimeDuration(0);
+    lastSchedulingLatency_ = TaskTimeDuration(0);
+    schedulingLatencyHighWaterMark_ = TaskTimeDuration(0);
+    workCountHighWaterMark_.clear();
+    workPendingHighWaterMark_.clear();
+    handleResetStats();
+}
+
+}  // namespace Velik
