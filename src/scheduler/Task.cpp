@@ -10,7 +10,6 @@
 
 #include <exception>
 
-#include "SchedulerSourceName.h"
 
 namespace Velik {
 

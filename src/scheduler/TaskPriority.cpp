@@ -2,7 +2,6 @@
 
 #include "Velik/Assert.h"
 
-#include "SchedulerSourceName.h"
 
 namespace Velik {
 

@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "SchedulerSourceName.h"
 
 namespace Velik {
 

@@ -4,7 +4,6 @@
 
 #include <array>
 
-#include "SchedulerSourceName.h"
 
 namespace Velik {
 

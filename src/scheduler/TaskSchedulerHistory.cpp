@@ -10,7 +10,6 @@
 #include <iostream>
 #include <sstream>
 
-#include "SchedulerSourceName.h"
 
 namespace Velik {
 

@@ -11,7 +11,6 @@
 
 #include <cstdlib>
 
-#include "SchedulerSourceName.h"
 
 namespace Velik {
 
