@@ -19,11 +19,13 @@
 #include <Velik/IntrusiveLinkedListBase.h>
 #include <Velik/KivActivityLock.h>
 #include <Velik/KivDebug.h>
+#include <Velik/KivPlatform.h>
 #include <Velik/LibeventAdditions.h>
 #include <Velik/LibeventFactory.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Platform.h>
+#include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
 #include <Velik/Task.h>
