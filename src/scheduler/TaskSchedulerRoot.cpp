@@ -2,7 +2,7 @@
 
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
-#include "Velik/LibeventFactory.h"
+#include "Velik/PlatformSelection.h"
 #include "Velik/Thread.h"
 
 #include "Kiv/ActivityManager.h"
@@ -19,7 +19,7 @@ namespace {
 // The root's deferred-callback control on the calling thread's platform.
 std::shared_ptr<Platform::CallbackControl> platformCallbackControl(
     Platform::CallbackHandler* handler) {
-    return getLeCallbackControl(handler);
+    return Platform::getCallbackControl(handler);
 }
 
 bool frameworkVirtualTime() {
