@@ -183,7 +183,8 @@ event_base* leEventBase();
 // gives the thread a base when it has none.
 void leForkReinit();
 // Frees the thread's base and forgets it; nothing when there is none. The
-// thread's controls must be destroyed first.
+// thread's controls must be destroyed first. A registered base is freed at
+// thread exit anyway, after the thread-local objects made after it.
 void leFree();
 // Records `isMainThread()` in the thread's main-thread flag.
 void setMainThread();

@@ -105,10 +105,23 @@ event_base* leCreateBase() {
     return base;
 }
 
+namespace {
+
+// Frees the thread's base when the thread ends. Made when the base is
+// registered, so thread-local objects made later that hold controls on the
+// base (the thread's scheduler root, for one) are destroyed before it.
+struct ThreadBaseReleaser {
+    ~ThreadBaseReleaser() { leFree(); }
+};
+
+}  // namespace
+
 void leRegisterBase(event_base* base) {
     VELIK_ASSERT(threadBase == nullptr || threadBase == base,
                  "Tried to register a base:{} but a thread_local  base already exists: {}",
                  fmt::ptr(base), fmt::ptr(threadBase));
+    static thread_local ThreadBaseReleaser releaser;
+    (void)releaser;
     threadBase = base;
     setMainThread();
 }

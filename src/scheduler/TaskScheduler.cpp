@@ -210,7 +210,14 @@ void TaskScheduler::handleSchedulerRun() {
         ~ReleaseRunning() { std::shared_ptr<_TaskBase> last = std::exchange(slot, nullptr); }
     } release{currentlyRunning_};
     TaskTimePoint endTime;
-    task->taskDoRun(now, endTime);
+    try {
+        task->taskDoRun(now, endTime);
+    } catch (...) {
+        // The exception goes on to the loop's caller; the next run is still
+        // requested, so work queued meanwhile (or later) is not stranded.
+        requestSchedulerRun();
+        throw;
+    }
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "{} Scheduler completed task, request run",
                 schedulerName_);
     lastRunRequestTime_ = endTime;

@@ -1,6 +1,6 @@
 // Runs a test body on a fresh thread that uses thread-local singletons, as
-// libevent-platform threads do: its own event base (freed at the end) and a
-// virtual time offset of zero.
+// libevent-platform threads do: its own event base (freed at thread exit,
+// after the thread's root) and a virtual time offset of zero.
 #pragma once
 
 #include <Velik/LibeventFactory.h>
@@ -21,7 +21,6 @@ inline void onLoopThread(const std::function<void()>& body) {
         } catch (...) {
             failure = std::current_exception();
         }
-        Velik::leFree();
     });
     thread.join();
     if (failure) {

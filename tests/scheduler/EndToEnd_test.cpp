@@ -1,0 +1,177 @@
+// Tasks on the thread's root, run by the platform's own event loop, on both
+// platforms: the framework on the main thread, libevent on a thread with
+// thread-local singletons.
+#include <Velik/PlatformSelection.h>
+#include <Velik/TaskSchedulerRoot.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/LoopThread.h"
+#include "scheduler/SchedulerFixture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Velik::TaskPriority;
+using VelikTest::ProbeTask;
+
+enum class Family { framework, libevent };
+
+std::string familyName(const testing::TestParamInfo<Family>& info) {
+    return info.param == Family::framework ? "Framework" : "Libevent";
+}
+
+class EndToEnd : public testing::TestWithParam<Family> {
+  protected:
+    void onPlatform(const std::function<void()>& body) {
+        if (GetParam() == Family::libevent) {
+            VelikTest::onLoopThread(body);
+        } else {
+            body();
+        }
+    }
+};
+
+class LoggingTimer : public Velik::Platform::TimeoutHandler {
+  public:
+    explicit LoggingTimer(std::vector<std::string>* log) : log_(log) {}
+    void timeout() override { log_->push_back("timer"); }
+
+  private:
+    std::vector<std::string>* log_;
+};
+
+class LoggingReader : public Velik::Platform::FdEventHandler {
+  public:
+    explicit LoggingReader(std::vector<std::string>* log) : log_(log) {}
+    void readFdEvent(int fd) override {
+        char buf[16];
+        (void)!read(fd, buf, sizeof buf);
+        log_->push_back("fd");
+        control->setReads(false);
+    }
+    void writeFdEvent(int) override {}
+    std::shared_ptr<Velik::Platform::FdControl> control;
+
+  private:
+    std::vector<std::string>* log_;
+};
+
+size_t indexOf(const std::vector<std::string>& log, const std::string& what) {
+    return std::find(log.begin(), log.end(), what) - log.begin();
+}
+
+TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
+    onPlatform([] {
+        auto root = Velik::schedulerRootVelik();
+        std::vector<std::string> log;
+        auto task = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "t", &log);
+        int slices = 200;
+        task->body = [&](ProbeTask& self) {
+            if (--slices > 0) {
+                self.scheduleTask();
+            }
+        };
+
+        LoggingTimer timerHandler(&log);
+        auto timer = Velik::Platform::getTimerControl(&timerHandler);
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        LoggingReader reader(&log);
+        reader.control = Velik::Platform::getFdControl(&reader);
+        reader.control->setFd(fds[0]);
+        reader.control->setReads(true);
+        ASSERT_EQ(write(fds[1], "x", 1), 1);
+
+        task->scheduleTask();
+        timer->setTimeout(0.0);
+        Velik::Platform::doEventLoop();
+
+        EXPECT_EQ(std::count(log.begin(), log.end(), "t"), 200);
+        EXPECT_LT(indexOf(log, "timer"), log.size() - 1) << "the timer waited for every task run";
+        EXPECT_LT(indexOf(log, "fd"), log.size() - 1) << "the descriptor waited for every task run";
+        reader.control->delFd();
+        close(fds[0]);
+        close(fds[1]);
+    });
+}
+
+TEST_P(EndToEnd, PriorityOrderThroughTheLoop) {
+    onPlatform([] {
+        auto root = Velik::schedulerRootVelik();
+        std::vector<std::string> log;
+        auto low = std::make_shared<ProbeTask>(root.get(), TaskPriority::low, "low", &log);
+        auto high = std::make_shared<ProbeTask>(root.get(), TaskPriority::high, "high", &log);
+        auto scavenge = std::make_shared<ProbeTask>(root.get(), TaskPriority::scavenge, "s", &log);
+        scavenge->scheduleTask();
+        low->scheduleTask();
+        high->scheduleTask();
+        Velik::Platform::doEventLoop();
+        EXPECT_EQ(log, (std::vector<std::string>{"high", "low", "s"}));
+    });
+}
+
+TEST_P(EndToEnd, TaskExceptionLeavesTheLoopAndTheRootStaysUsable) {
+    onPlatform([] {
+        auto root = Velik::schedulerRootVelik();
+        std::vector<std::string> log;
+        auto task = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "t", &log);
+        task->body = [](ProbeTask&) { throw std::runtime_error("task failed"); };
+        task->scheduleTask();
+        EXPECT_THROW(Velik::Platform::doEventLoop(), std::runtime_error);
+
+        task->body = nullptr;
+        task->scheduleTask();
+        Velik::Platform::doEventLoop();
+        EXPECT_EQ(log, (std::vector<std::string>{"t", "t"}));
+        EXPECT_FALSE(root->schedulerHasRunnableTasks());
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(BothPlatforms, EndToEnd,
+                         testing::Values(Family::framework, Family::libevent), familyName);
+
+TEST(EndToEndThreads, SeveralThreadsEachWithItsOwnRootRunAtOnce) {
+    constexpr int threads = 4;
+    constexpr int runsPerThread = 2000;
+    std::atomic<int> ready{0};
+    std::vector<int> runs(threads, 0);
+    std::vector<const Velik::TaskSchedulerRoot*> roots(threads, nullptr);
+    std::vector<std::thread> pool;
+    for (int i = 0; i < threads; ++i) {
+        pool.emplace_back([&, i] {
+            VelikTest::onLoopThread([&] {
+                auto root = Velik::schedulerRootVelik();
+                roots[i] = root.get();
+                auto task = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "w");
+                task->body = [&](ProbeTask& self) {
+                    if (++runs[i] < runsPerThread) {
+                        self.scheduleTask();
+                    }
+                };
+                // Start together so the loops really overlap.
+                ++ready;
+                while (ready.load() < threads) {
+                    std::this_thread::yield();
+                }
+                task->scheduleTask();
+                Velik::Platform::doEventLoop();
+            });
+        });
+    }
+    for (auto& t : pool) {
+        t.join();
+    }
+    for (int i = 0; i < threads; ++i) {
+        EXPECT_EQ(runs[i], runsPerThread) << "thread " << i;
+        for (int j = 0; j < i; ++j) {
+            EXPECT_NE(roots[i], roots[j]);
+        }
+    }
+}
+
+}  // namespace
