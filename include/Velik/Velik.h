@@ -14,11 +14,13 @@
 #include <Velik/HashMix.h>
 #include <Velik/KivActivityLock.h>
 #include <Velik/KivDebug.h>
+#include <Velik/KivPlatform.h>
 #include <Velik/LibeventAdditions.h>
 #include <Velik/LibeventFactory.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Platform.h>
+#include <Velik/PlatformSelection.h>
 #include <Velik/Random.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
