@@ -2,7 +2,7 @@
 
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
-#include "Velik/LibeventFactory.h"
+#include "Velik/PlatformSelection.h"
 #include "Velik/Thread.h"
 #include "Velik/Time.h"
 
@@ -31,11 +31,6 @@ timeout_t ticksOf(double ticks) {
         return TIMEOUT_NEVER;
     }
     return static_cast<timeout_t>(ticks);
-}
-
-std::shared_ptr<Platform::TimerControl> platformTimer(Platform::TimeoutHandler* handler,
-                                                      Platform::EventPriority priority) {
-    return getLeTimerControl(handler, priority);
 }
 
 }  // namespace
@@ -154,7 +149,7 @@ void TimersAtTimeout::remove(TimerWheelEvent* ev) {
 // ---------------------------------------------------------------- wheel
 
 TimerWheel::TimerWheel(Platform::EventPriority priority)
-    : masterTimer_(platformTimer(this, priority)) {
+    : masterTimer_(Platform::getTimerControl(this, priority)) {
     openWheel();
 }
 

@@ -202,8 +202,8 @@ TEST(TimersAtTimeout, ArrivalOrderAndMembershipChecks) {
 
 TEST_F(TimerWheelLibevent, EarlyReleasedTimerIsParkedAndDeliveredOnTime) {
     onLoopThread([] {
+        Probe p;  // made first: the wheel leaves it stopped should a check fail
         auto wheel = std::make_shared<TimerWheel>();
-        Probe p;
         // Halfway into a tick, a 4 ms timer falls in the tick that the wheel
         // already counts as current: the wheel releases it at once.
         moveIntoTick(0.5);
@@ -229,11 +229,11 @@ TEST_F(TimerWheelLibevent, EarlyReleasedTimerIsParkedAndDeliveredOnTime) {
 
 TEST_F(TimerWheelLibevent, ManyRandomTimersAreNeverEarlyAndComeInTimeOrder) {
     onLoopThread([] {
-        auto wheel = std::make_shared<TimerWheel>();
         std::mt19937 random(7);
         std::uniform_real_distribution<double> delay(0.0, 2.0);
         Order order;
         std::vector<std::unique_ptr<Probe>> probes;
+        auto wheel = std::make_shared<TimerWheel>();
         for (int i = 0; i < 2000; ++i) {
             probes.push_back(std::make_unique<Probe>(i, &order));
             // Short ones stay near the current tick, long ones cascade.
