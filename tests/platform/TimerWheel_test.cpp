@@ -98,10 +98,16 @@ void makeTimeCoarse() {
     applyFastForwardDelta(&delta);
 }
 
-// Starts every probe for `seconds`, again until all got one expiry time.
+// Starts every probe for `seconds`, in order, again until all got one expiry
+// time.
 void startTogether(const std::shared_ptr<TimerWheel>& wheel, const std::vector<Probe*>& probes,
                    double seconds) {
     for (int attempt = 0; attempt < 1000; ++attempt) {
+        // Stopped first: a restart for the instant a probe already has would
+        // keep its old place.
+        for (Probe* p : probes) {
+            p->delTimeout(wheel);
+        }
         for (Probe* p : probes) {
             p->start(wheel, seconds);
         }
