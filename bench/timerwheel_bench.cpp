@@ -1,0 +1,255 @@
+// Scale benchmark of the timer wheel (Velik/TimerWheel.h): the timing-wheel
+// library plus the exact expiry times, the parking map and the master timer,
+// on the libevent platform (this program's main thread uses thread-local
+// singletons) with fast-forward.
+//
+// Populations of 1 thousand, 100 thousand and 1 million armed timers with
+// random delays up to 60 s, all on the thread's wheel (`getTimerWheel()`).
+// One population per (kind, size) is built once and shared by the
+// benchmarks of that size.
+//
+// Operations, one benchmark each:
+//   Event/Restart    re-arm a random armed `TimerWheelEvent` to a new random
+//                    delay (time per op);
+//   Event/RestartSeq the same in array order: the event is then usually in
+//                    cache, which separates the wheel's cost from the cache
+//                    miss on a random event;
+//   Control/Restart  the same as Event/Restart through `TimerWheelTimerControl::setTimeout`
+//                    (one more virtual call and the wheel's shared pointer);
+//   Event/StartStop  start an extra (unarmed) event and stop it again while
+//                    the population stays armed (time per pair);
+//   Event/Expire     deliver the whole population through the master timer:
+//                    `doLeEventLoop(61)` under fast-forward jumps from master
+//                    expiry to master expiry; every timer is released by the
+//                    wheel, parked at its exact time and delivered
+//                    (items_per_second = timers delivered per second of CPU
+//                    time; sec_per_timer). Re-arming is outside the timed
+//                    region.
+//
+// Every start reads the library clock (`Velik::time()`); Reference/Time
+// measures that read alone.
+//
+// bytes_per_timer: the object (sizeof) plus the wheel's fixed footprint
+// (`timeouts_footprint()`) / n; controls add the shared pointer's control
+// block (made by `make_shared`, counted as 16 bytes). Parked timers take one
+// map node per distinct expiry time, only for the few ticks they are parked.
+
+#include "Velik/FastForward.h"
+#include "Velik/LibeventFactory.h"
+#include "Velik/Thread.h"
+#include "Velik/Time.h"
+#include "Velik/Timeouts.h"
+#include "Velik/TimerWheel.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Velik;
+
+constexpr size_t kExtra = 1024;  // unarmed events for StartStop
+constexpr double kMaxDelay = 60.0;
+
+// The main thread runs the libevent platform, switched before anything asks.
+const bool g_threadLocal = (useThreadLocalSingletons(), true);
+
+struct Rng {
+    uint64_t s;
+    explicit Rng(uint64_t seed) : s(seed | 1) {}
+    uint64_t next() {
+        s ^= s >> 12;
+        s ^= s << 25;
+        s ^= s >> 27;
+        return s * 0x2545F4914F6CDD1Dull;
+    }
+    // Uniform in (0, kMaxDelay].
+    double delay() { return kMaxDelay * (static_cast<double>((next() >> 11) + 1) * 0x1p-53); }
+};
+
+struct CountingEvent : TimerWheelEvent {
+    size_t* delivered = nullptr;
+    void timeout() override { ++*delivered; }
+};
+
+struct Counter : Platform::TimeoutHandler {
+    size_t delivered = 0;
+    void timeout() override { ++delivered; }
+};
+
+// One population is alive at a time.
+struct Population {
+    virtual ~Population() = default;
+    size_t n = 0;
+};
+std::unique_ptr<Population> g_pop;
+
+template <class P>
+P& population(size_t n) {
+    auto* p = dynamic_cast<P*>(g_pop.get());
+    if (p == nullptr || p->n != n) {
+        g_pop.reset();  // free the previous one first
+        g_pop = std::make_unique<P>(n);
+        p = static_cast<P*>(g_pop.get());
+    }
+    return *p;
+}
+
+double wheelShare(size_t n) {
+    return static_cast<double>(timeouts_footprint()) / static_cast<double>(n);
+}
+
+struct EventPop : Population {
+    std::shared_ptr<TimerWheel> wheel = getTimerWheel();
+    std::unique_ptr<CountingEvent[]> events;
+    std::unique_ptr<CountingEvent[]> extra;
+    size_t delivered = 0;
+
+    explicit EventPop(size_t count)
+        : events(new CountingEvent[count]), extra(new CountingEvent[kExtra]) {
+        n = count;
+        for (size_t i = 0; i < n; ++i) {
+            events[i].delivered = &delivered;
+        }
+        for (size_t i = 0; i < kExtra; ++i) {
+            extra[i].delivered = &delivered;
+        }
+        arm(Rng(1));
+    }
+    ~EventPop() override {
+        for (size_t i = 0; i < n; ++i) {
+            events[i].delTimeout(wheel);
+        }
+        wheel->setMasterTimer();
+    }
+    void arm(Rng rng) {
+        for (size_t i = 0; i < n; ++i) {
+            events[i].setTimeout(wheel, rng.delay());
+        }
+    }
+    double bytesPerTimer() const { return sizeof(TimerWheelEvent) + wheelShare(n); }
+};
+
+struct ControlPop : Population {
+    Counter counter;
+    std::vector<std::shared_ptr<Platform::TimerControl>> controls;
+
+    explicit ControlPop(size_t count) {
+        n = count;
+        controls.reserve(n);
+        Rng rng(5);
+        std::shared_ptr<TimerWheel> wheel = getTimerWheel();
+        for (size_t i = 0; i < n; ++i) {
+            controls.push_back(Platform::getTimerControl(&counter, wheel));
+            controls.back()->setTimeout(rng.delay());
+        }
+    }
+    ~ControlPop() override {
+        controls.clear();
+        getTimerWheel()->setMasterTimer();
+    }
+    double bytesPerTimer() const { return sizeof(TimerWheelTimerControl) + 16 + wheelShare(n); }
+};
+
+void perOp(benchmark::State& state, double bytesPerTimer) {
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["bytes_per_timer"] = bytesPerTimer;
+}
+
+void eventRestart(benchmark::State& state, bool seq) {
+    auto& pop = population<EventPop>(state.range(0));
+    Rng rng(2);
+    size_t k = 0;
+    for (auto _ : state) {
+        const size_t i = seq ? (k = k + 1 == pop.n ? 0 : k + 1) : rng.next() % pop.n;
+        pop.events[i].setTimeout(pop.wheel, rng.delay());
+    }
+    perOp(state, pop.bytesPerTimer());
+}
+
+void controlRestart(benchmark::State& state) {
+    auto& pop = population<ControlPop>(state.range(0));
+    Rng rng(2);
+    for (auto _ : state) {
+        pop.controls[rng.next() % pop.n]->setTimeout(rng.delay());
+    }
+    perOp(state, pop.bytesPerTimer());
+}
+
+void eventStartStop(benchmark::State& state) {
+    auto& pop = population<EventPop>(state.range(0));
+    Rng rng(3);
+    size_t j = 0;
+    for (auto _ : state) {
+        CountingEvent& ev = pop.extra[j++ & (kExtra - 1)];
+        ev.setTimeout(pop.wheel, rng.delay());
+        ev.delTimeout(pop.wheel);
+    }
+    perOp(state, pop.bytesPerTimer());
+}
+
+void eventExpire(benchmark::State& state) {
+    auto& pop = population<EventPop>(state.range(0));
+    uint64_t seed = 4;
+    size_t delivered = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        pop.arm(Rng(seed++));
+        pop.delivered = 0;
+        state.ResumeTiming();
+        doLeEventLoop(kMaxDelay + 1);
+        delivered += pop.delivered;
+        if (pop.delivered != pop.n) {
+            state.SkipWithError("the wheel did not deliver the whole population");
+            break;
+        }
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(delivered));
+    state.counters["sec_per_timer"] = benchmark::Counter(
+        static_cast<double>(delivered), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["bytes_per_timer"] = pop.bytesPerTimer();
+}
+
+void libraryTime(benchmark::State& state) {
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(Velik::time());
+    }
+}
+
+// Registration: size -> operation, so each population is built once.
+void registerAll() {
+    const int64_t sizes[] = {1'000, 100'000, 1'000'000};
+    auto expireIterations = [](int64_t n) -> benchmark::IterationCount {
+        return n <= 1'000 ? 50 : n <= 100'000 ? 8 : 3;
+    };
+    const double minTime = 0.25;
+    for (int64_t n : sizes) {
+        benchmark::RegisterBenchmark("Event/Restart", eventRestart, false)
+            ->Arg(n)
+            ->MinTime(minTime);
+        benchmark::RegisterBenchmark("Event/RestartSeq", eventRestart, true)
+            ->Arg(n)
+            ->MinTime(minTime);
+        benchmark::RegisterBenchmark("Event/StartStop", eventStartStop)->Arg(n)->MinTime(minTime);
+        benchmark::RegisterBenchmark("Event/Expire", eventExpire)
+            ->Arg(n)
+            ->Iterations(expireIterations(n));
+        benchmark::RegisterBenchmark("Control/Restart", controlRestart)->Arg(n)->MinTime(minTime);
+    }
+    benchmark::RegisterBenchmark("Reference/Time", libraryTime)->MinTime(0.1);
+}
+
+const bool g_registered = (registerAll(), true);
+
+// Fast-forward is switched from the main thread before the benchmarks run.
+const bool g_fastForward = (setLeFastForward(true), true);
+
+}  // namespace
+
+BENCHMARK_MAIN();

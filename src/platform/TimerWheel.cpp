@@ -1,0 +1,411 @@
+#include "Velik/TimerWheel.h"
+
+#include "Velik/Assert.h"
+#include "Velik/Fmtrace.h"
+#include "Velik/PlatformSelection.h"
+#include "Velik/Thread.h"
+#include "Velik/Time.h"
+
+#include <boost/intrusive/parent_from_member.hpp>
+
+#include <cmath>
+
+namespace Velik {
+
+namespace {
+
+constexpr double never = std::numeric_limits<double>::infinity();
+
+int stateFlag(TimerWheelState state) {
+    return TimerWheelEvent::notLinkedFlag << static_cast<int>(state);
+}
+
+// Seconds times the tick rate as a tick, saturating at both ends: a time
+// before the clock's origin is tick 0, one too far to count is "never".
+timeout_t ticksOf(double ticks) {
+    constexpr double beyond = 18446744073709551616.0;  // 2^64
+    if (!(ticks > 0.0)) {
+        return 0;
+    }
+    if (ticks >= beyond) {
+        return TIMEOUT_NEVER;
+    }
+    return static_cast<timeout_t>(ticks);
+}
+
+}  // namespace
+
+const char* timerWheelStateToString(TimerWheelState state) {
+    switch (state) {
+        case TimerWheelState::notLinked:
+            return "notLinked";
+        case TimerWheelState::inTimerWheel:
+            return "inTimerWheel";
+        case TimerWheelState::inTimersExpiryingSoon:
+            return "inTimersExpiryingSoon";
+    }
+    return "unknownState";
+}
+
+namespace Impl {
+
+timeout_t timerWheelCurrentTick(double now) {
+    return ticksOf(std::ceil(now * TimerWheel::ticksPerSecond));
+}
+
+timeout_t timerWheelExpiryTick(double expiry) {
+    return ticksOf(std::floor(expiry * TimerWheel::ticksPerSecond));
+}
+
+}  // namespace Impl
+
+// ---------------------------------------------------------------- event
+
+TimerWheelEvent::TimerWheelEvent() {
+    timeout_init(&link_, TIMEOUT_ABS | notLinkedFlag);
+}
+
+TimerWheelEvent::~TimerWheelEvent() {
+    TimerWheelState current = state();
+    VELIK_CLASS_ASSERT(current == TimerWheelState::notLinked,
+                       "TimerWheelEvent {} destroyed while {}", fmt::ptr(this), current);
+}
+
+TimerWheelState TimerWheelEvent::state() const {
+    int bits = link_.flags & stateFlags;
+    switch (bits) {
+        case notLinkedFlag:
+            return TimerWheelState::notLinked;
+        case inTimerWheelFlag:
+            return TimerWheelState::inTimerWheel;
+        case inTimersExpiryingSoonFlag:
+            return TimerWheelState::inTimersExpiryingSoon;
+        default:
+            VELIK_CLASS_ASSERT(false, "None or multiple of our flags set {}", bits);
+    }
+}
+
+void TimerWheelEvent::stateIs(TimerWheelState state) {
+    TimerWheelState current = this->state();
+    if (state == current) {
+        return;
+    }
+    VELIK_CLASS_ASSERT(current == TimerWheelState::notLinked || state == TimerWheelState::notLinked,
+                       "State change {} -> {} must go via {}", current, state,
+                       TimerWheelState::notLinked);
+    VELIK_CLASS_ASSERT(static_cast<unsigned>(state) < 3, "invalid state {}",
+                       static_cast<unsigned>(state));
+    link_.flags = (link_.flags & ~stateFlags) | stateFlag(state);
+}
+
+void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, double seconds) {
+    wheel->timerStart(this, seconds);
+}
+
+void TimerWheelEvent::delTimeout(const std::shared_ptr<TimerWheel>& wheel) {
+    wheel->timerStop(this);
+}
+
+double TimerWheelEvent::remainingTimeout() const {
+    if (expirationTime_ == never) {
+        return never;
+    }
+    double left = expirationTime_ - Velik::time();
+    return left < 0.0 ? 0.0 : left;
+}
+
+TimerWheelEvent* TimerWheelEvent::timeoutLink2TimerWheelEvent(::timeout* link) {
+    return boost::intrusive::get_parent_from_member(link, &TimerWheelEvent::link_);
+}
+
+// ---------------------------------------------------------------- parking list
+
+void TimersAtTimeout::pushBack(TimerWheelEvent* ev) {
+    VELIK_CLASS_ASSERT(ev->timersAtTimeout_ == nullptr, "pending set to {}",
+                       fmt::ptr(ev->timersAtTimeout_));
+    events_.push_back(*ev);
+    ev->timersAtTimeout_ = this;
+}
+
+TimerWheelEvent* TimersAtTimeout::popFront() {
+    if (events_.empty()) {
+        return nullptr;
+    }
+    TimerWheelEvent* ev = &events_.front();
+    VELIK_CLASS_ASSERT(ev->timersAtTimeout_ == this, "Event {} linked to {}", fmt::ptr(ev),
+                       fmt::ptr(ev->timersAtTimeout_));
+    events_.pop_front();
+    ev->timersAtTimeout_ = nullptr;
+    return ev;
+}
+
+void TimersAtTimeout::remove(TimerWheelEvent* ev) {
+    VELIK_CLASS_ASSERT(ev->timersAtTimeout_ == this, "Event {} linked to {}", fmt::ptr(ev),
+                       fmt::ptr(ev->timersAtTimeout_));
+    events_.erase(events_.iterator_to(*ev));
+    ev->timersAtTimeout_ = nullptr;
+}
+
+// ---------------------------------------------------------------- wheel
+
+TimerWheel::TimerWheel(Platform::EventPriority priority)
+    : masterTimer_(Platform::getTimerControl(this, priority)) {
+    openWheel();
+}
+
+TimerWheel::TimerWheel(const MasterTimerFactory& makeMasterTimer)
+    : masterTimer_(makeMasterTimer(this)) {
+    openWheel();
+}
+
+void TimerWheel::openWheel() {
+    int error = 0;
+    timeouts_ = timeouts_open(ticksPerSecond, &error);
+    VELIK_CLASS_ASSERT(timeouts_ != nullptr, "Error code {}", error);
+    setCurrentTime();
+}
+
+TimerWheel::~TimerWheel() {
+    // Leave every event still started as if stopped, so that its owner can
+    // destroy it: the parked ones here, the others as they come out of a
+    // wheel advanced to the end of time.
+    for (auto& [expiry, parked] : timersExpiryingSoon_) {
+        while (TimerWheelEvent* ev = parked.popFront()) {
+            ev->stateIs(TimerWheelState::notLinked);
+            ev->expirationTime_ = never;
+        }
+    }
+    timeouts_update(timeouts_, TIMEOUT_NEVER);
+    while (::timeout* link = timeouts_get(timeouts_)) {
+        TimerWheelEvent* ev = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+        ev->stateIs(TimerWheelState::notLinked);
+        ev->expirationTime_ = never;
+    }
+    timeouts_close(timeouts_);
+}
+
+double TimerWheel::setCurrentTime() {
+    double now = Velik::time();
+    timeout_t tick = Impl::timerWheelCurrentTick(now);
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "advance time to {} tick {}", now, tick);
+    timeouts_update(timeouts_, tick);
+    return now;
+}
+
+void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
+    double expiry = Velik::time() + seconds;
+    if (ev->expirationTime_ == expiry) {
+        return;
+    }
+    if (ev->state() != TimerWheelState::notLinked) {
+        timerStop(ev);
+    }
+    ev->expirationTime_ = expiry;
+    timeout_t tick = Impl::timerWheelExpiryTick(expiry);
+    timeouts_add(timeouts_, &ev->link_, tick);
+    ev->stateIs(TimerWheelState::inTimerWheel);
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {} expire at {} tick {}",
+                fmt::ptr(ev), seconds, expiry, tick);
+    if (masterTimerExpiry_ > expiry) {
+        setMasterTimer();
+    }
+}
+
+void TimerWheel::timerStop(TimerWheelEvent* ev) {
+    switch (ev->state()) {
+        case TimerWheelState::notLinked:
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} del timeout, not running", fmt::ptr(ev));
+            VELIK_CLASS_ASSERT(ev->expirationTime_ == never, "Not linked but expirationTime={}",
+                               ev->expirationTime_);
+            break;
+        case TimerWheelState::inTimerWheel:
+            timeouts_del(timeouts_, &ev->link_);
+            ev->stateIs(TimerWheelState::notLinked);
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} del timeout", fmt::ptr(ev));
+            break;
+        case TimerWheelState::inTimersExpiryingSoon:
+            timersExpiryingSoonRemove(ev);
+            ev->stateIs(TimerWheelState::notLinked);
+            break;
+    }
+    ev->expirationTime_ = never;
+}
+
+void TimerWheel::timerExpired(TimerWheelEvent* ev) const {
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} expired", fmt::ptr(ev));
+    ev->timeout();
+}
+
+void TimerWheel::timersExpiryingSoonAppend(TimerWheelEvent* ev) {
+    timersExpiryingSoon_[ev->expirationTime_].pushBack(ev);
+}
+
+void TimerWheel::timersExpiryingSoonRemove(TimerWheelEvent* ev) {
+    auto entry = timersExpiryingSoon_.find(ev->expirationTime_);
+    VELIK_CLASS_ASSERT(entry != timersExpiryingSoon_.end(), "No timersAtTimeout");
+    TimerWheelState current = ev->state();
+    VELIK_CLASS_ASSERT(current == TimerWheelState::inTimersExpiryingSoon,
+                       "Removing from timersExpiryingSoon in state {}", current);
+    entry->second.remove(ev);
+    if (entry->second.empty()) {
+        timersExpiryingSoon_.erase(entry);
+    }
+}
+
+const TimersAtTimeout* TimerWheel::timersExpiryingAt(double expiry) const {
+    auto entry = timersExpiryingSoon_.find(expiry);
+    return entry == timersExpiryingSoon_.end() ? nullptr : &entry->second;
+}
+
+void TimerWheel::timeout() {
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "master timer expired");
+    double now = setCurrentTime();
+    drainWheel();
+    try {
+        deliverDue(now);
+    } catch (...) {
+        // The master timer has fired and is disarmed: without re-arming it
+        // the timers left would never be delivered.
+        setMasterTimer();
+        throw;
+    }
+    setMasterTimer();
+}
+
+// Parks everything the wheel released, at its exact expiry time.
+void TimerWheel::drainWheel() {
+    while (::timeout* link = timeouts_get(timeouts_)) {
+        TimerWheelEvent* ev = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+        ev->stateIs(TimerWheelState::notLinked);
+        timersExpiryingSoonAppend(ev);
+        ev->stateIs(TimerWheelState::inTimersExpiryingSoon);
+    }
+}
+
+// Notifications may start and stop timers, parked ones included, so the
+// earliest entry is looked up afresh for every event, and an event's entry
+// is erased before the event is delivered.
+void TimerWheel::deliverDue(double now) {
+    while (!timersExpiryingSoon_.empty()) {
+        auto entry = timersExpiryingSoon_.begin();
+        if (entry->first > now) {
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9,
+                        "Defer processing timers with expiry time {} > now {}", entry->first, now);
+            return;
+        }
+        TimerWheelEvent* ev = entry->second.popFront();
+        if (entry->second.empty()) {
+            timersExpiryingSoon_.erase(entry);
+        }
+        if (ev == nullptr) {
+            continue;
+        }
+        ev->stateIs(TimerWheelState::notLinked);
+        ev->expirationTime_ = never;
+        timerExpired(ev);
+    }
+}
+
+void TimerWheel::setMasterTimer() {
+    double now = setCurrentTime();
+    if (!timersExpiryingSoon_.empty()) {
+        double first = timersExpiryingSoon_.begin()->first;
+        if (first <= now) {
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8,
+                        "has expired timers, firstExpiryTime={} now={}, set master timer timeout 0",
+                        first, now);
+            armMasterTimer(now, 0.0);
+            return;
+        }
+        // The wheel may since have released a timer due before the earliest
+        // parked one: fetch it at once rather than late.
+        if (!timeouts_expired(timeouts_)) {
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8,
+                        "has scheduled timers, firstExpiryTime={} now={}, set master timer "
+                        "timeout {}",
+                        first, now, first - now);
+            armMasterTimer(now, first - now);
+            return;
+        }
+    }
+    if (timeouts_expired(timeouts_)) {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "has expired timers, set master timer timeout 0");
+        armMasterTimer(now, 0.0);
+    } else if (timeouts_pending(timeouts_)) {
+        timeout_t ticks = timeouts_timeout(timeouts_);
+        double seconds = static_cast<double>(ticks) / ticksPerSecond;
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8,
+                    "has scheduled timers, first timer expiry in {} ticks, set master timer "
+                    "timeout {}",
+                    ticks, seconds);
+        armMasterTimer(now, seconds);
+    } else {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "has no timers, del master timer timeout");
+        masterTimer_->delTimeout();
+        masterTimerExpiry_ = never;
+    }
+}
+
+void TimerWheel::armMasterTimer(double now, double delay) {
+    masterTimer_->setTimeout(delay);
+    masterTimerExpiry_ = now + delay;
+}
+
+// ---------------------------------------------------------------- control
+
+TimerWheelTimerControl::TimerWheelTimerControl(Platform::TimeoutHandler* handler,
+                                               std::shared_ptr<TimerWheel> wheel)
+    : handler_(handler), wheel_(std::move(wheel)) {}
+
+TimerWheelTimerControl::~TimerWheelTimerControl() {
+    delTimeout();
+}
+
+void TimerWheelTimerControl::setTimeout(double seconds) {
+    TimerWheelEvent::setTimeout(wheel_, seconds);
+}
+
+void TimerWheelTimerControl::delTimeout() {
+    TimerWheelEvent::delTimeout(wheel_);
+}
+
+double TimerWheelTimerControl::remainingTimeout() const {
+    return TimerWheelEvent::remainingTimeout();
+}
+
+void TimerWheelTimerControl::timeout() {
+    try {
+        handler_->timeout();
+    } catch (...) {
+        if (!handler_->handleTimeoutException()) {
+            throw;
+        }
+    }
+}
+
+// ---------------------------------------------------------------- factories
+
+std::shared_ptr<TimerWheel> getTimerWheel() {
+    if (hasThreadLocalSingletons()) {
+        thread_local std::shared_ptr<TimerWheel> threadWheel =
+            std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
+        return threadWheel;
+    }
+    static std::shared_ptr<TimerWheel> processWheel =
+        std::make_shared<TimerWheel>(Platform::eventPriorityDefault);
+    return processWheel;
+}
+
+std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriority priority) {
+    return std::make_shared<TimerWheel>(priority);
+}
+
+namespace Platform {
+
+std::shared_ptr<TimerControl> getTimerControl(TimeoutHandler* handler,
+                                              std::shared_ptr<TimerWheel> wheel) {
+    return std::make_shared<TimerWheelTimerControl>(handler, std::move(wheel));
+}
+
+}  // namespace Platform
+}  // namespace Velik
