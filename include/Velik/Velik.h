@@ -41,5 +41,6 @@
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
 #include <Velik/Timeouts.h>
+#include <Velik/TimerWheel.h>
 #include <Velik/TypeName.h>
 #include <Velik/Util.h>
