@@ -16,6 +16,7 @@
 
 #include <Velik/Platform.h>
 #include <Velik/TaskScheduler.h>
+#include <Velik/TimerWheel.h>
 
 #include <sys/types.h>
 
@@ -63,6 +64,9 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     const std::shared_ptr<Platform::CallbackControl>& callbackControl() const {
         return callbackControl_;
     }
+    // The timer wheel the root's timer tasks are armed on; its master timer
+    // runs on the thread's platform.
+    const std::shared_ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
 
     // --- The thread's schedulers ---
 
@@ -126,6 +130,7 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
   private:
     std::set<TaskScheduler*> schedulers_;
     std::shared_ptr<Platform::CallbackControl> callbackControl_;
+    std::shared_ptr<TimerWheel> timerWheel_;
     pthread_t threadId_;
     pid_t pid_;
     char threadName_[16] = {};

@@ -38,6 +38,7 @@ TaskSchedulerRoot::TaskSchedulerRoot(std::string_view name)
 TaskSchedulerRoot::TaskSchedulerRoot(std::string_view name, const CallbackControlFactory& factory)
     : TaskScheduler(name, this, std::make_shared<TaskSchedulerHistory>(historyCapacityInitial)),
       callbackControl_(factory(this)),
+      timerWheel_(getTimerWheelForTaskScheduler(Platform::eventPriorityDefault)),
       threadId_(pthread_self()),
       pid_(getpid()) {
     if (pthread_getname_np(threadId_, threadName_, sizeof(threadName_)) != 0) {
