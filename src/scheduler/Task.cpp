@@ -10,7 +10,6 @@
 
 #include <exception>
 
-
 namespace Velik {
 
 namespace {

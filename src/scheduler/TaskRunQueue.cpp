@@ -2,7 +2,6 @@
 
 #include "Velik/Assert.h"
 
-
 namespace Velik {
 
 void TaskRunQueue::checkTemporaryEmpty() const {

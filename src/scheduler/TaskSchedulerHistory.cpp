@@ -10,7 +10,6 @@
 #include <iostream>
 #include <sstream>
 
-
 namespace Velik {
 
 std::string TaskSchedulerHistory::Event::display() const {

@@ -11,7 +11,6 @@
 
 #include <cstdlib>
 
-
 namespace Velik {
 
 namespace {
