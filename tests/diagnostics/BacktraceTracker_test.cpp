@@ -71,37 +71,25 @@ TEST_F(BacktraceTrackerTest, MatchesAModelOfTheRing) {
     std::deque<std::string> model;
     unsigned capacity = 0;
     bool on = false;
-    const Velik::Backtrace none(false);
     for (int step = 0; step < 3000; ++step) {
         const unsigned op = random() % 16;
         if (op == 0) {
-            on = !on;
-            BacktraceTracker::enabledIs(on);
-            if (on && capacity == 0) {
-                capacity = 100;
-            } else if (!on && model.empty()) {
-                capacity = 0;
-            }
+            BacktraceTracker::enabledIs(on = !on);
+            capacity = on ? (capacity ? capacity : 100) : (model.empty() ? 0 : capacity);
         } else if (op == 1 && on) {
-            capacity = 1 + random() % 8;
-            BacktraceTracker::capacityIs(capacity);
-            while (model.size() > capacity) {
-                model.pop_front();
-            }
+            BacktraceTracker::capacityIs(capacity = 1 + random() % 8);
         } else if (op == 2) {
             BacktraceTracker::clear();
             model.clear();
-            if (!on) {
-                capacity = 0;
-            }
+            capacity = on ? capacity : 0;
         } else {
-            BacktraceTracker::backtraceIs(std::to_string(step), none);
+            BacktraceTracker::backtraceIs(std::to_string(step), Velik::Backtrace(false));
             if (on) {
                 model.push_back(std::to_string(step));
-                if (model.size() > capacity) {
-                    model.pop_front();
-                }
             }
+        }
+        while (model.size() > capacity) {
+            model.pop_front();
         }
         ASSERT_EQ(BacktraceTracker::capacity(), capacity) << "step " << step;
         ASSERT_EQ(trackedMessages(), std::vector<std::string>(model.begin(), model.end()))
@@ -112,16 +100,15 @@ TEST_F(BacktraceTrackerTest, MatchesAModelOfTheRing) {
 TEST_F(BacktraceTrackerTest, ExceptionsFromManyThreadsAreAllRecorded) {
     BacktraceTracker::enabledIs(true);
     BacktraceTracker::capacityIs(400);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 50; ++i) {
-                Velik::RuntimeException("from a thread");
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
+    {
+        std::vector<std::jthread> threads(4);
+        for (auto& thread : threads) {
+            thread = std::jthread([] {
+                for (int i = 0; i < 50; ++i) {
+                    Velik::RuntimeException("from a thread");
+                }
+            });
+        }
     }
     EXPECT_EQ(BacktraceTracker::tracked().size(), 200u);
 }

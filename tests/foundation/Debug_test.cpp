@@ -23,7 +23,7 @@ class TraceControls : public ::testing::Test {
     void TearDown() override { SetUp(); }
 };
 
-TEST_F(TraceControls, SetupAppendsAndClearAppendsTheNegation) {
+TEST_F(TraceControls, SetupAndClearAppendToTraceAndTheMapListsTheSettingsInOrder) {
     auto h = getDebugHandler("CtlTest");
     setupVelikDebug("CtlTest/2");
     EXPECT_EQ(env("TRACE"), "CtlTest/2");
@@ -36,6 +36,9 @@ TEST_F(TraceControls, SetupAppendsAndClearAppendsTheNegation) {
     EXPECT_FALSE(h->enabled(2));
     clearVelikDebug("");
     EXPECT_EQ(env("TRACE"), "CtlTest/2,CtlTest2,-CtlTest,-CtlTest2,-");
+    testing::internal::CaptureStdout();
+    dumpVelikDebugMap();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "CtlTest/2\nCtlTest2\n-CtlTest\n-CtlTest2\n");
 }
 
 TEST_F(TraceControls, TraceFormatSetAndClearedToEmpty) {
@@ -45,14 +48,6 @@ TEST_F(TraceControls, TraceFormatSetAndClearedToEmpty) {
     EXPECT_EQ(env("TRACEFORMAT"), "%f %m");
     clearTraceFormat();
     EXPECT_EQ(env("TRACEFORMAT"), "");
-}
-
-TEST_F(TraceControls, DebugMapListsSettingsInOrder) {
-    setupVelikDebug("MapB/1,MapA");
-    clearVelikDebug("MapB");
-    testing::internal::CaptureStdout();
-    dumpVelikDebugMap();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "MapB/1\nMapA\n-MapB\n");
 }
 
 TEST(DebuggableTest, HandlerNotOwnedBySharedPointerIsRefused) {

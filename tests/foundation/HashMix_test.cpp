@@ -11,20 +11,12 @@ using Hash64 = Velik::Impl::HashMix<uint64_t>;
 
 // All bytes distinct and half with the top bit set, so that a misplaced,
 // byte-swapped or sign-extended word changes the result.
-constexpr std::array<unsigned char, 24> sample = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
-                                                  0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10,
-                                                  0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef};
+constexpr std::array<unsigned char, 16> sample = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
+                                                  0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
 
 template <typename H>
 typename H::Word mixed(const void* data, size_t length, typename H::Word start = H::offsetBasis) {
     return H(start).mix(data, length).value();
-}
-
-TEST(HashMixTest, TailBytesGoToTheTopOfAZeroedWord) {
-    EXPECT_EQ(mixed<Hash32>("abc", 3), (0x811C9DC5u ^ 0x63626100u) * 16777619u);
-    const uint64_t afterWord = mixed<Hash64>("abcdefgh", 8, 7);
-    EXPECT_EQ(mixed<Hash64>("abcdefghz", 9, 7),
-              (afterWord ^ uint64_t{'z'} << 56) * 1099511628211ull);
 }
 
 template <typename H>

@@ -9,61 +9,40 @@ namespace {
 
 using Velik::Random;
 
-// The seed is fixed by the first setSeed() of a process, so these tests run
-// their body in a freshly executed child.
-class RandomFreshProcessTest : public ::testing::Test {
-  protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-TEST_F(RandomFreshProcessTest, BeforeAnySetSeedTheEngineRunsTheSequenceOfSeed5489) {
-    EXPECT_EXIT(
-        {
-            bool ok = Random::getSeed() == 0 && Random::rand64() == 14514284786278117030ull;
-            for (int i = 2; i < 10000; ++i) {
-                Random::rand64();
-            }
-            // The 10000th output of MT19937-64 with its default seed.
-            std::exit(ok && Random::rand64() == 9981545732273789042ull ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "^$");
-}
-
-TEST_F(RandomFreshProcessTest, FirstSeedStaysAndEverySetSeedRestartsBothSequences) {
-    EXPECT_EXIT(
-        {
-            setenv("QOTEST_RANDSEED", "42", 1);
-            Random::setSeed();
-            const uint64_t first = Random::rand64();
-            bool ok =
-                first == 13930160852258120406ull && Random::rand64() == 11788048577503494824ull;
-            const std::string text = Random::randomString(20);
-            setenv("QOTEST_RANDSEED", "8", 1);
-            Random::setSeed();
-            ok = ok && Random::getSeed() == 42u && Random::rand64() == first;
-            std::exit(ok && Random::randomString(20) == text ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0),
-        "^Velik::Random::setSeed\\(\\), setting seed to 42\n"
-        "Velik::Random::setSeed\\(\\), setting seed to 42\n$");
-}
-
-TEST_F(RandomFreshProcessTest, EnvironmentIsParsedLikeStrtoulElseTheClockNanosecondsAreUsed) {
+// The seed is fixed by the first setSeed() of a process, so each case runs in
+// a freshly executed child. Until then nothing seeds the engine: it runs
+// MT19937-64 from its default seed, quietly. Every setSeed() prints the seed
+// and restarts both sequences.
+TEST(RandomDeathTest, FirstSetSeedFixesTheSeedForTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const struct {
         const char* value;
+        int64_t seed;  // -1: from the clock
         const char* printed;
-    } cases[] = {{"  +123abc", "to 123\n"}, {"garbage", "to 0\n"}, {nullptr, "to [0-9]+\n"}};
+        uint64_t firstOutput;  // 0: not checked
+    } cases[] = {{"42", 42, "42", 13930160852258120406ull},
+                 {"  +123abc", 123, "123", 0},
+                 {"garbage", 0, "0", 0},
+                 {nullptr, -1, "[0-9]+", 0}};
     for (const auto& c : cases) {
         EXPECT_EXIT(
             {
+                bool ok = Random::getSeed() == 0 && Random::rand64() == 14514284786278117030ull;
                 c.value ? setenv("QOTEST_RANDSEED", c.value, 1) : unsetenv("QOTEST_RANDSEED");
                 Random::setSeed();
                 const uint32_t seed = Random::getSeed();
-                const bool ok =
-                    c.value ? seed == std::strtoul(c.value, nullptr, 10) : seed < 1000000000u;
+                const uint64_t first = Random::rand64();
+                const std::string text = Random::randomString(20);
+                setenv("QOTEST_RANDSEED", "8", 1);
+                Random::setSeed();
+                ok = ok && (c.seed < 0 ? seed < 1000000000u : seed == c.seed) &&
+                     (c.firstOutput == 0 || first == c.firstOutput) && Random::getSeed() == seed &&
+                     Random::rand64() == first && Random::randomString(20) == text;
                 std::exit(ok ? 0 : 1);
             },
-            ::testing::ExitedWithCode(0), c.printed);
+            ::testing::ExitedWithCode(0),
+            "^(Velik::Random::setSeed\\(\\), setting seed to " + std::string(c.printed) +
+                "\n){2}$");
     }
 }
 
