@@ -37,7 +37,6 @@ using Velik::typeName;
 
 TEST(TypeNameTest, DemanglesTypeNamesAndReturnsOtherTextUnchanged) {
     EXPECT_EQ(typeName("N5Velik13TaskSchedulerE"), "Velik::TaskScheduler");
-    EXPECT_EQ(typeName(typeid(int*).name()), "int*");
     for (const char* text : {"Velik::TaskScheduler", "not a type", "N5Velik", ""}) {
         EXPECT_EQ(typeName(text), text);
     }
@@ -66,8 +65,6 @@ TEST(DumpHexTest, LowerCaseByteGroupsOfFourInMemoryOrder) {
     for (const auto& [length, text] : cases) {
         EXPECT_EQ(dumpHex(bytes, length), text) << length;
     }
-    const uint32_t value = 0x11223344;
-    EXPECT_EQ(dumpHex(&value, sizeof value), "44332211");
 }
 
 }  // namespace

@@ -13,7 +13,6 @@
 namespace {
 
 TEST(ExceptionTest, MsgQuotesTheMessageAndWhatAddsTheBacktraceOnce) {
-    EXPECT_EQ(Velik::Exception("", false).msg(), "Velik::Exception(\"\")");
     EXPECT_EQ(Velik::Exception("say \"hi\"", false).msg(), "Velik::Exception(\"say \"hi\"\")");
     Velik::RuntimeException e("x");
     const char* first = e.what();
@@ -22,7 +21,6 @@ TEST(ExceptionTest, MsgQuotesTheMessageAndWhatAddsTheBacktraceOnce) {
     // Taken in the constructor: the innermost frame is the exception's own.
     EXPECT_NE(e.backtrace().pretty().find("(_ZN5Velik9ExceptionC"), std::string::npos)
         << e.backtrace().pretty();
-    EXPECT_EQ(Velik::Exception("m", false).backtrace().count(), 0u);
 }
 
 // Each class is named by its demangled type name.

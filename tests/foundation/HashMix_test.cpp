@@ -43,15 +43,4 @@ TEST(HashMixTest, AnyAlignmentAndFixedLengthsGiveTheSameHash) {
     }
 }
 
-TEST(HashMixTest, ChainedCallsMixInOrderAndOnlyWholeWordSplitsAreSeamless) {
-    const auto* data = sample.data();
-    EXPECT_EQ(Hash32(9).mix(data, 8).mix(data + 8, 7).value(), mixed<Hash32>(data, 15, 9));
-    EXPECT_EQ(Hash64(9).mix(data, 8).mixInline(data + 8, 7).value(), mixed<Hash64>(data, 15, 9));
-    // Split inside a word, each call pads its own tail.
-    EXPECT_NE(Hash32(9).mix(data, 2).mix(data + 2, 2).value(), mixed<Hash32>(data, 4, 9));
-    const uint32_t port = 0x1234;
-    EXPECT_NE(Hash64(9).mixFixedLen<4>(&port).mix(data, 4).value(),
-              Hash64(9).mix(data, 4).mixFixedLen<4>(&port).value());
-}
-
 }  // namespace

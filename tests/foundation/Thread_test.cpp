@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <future>
@@ -22,15 +21,6 @@ std::string systemThreadName() {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
     return name;
-}
-
-TEST(ThreadTest, MainThreadIsTheOneWhoseTidIsThePid) {
-    EXPECT_EQ(Velik::gettid(), getpid());
-    EXPECT_TRUE(Velik::isMainThread());
-    EXPECT_FALSE(onNewThread([] { return Velik::gettid() == getpid() || Velik::isMainThread(); }));
-    EXPECT_EQ(Velik::toThreadIdString(std::thread::id()), "thread::id of a non-executing thread");
-    EXPECT_EQ(Velik::toThreadIdString(std::this_thread::get_id()),
-              std::to_string(static_cast<unsigned long>(pthread_self())));
 }
 
 TEST(ThreadTest, MainThreadKeepsItsNameOthersAreNamedUpToTheKernelLimit) {
