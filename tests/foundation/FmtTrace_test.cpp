@@ -71,10 +71,6 @@ TEST(MessageBufferDeathTest, NullClassNameAndBadFormatsEndTheProcess) {
 
 constexpr const char* traceClassName = "Site";
 
-void freeFunctionTrace(const std::shared_ptr<Velik::Platform::DebugHandler>& h) {
-    VELIK_FTRACE(h, 5, "free {}", 1);
-}
-
 // End to end through the framework trace writer, which writes to standard
 // error by default.
 TEST(TraceSites, EnabledLevelsWriteOneLineEachAndDisabledOnesEvaluateNothing) {
@@ -86,14 +82,14 @@ TEST(TraceSites, EnabledLevelsWriteOneLineEachAndDisabledOnesEvaluateNothing) {
     testing::internal::CaptureStderr();
     VELIK_TRACE(handle, 5, "hello {}", "world");
     VELIK_TRACE(handle, 6, "never {}", ++evaluated);
-    freeFunctionTrace(handle);
+    [&] { VELIK_FTRACE(handle, 5, "free {}", 1); }();
     const std::string written = testing::internal::GetCapturedStderr();
     clearVelikDebug("SiteTest");
     clearTraceFormat();
     EXPECT_EQ(evaluated, 0);
     EXPECT_EQ(written,
               "SiteTest|5|FmtTrace_testCpp|TestBody|Site::TestBody() hello world\n"
-              "SiteTest|5|FmtTrace_testCpp|freeFunctionTrace|free 1\n");
+              "SiteTest|5|FmtTrace_testCpp|operator()|free 1\n");
 }
 
 }  // namespace
