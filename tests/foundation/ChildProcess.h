@@ -8,30 +8,13 @@
 
 #include <cstdlib>
 #include <functional>
-#include <sstream>
 #include <string>
-#include <vector>
 
 namespace VelikTest {
 
 struct ChildResult {
     int status = 0;
     std::string stderrText;
-
-    bool abortedBySignal(int signal) const {
-        return WIFSIGNALED(status) && WTERMSIG(status) == signal;
-    }
-
-    std::vector<std::string> linesStartingWith(const std::string& prefix) const {
-        std::vector<std::string> found;
-        std::istringstream in(stderrText);
-        for (std::string line; std::getline(in, line);) {
-            if (line.rfind(prefix, 0) == 0) {
-                found.push_back(line);
-            }
-        }
-        return found;
-    }
 };
 
 inline ChildResult runInChild(const std::function<void()>& body) {
