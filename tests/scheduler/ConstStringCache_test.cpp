@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
-#include <unordered_map>
 
 namespace {
 
@@ -38,11 +38,7 @@ TEST(ConstStringCache, EqualityAndHashGoByTextAcrossCaches) {
     ConstStringRef x2 = two.intern("x");
     EXPECT_TRUE(x1 == x2);
     EXPECT_FALSE(x1 == one.intern("y"));
-    std::unordered_map<ConstStringRef, int> table;
-    table[x1] = 1;
-    table[x2] += 1;
-    EXPECT_EQ(table.size(), 1u);
-    EXPECT_EQ(table[x1], 2);
+    EXPECT_EQ(std::hash<ConstStringRef>{}(x1), std::hash<ConstStringRef>{}(x2));
 }
 
 TEST(ConstStringCacheDeathTest, DestroyingWithOpenReferencesAborts) {

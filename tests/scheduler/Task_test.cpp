@@ -93,25 +93,6 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     EXPECT_EQ(t->taskMaxRunTime(), TaskTimeDuration(5'000));
 }
 
-TEST_F(TaskTest, TestYieldRatioYieldsOnEveryRatioThCall) {
-    auto t = task(TaskPriority::normal, "y");
-    t->taskTestYieldRatioIs(3);
-    EXPECT_EQ(historyLines().front(), "frcYieldOn N y");
-    std::vector<bool> answers;
-    for (int i = 0; i < 7; ++i) {
-        answers.push_back(t->taskShouldYield());  // never run yet: may ask
-    }
-    EXPECT_EQ(answers, (std::vector<bool>{false, false, true, false, false, true, false}));
-    t->taskTestYieldRatioIs(2);  // restarts the count
-    EXPECT_FALSE(t->taskShouldYield());
-    EXPECT_TRUE(t->taskShouldYield());
-    t->taskForceYieldInTestIs(true);  // ratio 1: every call
-    EXPECT_TRUE(t->taskShouldYield() && t->taskShouldYield());
-    t->taskTestYieldRatioIs(0);
-    EXPECT_EQ(historyLines().front(), "frcYieldOff N y");
-    EXPECT_EQ(t->taskShouldYieldMode(), TaskShouldYieldMode::ticks);
-}
-
 TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
     auto t = task(TaskPriority::normal, "tick");
     t->taskQuantumIs(TaskTimeDuration(1'000'000));
@@ -131,20 +112,28 @@ TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
     EXPECT_EQ(answers, (std::vector<bool>{false, false, true, true}));
 }
 
-TEST_F(TaskTest, RootRatioAppliesUnlessTheTaskHasItsOwn) {
+TEST_F(TaskTest, ForcedYieldRatioCountsCallsAndTheTasksOwnBeatsTheRoots) {
     auto a = task(TaskPriority::normal, "a");
     auto b = task(TaskPriority::normal, "b");
-    b->taskTestYieldRatioIs(5);
-    root->taskTestYieldRatioIs(2);
-    EXPECT_EQ(a->taskTestYieldRatioEffective(), 2);
-    EXPECT_EQ(b->taskTestYieldRatioEffective(), 5);
+    b->taskTestYieldRatioIs(3);
+    EXPECT_EQ(historyLines().front(), "frcYieldOn N b");
+    std::vector<bool> answers;
+    for (int i = 0; i < 7; ++i) {
+        answers.push_back(b->taskShouldYield());  // never run yet: may ask
+    }
+    EXPECT_EQ(answers, (std::vector<bool>{false, false, true, false, false, true, false}));
+    b->taskTestYieldRatioIs(2);  // restarts the count
+    EXPECT_FALSE(b->taskShouldYield());
+    EXPECT_TRUE(b->taskShouldYield());
+
+    root->taskTestYieldRatioIs(1);  // every call, for tasks without a ratio of their own
+    EXPECT_TRUE(a->taskShouldYield() && a->taskShouldYield());
+    EXPECT_EQ(b->taskTestYieldRatioEffective(), 2);
     EXPECT_EQ(root->taskForceYieldInTestCount(), 2u);
     root->virtualTimeIs(true);
-    EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);  // ratio wins
+    EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);  // the ratio wins
     root->taskTestYieldRatioIs(0);
-    EXPECT_EQ(a->taskTestYieldRatioEffective(), 0);
     EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::frameworkTime);
-    EXPECT_EQ(b->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);
     EXPECT_EQ(root->taskForceYieldInTestCount(), 1u);
     b.reset();  // destruction leaves the forced-yield set
     EXPECT_EQ(root->taskForceYieldInTestCount(), 0u);
@@ -168,7 +157,6 @@ TEST_F(TaskTest, WorkHighWaterMarksKeepAllOnesAsAValue) {
 
 TEST_F(TaskTest, DestroyedWhileQueuedLeavesNoTraceButItsName) {
     auto t = task(TaskPriority::low, "gone");
-    EXPECT_EQ(root->taskForTest("gone"), t.get());
     t->scheduleTask();
     t.reset();
     EXPECT_EQ(root->runnableTaskCount(), 0u);
