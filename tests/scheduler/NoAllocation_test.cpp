@@ -26,16 +26,34 @@ void* countedAllocation(std::size_t size) {
 
 }  // namespace
 
-// Only the plain forms: the library's containers and shared pointers use
-// them, and the array forms fall back on them unless a sanitizer replaces
-// them all.
+// Every form: the library uses the nothrow ones too, and under a sanitizer a
+// form left out would pair the sanitizer's allocation with this free.
 void* operator new(std::size_t size) {
     return countedAllocation(size);
+}
+void* operator new[](std::size_t size) {
+    return countedAllocation(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return countedAllocation(size);
+    } catch (...) {
+        return nullptr;
+    }
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
 }
 void operator delete(void* p) noexcept {
     std::free(p);
 }
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
 void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
     std::free(p);
 }
 
