@@ -1,80 +1,44 @@
 #include <Velik/ConstStringCache.h>
 
-#include "foundation/ThrowingAsserts.h"
-
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
-#include <sstream>
-#include <unordered_map>
 
 namespace {
 
 using Velik::ConstStringCache;
 using Velik::ConstStringRef;
 
-TEST(ConstStringCache, InterningSharesOneElementUntilTheLastReferenceGoes) {
+TEST(ConstStringCache, OneElementPerTextUntilTheLastReferenceGoes) {
     ConstStringCache cache;
-    std::optional<ConstStringRef> first = cache.intern("reader");
-    std::optional<ConstStringRef> second = cache.intern(std::string("reader"));
-    EXPECT_EQ(first->elem(), second->elem());
-    EXPECT_EQ(first->elem()->refCount(), 2u);
-    EXPECT_EQ(cache.size(), 1u);
-
-    first.reset();
-    EXPECT_EQ(second->elem()->refCount(), 1u);
-    second.reset();
-    EXPECT_EQ(cache.size(), 0u);
-
-    ConstStringRef again = cache.intern("reader");
-    EXPECT_EQ(again.elem()->refCount(), 1u);
-    EXPECT_EQ(cache.size(), 1u);
-}
-
-TEST(ConstStringCache, CopiesMovesAndAssignmentKeepCountsRight) {
-    ConstStringCache cache;
-    ConstStringRef a = cache.intern("a");
-    ConstStringRef b = cache.intern("b");
+    std::optional<ConstStringRef> a = cache.intern("a");
+    ConstStringRef b = cache.intern(std::string("b"));
     {
-        ConstStringRef copy = a;
-        EXPECT_EQ(a.elem()->refCount(), 2u);
+        ConstStringRef copy = cache.intern("a");
+        EXPECT_EQ(copy.elem(), a->elem());
         ConstStringRef moved = std::move(copy);
         EXPECT_TRUE(copy.isNull());
-        EXPECT_EQ(a.elem()->refCount(), 2u);
+        EXPECT_EQ(a->elem()->refCount(), 2u);
         moved = b;  // releases a, references b
-        EXPECT_EQ(a.elem()->refCount(), 1u);
+        EXPECT_EQ(a->elem()->refCount(), 1u);
         EXPECT_EQ(b.elem()->refCount(), 2u);
     }
-    b = a;  // last reference to "b": erased
+    b = *a;  // the last reference to "b": erased
     EXPECT_EQ(cache.size(), 1u);
-    EXPECT_EQ(a.elem()->refCount(), 2u);
+    b = ConstStringRef();
+    a.reset();
+    EXPECT_EQ(cache.size(), 0u);
+    EXPECT_EQ(cache.intern("a").elem()->refCount(), 1u);  // a new element
 }
 
-TEST(ConstStringCache, TextEqualityHashAndFormatting) {
+TEST(ConstStringCache, EqualityAndHashGoByTextAcrossCaches) {
     ConstStringCache one, two;
     ConstStringRef x1 = one.intern("x");
     ConstStringRef x2 = two.intern("x");
-    ConstStringRef y = one.intern("y");
-    EXPECT_TRUE(x1 == x2);  // different caches, same text
-    EXPECT_FALSE(x1 == y);
-    EXPECT_EQ(ConstStringRef().str(), "");
-    EXPECT_EQ(fmt::format("<{}>", y), "<y>");
-    std::ostringstream out;
-    out << x1;
-    EXPECT_EQ(out.str(), "x");
-
-    std::unordered_map<ConstStringRef, int> table;
-    table[x1] = 1;
-    table[x2] += 1;
-    EXPECT_EQ(table.size(), 1u);
-    EXPECT_EQ(table[x1], 2);
-}
-
-TEST(ConstStringCache, ThreadCacheIsOnePerThread) {
-    ConstStringRef a = ConstStringCache::forThisThread().intern("threadName");
-    ConstStringRef b = ConstStringCache::forThisThread().intern("threadName");
-    EXPECT_EQ(a.elem(), b.elem());
-    EXPECT_EQ(a.elem()->cache(), &ConstStringCache::forThisThread());
+    EXPECT_TRUE(x1 == x2);
+    EXPECT_FALSE(x1 == one.intern("y"));
+    EXPECT_EQ(std::hash<ConstStringRef>{}(x1), std::hash<ConstStringRef>{}(x2));
 }
 
 TEST(ConstStringCacheDeathTest, DestroyingWithOpenReferencesAborts) {

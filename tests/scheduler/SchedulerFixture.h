@@ -7,12 +7,19 @@
 #include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerRoot.h>
 
+#include "foundation/ThrowingAsserts.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+// The assertion raised by `statement` carries `text` in its message.
+#define EXPECT_ASSERT_TEXT(statement, text) \
+    EXPECT_THAT(VelikTest::assertMessageOf([&] { statement; }), ::testing::HasSubstr(text))
 
 namespace VelikTest {
 
@@ -49,9 +56,6 @@ class ProbeTask : public Velik::Task {
         if (log_) {
             log_->push_back(taskName().str());
         }
-        if (runTime.count() != 0) {
-            advanceNs(runTime.count());
-        }
         if (alwaysReschedule) {
             scheduleTask();
         }
@@ -62,7 +66,6 @@ class ProbeTask : public Velik::Task {
 
     std::function<void(ProbeTask&)> body;
     bool alwaysReschedule = false;
-    Velik::TaskTimeDuration runTime{0};
 
   private:
     std::vector<std::string>* log_;
@@ -73,39 +76,45 @@ class SchedulerTest : public ::testing::Test {
     void SetUp() override {
         fakeNowNs = 1'000'000'000;
         Velik::Impl::taskSteadyClockForTestIs(fakeNow);
+        newRoot();
+    }
+    void TearDown() override { Velik::Impl::taskSteadyClockForTestIs(nullptr); }
+
+    void newRoot() {
         root = std::make_shared<Velik::TaskSchedulerRoot>(
             "testRoot", [this](Velik::Platform::CallbackHandler*) {
                 control = std::make_shared<CountingCallbackControl>();
                 return control;
             });
     }
-    void TearDown() override { Velik::Impl::taskSteadyClockForTestIs(nullptr); }
 
     std::shared_ptr<ProbeTask> task(Velik::TaskPriority priority, const std::string& name) {
         return std::make_shared<ProbeTask>(root.get(), priority, name, &log);
     }
 
-    // Delivers the pending callback, as the event loop would.
-    void runOnce() {
-        control->pending = false;
-        root->callback();
-    }
-    void runTimes(int n) {
+    // Delivers the pending callback `n` times, as the event loop would.
+    void runOnce(int n = 1) {
         for (int i = 0; i < n; ++i) {
-            runOnce();
+            control->pending = false;
+            root->callback();
         }
     }
-    // Runs while callbacks are requested, at most `limit` times.
-    int runUntilIdle(int limit = 1000) {
-        int runs = 0;
-        while (control->pending && runs < limit) {
+    void runUntilIdle() {
+        for (int runs = 0; control->pending && runs < 1000; ++runs) {
             runOnce();
-            ++runs;
         }
-        return runs;
     }
 
-    // The display names of the history, newest first, as "type name".
+    // The run log as one string of first letters: "HHHN...".
+    std::string letters() const {
+        std::string out;
+        for (const std::string& name : log) {
+            out += name[0];
+        }
+        return out;
+    }
+
+    // The history, newest first, as "type name".
     std::vector<std::string> historyLines() const {
         std::vector<std::string> lines;
         for (const auto& event : root->history()->events()) {

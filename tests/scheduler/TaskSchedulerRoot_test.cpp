@@ -1,48 +1,28 @@
-#include <Velik/LibeventFactory.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/Thread.h>
 
-#include "foundation/ThrowingAsserts.h"
+#include "platform/LoopThread.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 
-#include <stdexcept>
 #include <thread>
 
 namespace {
 
 using Velik::TaskPriority;
-using VelikTest::assertMessageOf;
-using VelikTest::ProbeTask;
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using Lines = std::vector<std::string>;
 
 class TaskSchedulerRootTest : public VelikTest::SchedulerTest {};
 
-TEST_F(TaskSchedulerRootTest, KnowsItsSchedulersAndTasks) {
-    EXPECT_EQ(root->schedulers().size(), 1u);
-    EXPECT_EQ(root->taskGroupCount(), 0u);
+TEST_F(TaskSchedulerRootTest, SchedulerRegistryErrors) {
     EXPECT_EQ(root->findSchedulerForTest("testRoot").get(), root.get());
-    EXPECT_EQ(root->findSchedulerForTest("nobody"), nullptr);
-    auto a = task(TaskPriority::normal, "a");
-    auto b = task(TaskPriority::low, "b");
-    EXPECT_EQ(root->totalRegisteredTaskCount(), 2u);
-    EXPECT_EQ(root->pid(), getpid());
-    EXPECT_TRUE(pthread_equal(root->threadId(), pthread_self()));
-    EXPECT_TRUE(root->followVirtualTime());  // gtest runs on the main thread
-
-    std::string message = assertMessageOf([&] { root->registerScheduler(root.get()); });
-    EXPECT_TRUE(contains(message, "insert failed for testRoot")) << message;
+    EXPECT_ASSERT_TEXT(root->registerScheduler(root.get()), "insert failed for testRoot");
     root->unregisterScheduler(root.get());
-    message = assertMessageOf([&] { root->unregisterScheduler(root.get()); });
-    EXPECT_TRUE(contains(message, "delete failed for testRoot")) << message;
-    message = assertMessageOf([&] { root->taskGroupCount(); });
-    EXPECT_FALSE(message.empty());
+    EXPECT_ASSERT_TEXT(root->unregisterScheduler(root.get()), "delete failed for testRoot");
+    EXPECT_ASSERT_TEXT(root->taskGroupCount(), "");  // raises, whatever the text
     root->registerScheduler(root.get());
 }
 
@@ -53,42 +33,37 @@ TEST_F(TaskSchedulerRootTest, SwitchesAreRecordedOnlyWhenTheyChange) {
     root->taskTestYieldRatioIs(4);
     root->taskTestYieldRatioIs(0);
     root->virtualTimeIs(false);
-    EXPECT_EQ(historyLines(), (std::vector<std::string>{
-                                  "schedulerVirtualTimeOff testRoot",
-                                  "schedulerTestYieldRatioOff testRoot",
-                                  "schedulerTestYieldRatioOn testRoot",
-                                  "schedulerVirtualTimeOn testRoot",
-                              }));
-}
-
-TEST_F(TaskSchedulerRootTest, HistoryControls) {
-    EXPECT_EQ(root->historyEntryCount(), 100u);
-    auto t = task(TaskPriority::normal, "h");
-    for (int i = 0; i < 60; ++i) {
-        t->scheduleTask();
-        t->unscheduleTask();
-    }
-    EXPECT_EQ(root->history()->size(), 100u);
-    root->historyEntryCountIs(10);
-    EXPECT_EQ(root->historyEntryCount(), 10u);
-    EXPECT_EQ(historyLines().front(), "unschedule N h");
-    EXPECT_TRUE(contains(root->historyRenderTextForDebugToString(), "Last 10 scheduler events"));
-    root->clearHistory();
-    EXPECT_EQ(root->history()->size(), 0u);
+    auto t = task(TaskPriority::normal, "t");
+    root->suspendedIs(true);
+    root->suspendedIs(true);
+    t->scheduleTask();
+    EXPECT_EQ(control->requests, 0);  // no callback while suspended
+    runOnce();
+    EXPECT_TRUE(log.empty());
+    root->suspendedIs(false);
+    EXPECT_EQ(control->requests, 1);
+    EXPECT_EQ(historyLines(),
+              (Lines{"schedulerUnsuspended testRoot", "schedulerRunIgnoredWhileSuspended testRoot",
+                     "busy N t", "schedulerRunnable testRoot", "schedule N t",
+                     "schedulerSuspended testRoot", "create N t",
+                     "schedulerVirtualTimeOff testRoot", "schedulerTestYieldRatioOff testRoot",
+                     "schedulerTestYieldRatioOn testRoot", "schedulerVirtualTimeOn testRoot"}));
+    runUntilIdle();
+    EXPECT_EQ(log, Lines{"t"});
+    // Unsuspending requests a run even with nothing queued.
+    root->suspendedIs(true);
+    root->suspendedIs(false);
+    EXPECT_EQ(control->requests, 3);
 }
 
 TEST_F(TaskSchedulerRootTest, RandomPercentIsTheSameSequenceInEveryNewRoot) {
-    auto other =
-        std::make_shared<Velik::TaskSchedulerRoot>("other", [](Velik::Platform::CallbackHandler*) {
-            return std::make_shared<VelikTest::CountingCallbackControl>();
-        });
+    auto first = root;
+    newRoot();
     unsigned seed = 0;
     for (int i = 0; i < 20; ++i) {
         unsigned expected = static_cast<unsigned>(rand_r(&seed)) / 21474836u;
-        unsigned a = root->randomPercent();
-        EXPECT_EQ(a, expected);
-        EXPECT_EQ(other->randomPercent(), a);
-        EXPECT_LE(a, 100u);
+        EXPECT_EQ(first->randomPercent(), expected);
+        EXPECT_EQ(root->randomPercent(), expected);
     }
 }
 
@@ -117,78 +92,14 @@ TEST_F(TaskSchedulerRootDeathTest, SchedulingFromAnotherThreadAborts) {
                  "thread [0-9]+\\(.*\\) pid [0-9]+");
 }
 
-// --- The thread's own root, driven by the libevent loop ---
-
-// Runs `body` on a thread with its own event base.
-void onLibeventThread(const std::function<void()>& body) {
-    std::exception_ptr failure;
-    std::thread thread([&] {
-        Velik::useThreadLocalSingletons();
-        try {
-            body();
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    });
-    thread.join();
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
-}
-
 TEST(SchedulerRootVelik, OneRootPerThreadNamedAfterTheThread) {
-    std::string name;
-    bool same = false;
-    const Velik::TaskSchedulerRoot* threadRoot = nullptr;
-    onLibeventThread([&] {
-        // Frees the thread's event base at thread exit, after the thread's
-        // root: thread-local objects die in reverse order of construction.
-        struct BaseFreer {
-            ~BaseFreer() { Velik::leFree(); }
-        };
-        static thread_local BaseFreer freer;
-        (void)&freer;
+    VelikTest::onLoopThread([] {
         auto first = Velik::schedulerRootVelik();
-        auto second = Velik::schedulerRootVelik();
-        same = first == second;
-        threadRoot = first.get();
-        name = first->schedulerName().str();
+        EXPECT_EQ(Velik::schedulerRootVelik(), first);
         EXPECT_FALSE(first->followVirtualTime());
-        EXPECT_EQ(fmt::format("thread:{}", static_cast<unsigned long>(pthread_self())), name);
-    });
-    EXPECT_TRUE(same);
-    EXPECT_TRUE(contains(name, "thread:"));
-    EXPECT_NE(threadRoot, nullptr);
-    auto nonShared = Velik::schedulerRootVelikNonShared("loose");
-    EXPECT_EQ(nonShared->schedulerName().str(), "loose");
-}
-
-TEST(SchedulerRootVelik, EventLoopRunsTasksOnePerCallbackUntilIdle) {
-    onLibeventThread([] {
-        std::vector<std::string> log;
-        {
-            auto root = Velik::TaskSchedulerRootIs("loop");
-            auto worker = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "w", &log);
-            auto urgent = std::make_shared<ProbeTask>(root.get(), TaskPriority::high, "u", &log);
-            int slices = 3;
-            worker->body = [&](ProbeTask& self) {
-                if (--slices > 0) {
-                    self.scheduleTask();
-                }
-            };
-            worker->scheduleTask();
-            urgent->scheduleTask();
-            EXPECT_TRUE(root->callbackControl()->pendingCallback());
-            Velik::doLeEventLoop();
-            EXPECT_EQ(log, (std::vector<std::string>{"u", "w", "w", "w"}));
-            EXPECT_FALSE(root->schedulerHasRunnableTasks());
-
-            // An exception from a task leaves the event loop.
-            urgent->body = [](ProbeTask&) { throw std::runtime_error("boom"); };
-            urgent->scheduleTask();
-            EXPECT_THROW(Velik::doLeEventLoop(), std::runtime_error);
-        }
-        Velik::leFree();
+        EXPECT_EQ(first->schedulerName().str(),
+                  fmt::format("thread:{}", static_cast<unsigned long>(pthread_self())));
+        EXPECT_NE(Velik::schedulerRootVelikNonShared("loose"), first);
     });
 }
 

@@ -1,14 +1,11 @@
 #include <Velik/Task.h>
 #include <Velik/TaskPriority.h>
 
-#include "foundation/ThrowingAsserts.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
 
 #include "Kiv/Ticks.h"
-
-#include <sstream>
 
 namespace {
 
@@ -16,106 +13,52 @@ using Velik::TaskPriority;
 using Velik::TaskShouldYieldMode;
 using Velik::TaskTimeDuration;
 using VelikTest::advanceNs;
-using VelikTest::assertMessageOf;
 using VelikTest::ProbeTask;
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using Lines = std::vector<std::string>;
 
 TEST(TaskPriority, NamesLettersAndInvalidValues) {
     const char* names[] = {"absolute", "high", "normal", "low", "scavenge", "oneBeyondLast"};
-    const char* letters = "AHNLS-";
     for (int i = 0; i <= 5; ++i) {
-        auto p = static_cast<TaskPriority>(i);
-        EXPECT_STREQ(Velik::toStrep(p), names[i]);
-        EXPECT_EQ(Velik::oneChar(p), letters[i]);
-        EXPECT_EQ(Velik::oneCharString(p), std::string(1, letters[i]));
+        EXPECT_STREQ(Velik::toStrep(static_cast<TaskPriority>(i)), names[i]);
+        EXPECT_EQ(Velik::oneChar(static_cast<TaskPriority>(i)), "AHNLS-"[i]);
     }
-    std::ostringstream out;
-    out << TaskPriority::scavenge;
-    EXPECT_EQ(out.str(), "scavenge");
-    EXPECT_EQ(fmt::format("{}", TaskPriority::high), "high");
-
     auto six = static_cast<TaskPriority>(6);
-    std::string message = assertMessageOf([&] { Velik::toStrep(six); });
-    EXPECT_TRUE(contains(message, "TaskSchedulerCpp:")) << message;
-    EXPECT_TRUE(contains(message, "unexpected priority value 6")) << message;
-    message = assertMessageOf([&] { Velik::oneChar(six); });
-    EXPECT_TRUE(contains(message, "unexpected priority 6")) << message;
+    EXPECT_ASSERT_TEXT(Velik::toStrep(six), "TaskSchedulerCpp:");
+    EXPECT_ASSERT_TEXT(Velik::toStrep(six), "unexpected priority value 6");
+    EXPECT_ASSERT_TEXT(Velik::oneChar(six), "unexpected priority 6");
 }
 
 class TaskTest : public VelikTest::SchedulerTest {};
 
-TEST_F(TaskTest, ConstructionRegistersWithNamesAndDefaults) {
-    auto reader = task(TaskPriority::normal, "reader");
-    EXPECT_EQ(reader->taskDisplayName().str(), "N reader");
-    EXPECT_EQ(reader->taskStatsName().str(), "reader");
-    EXPECT_EQ(reader->taskQuantum(), std::chrono::milliseconds(20));
-    EXPECT_EQ(reader->taskMagicNumber(), 0x42BE5AFEu);
-    EXPECT_TRUE(reader->includeInCompletedTask());
-    EXPECT_EQ(reader->taskShouldYieldMode(), TaskShouldYieldMode::ticks);
-    EXPECT_EQ(root->tasksPerPriority(TaskPriority::normal), 1u);
-    EXPECT_EQ(root->taskForTest("reader"), reader.get());
-    EXPECT_EQ(historyLines().front(), "create N reader");
-    EXPECT_EQ(reader->taskKey().toStrep(),
-              fmt::format("{:#x}", reinterpret_cast<std::uintptr_t>(reader.get())));
-
-    reader->taskStatsNameIs("readers");
-    EXPECT_EQ(reader->taskStatsName().str(), "readers");
-    EXPECT_EQ(reader->taskName().str(), "reader");
-    std::ostringstream out;
-    out << static_cast<const Velik::_TaskBase*>(reader.get());
-    EXPECT_EQ(out.str(), "N reader");
-}
-
-TEST_F(TaskTest, ConstructionWithoutSchedulerAsserts) {
-    std::string message =
-        assertMessageOf([] { std::make_shared<ProbeTask>(nullptr, TaskPriority::low, "orphan"); });
-    EXPECT_TRUE(contains(message, "Need a TaskScheduler")) << message;
-}
-
-TEST_F(TaskTest, ScheduleTwiceQueuesOnceAndRequestsOneRun) {
+TEST_F(TaskTest, LifeOfATaskInTheHistory) {
     auto t = task(TaskPriority::high, "t");
+    int left = 2;
+    t->body = [&](ProbeTask& self) {
+        if (--left > 0) {
+            self.scheduleTask();
+        }
+    };
     t->scheduleTask();
-    t->scheduleTask();
-    EXPECT_TRUE(t->taskScheduled());
+    t->scheduleTask();  // already queued: nothing
     EXPECT_EQ(root->runnableTaskCount(TaskPriority::high), 1u);
-    EXPECT_EQ(root->taskRunQueue(TaskPriority::high).queuedCount, 1u);
     EXPECT_EQ(control->requests, 1);
-    EXPECT_TRUE(t->taskBusy());
-    EXPECT_EQ(historyLines(), (std::vector<std::string>{"busy H t", "schedulerRunnable testRoot",
-                                                        "schedule H t", "create H t"}));
-    EXPECT_TRUE(t->taskStatus().taskOnRunQueue());
-
+    runUntilIdle();
+    t->taskSuspendedIs(true);
+    t->scheduleTask();          // dropped while suspended
+    t->taskSuspendedIs(true);   // unchanged: no event
+    t->taskSuspendedIs(false);  // queues the task
+    EXPECT_TRUE(t->taskScheduled());
     advanceNs(3'000);
     t->unscheduleTask();
-    EXPECT_FALSE(t->taskScheduled());
+    t->unscheduleTask();  // not queued: nothing
     EXPECT_EQ(t->lastSchedulingLatency(), TaskTimeDuration(3'000));
     EXPECT_EQ(root->runnableTaskCount(), 0u);
-    EXPECT_EQ(historyLines().front(), "unschedule H t");
-    t->unscheduleTask();  // not queued: nothing happens
-    EXPECT_EQ(historyLines().front(), "unschedule H t");
-}
-
-TEST_F(TaskTest, SuspensionDropsRequestsAndUnsuspendingQueues) {
-    auto t = task(TaskPriority::normal, "s");
-    t->scheduleTask();
-    t->taskSuspendedIs(true);
-    EXPECT_FALSE(t->taskScheduled());
-    EXPECT_TRUE(t->taskStatus().taskSuspended());
-    t->scheduleTask();
-    EXPECT_FALSE(t->taskScheduled());
-    EXPECT_EQ(historyLines()[0], "scheduleSus N s");
-    EXPECT_EQ(historyLines()[1], "unschedule N s");
-    EXPECT_EQ(historyLines()[2], "suspendOn N s");
-    t->taskSuspendedIs(true);  // unchanged: no event
-    EXPECT_EQ(historyLines()[0], "scheduleSus N s");
-
-    t->taskSuspendedIs(false);
-    EXPECT_TRUE(t->taskScheduled());
-    EXPECT_EQ(historyLines()[0], "schedule N s");
-    EXPECT_EQ(historyLines()[1], "suspendOff N s");
+    EXPECT_EQ(historyLines(),
+              (Lines{"unschedule H t", "busy H t", "schedulerRunnable testRoot", "schedule H t",
+                     "suspendOff H t", "scheduleSus H t", "suspendOn H t", "schedulerIdle testRoot",
+                     "idle H t", "run end H t", "run start H t", "run end H t", "schedule H t",
+                     "run start H t", "busy H t", "schedulerRunnable testRoot", "schedule H t",
+                     "create H t"}));
 
     // Unsuspending queues even a task that never asked.
     auto quiet = task(TaskPriority::normal, "quiet");
@@ -124,93 +67,30 @@ TEST_F(TaskTest, SuspensionDropsRequestsAndUnsuspendingQueues) {
     EXPECT_TRUE(quiet->taskScheduled());
 }
 
-TEST_F(TaskTest, QuantumLimits) {
+TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     auto t = task(TaskPriority::normal, "q");
-    t->taskQuantumIs(std::chrono::seconds(1));
+    t->taskQuantumIs(std::chrono::seconds(1));  // the largest allowed
+    EXPECT_ASSERT_TEXT(t->taskQuantumIs(TaskTimeDuration(1'000'000'001)), "Quantum: 1000000001");
+    EXPECT_ASSERT_TEXT(t->taskQuantumNoCheckIs(TaskTimeDuration(0)), "Quantum: 0");
+    EXPECT_ASSERT_TEXT(t->taskQuantumIs(TaskTimeDuration(-5)), "Quantum: -5");
     EXPECT_EQ(t->taskQuantum(), std::chrono::seconds(1));
-    std::string message =
-        assertMessageOf([&] { t->taskQuantumIs(TaskTimeDuration(1'000'000'001)); });
-    EXPECT_TRUE(contains(message, "Quantum: 1000000001")) << message;
-    EXPECT_EQ(t->taskQuantum(), std::chrono::seconds(1));
-    message = assertMessageOf([&] { t->taskQuantumNoCheckIs(TaskTimeDuration(0)); });
-    EXPECT_TRUE(contains(message, "Quantum: 0")) << message;
-    message = assertMessageOf([&] { t->taskQuantumIs(TaskTimeDuration(-5)); });
-    EXPECT_TRUE(contains(message, "Quantum: -5")) << message;
     t->taskQuantumNoCheckIs(std::chrono::seconds(5));  // no upper limit here
     EXPECT_EQ(t->taskQuantum(), std::chrono::seconds(5));
-}
 
-TEST_F(TaskTest, RunTimingAndQuantumViolationBoundaries) {
-    auto t = task(TaskPriority::normal, "v");
     t->taskQuantumIs(TaskTimeDuration(1'000));
-    auto runFor = [&](std::int64_t ns) {
-        t->runTime = TaskTimeDuration(ns);
-        t->taskRunAndRecordFromTest();
+    struct Row {
+        std::int64_t ns;
+        unsigned qv200, qv500;  // counts after the run
     };
-    runFor(1'999);
-    EXPECT_EQ(t->qv200(), 0u);
-    runFor(2'000);  // exactly twice the quantum
-    EXPECT_EQ(t->qv200(), 1u);
-    runFor(4'999);
-    EXPECT_EQ(t->qv200(), 2u);
-    EXPECT_EQ(t->qv500(), 0u);
-    runFor(5'000);  // exactly five times
-    EXPECT_EQ(t->qv500(), 1u);
-    EXPECT_EQ(t->qv200(), 2u);
+    for (Row row : {Row{1'999, 0, 0}, Row{2'000, 1, 0}, Row{4'999, 2, 0}, Row{5'000, 2, 1}}) {
+        t->body = [&](ProbeTask&) { advanceNs(row.ns); };
+        t->taskRunAndRecordFromTest();
+        EXPECT_EQ(t->qv200(), row.qv200) << row.ns;
+        EXPECT_EQ(t->qv500(), row.qv500) << row.ns;
+    }
     EXPECT_EQ(t->taskRunCount(), 4u);
     EXPECT_EQ(t->taskTotalRunTime(), TaskTimeDuration(1'999 + 2'000 + 4'999 + 5'000));
     EXPECT_EQ(t->taskMaxRunTime(), TaskTimeDuration(5'000));
-    EXPECT_EQ(historyLines()[0], "run end N v");
-    EXPECT_EQ(historyLines()[1], "run start N v");
-
-    // The plain test run leaves the statistics as they were.
-    t->runTime = TaskTimeDuration(9'000);
-    t->taskRunFromTest();
-    EXPECT_EQ(t->taskRunCount(), 4u);
-    EXPECT_EQ(t->qv500(), 1u);
-}
-
-TEST_F(TaskTest, BusyWhileReschedulingIdleWhenDone) {
-    auto t = task(TaskPriority::normal, "b");
-    int left = 2;
-    t->body = [&](ProbeTask& self) {
-        if (--left > 0) {
-            self.scheduleTask();
-        }
-    };
-    t->scheduleTask();
-    runUntilIdle();
-    EXPECT_EQ(log, (std::vector<std::string>{"b", "b"}));
-    EXPECT_FALSE(t->taskBusy());
-    auto lines = historyLines();
-    EXPECT_EQ(lines[0], "schedulerIdle testRoot");
-    EXPECT_EQ(lines[1], "idle N b");
-    EXPECT_EQ(lines[2], "run end N b");
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "busy N b"), 1);
-}
-
-TEST_F(TaskTest, TestYieldRatioYieldsOnEveryRatioThCall) {
-    auto t = task(TaskPriority::normal, "y");
-    t->taskTestYieldRatioIs(3);
-    EXPECT_EQ(t->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);
-    EXPECT_EQ(historyLines().front(), "frcYieldOn N y");
-    std::vector<bool> answers;
-    for (int i = 0; i < 6; ++i) {
-        answers.push_back(t->taskShouldYield());  // never run yet: may ask
-    }
-    EXPECT_EQ(answers, (std::vector<bool>{false, false, true, false, false, true}));
-    t->taskShouldYield();
-    t->taskTestYieldRatioIs(2);  // restarts the count
-    EXPECT_FALSE(t->taskShouldYield());
-    EXPECT_TRUE(t->taskShouldYield());
-
-    t->taskForceYieldInTestIs(true);
-    EXPECT_TRUE(t->taskForceYieldInTest());
-    EXPECT_TRUE(t->taskShouldYield());
-    EXPECT_TRUE(t->taskShouldYield());
-    t->taskTestYieldRatioIs(0);
-    EXPECT_EQ(historyLines().front(), "frcYieldOff N y");
-    EXPECT_EQ(t->taskShouldYieldMode(), TaskShouldYieldMode::ticks);
 }
 
 TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
@@ -232,56 +112,45 @@ TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
     EXPECT_EQ(answers, (std::vector<bool>{false, false, true, true}));
 }
 
-TEST_F(TaskTest, RootRatioAppliesUnlessTheTaskHasItsOwn) {
+TEST_F(TaskTest, ForcedYieldRatioCountsCallsAndTheTasksOwnBeatsTheRoots) {
     auto a = task(TaskPriority::normal, "a");
     auto b = task(TaskPriority::normal, "b");
-    b->taskTestYieldRatioIs(5);
-    root->taskTestYieldRatioIs(2);
-    EXPECT_EQ(a->taskTestYieldRatioEffective(), 2);
-    EXPECT_EQ(b->taskTestYieldRatioEffective(), 5);
-    EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);
-    EXPECT_EQ(root->taskForceYieldInTestCount(), 2u);
-    root->taskTestYieldRatioIs(0);
-    EXPECT_EQ(a->taskTestYieldRatioEffective(), 0);
-    EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::ticks);
-    EXPECT_EQ(root->taskForceYieldInTestCount(), 1u);
+    b->taskTestYieldRatioIs(3);
+    EXPECT_EQ(historyLines().front(), "frcYieldOn N b");
+    std::vector<bool> answers;
+    for (int i = 0; i < 7; ++i) {
+        answers.push_back(b->taskShouldYield());  // never run yet: may ask
+    }
+    EXPECT_EQ(answers, (std::vector<bool>{false, false, true, false, false, true, false}));
+    b->taskTestYieldRatioIs(2);  // restarts the count
+    EXPECT_FALSE(b->taskShouldYield());
+    EXPECT_TRUE(b->taskShouldYield());
 
+    root->taskTestYieldRatioIs(1);  // every call, for tasks without a ratio of their own
+    EXPECT_TRUE(a->taskShouldYield() && a->taskShouldYield());
+    EXPECT_EQ(b->taskTestYieldRatioEffective(), 2);
+    EXPECT_EQ(root->taskForceYieldInTestCount(), 2u);
     root->virtualTimeIs(true);
+    EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);  // the ratio wins
+    root->taskTestYieldRatioIs(0);
     EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::frameworkTime);
-    EXPECT_EQ(b->taskShouldYieldMode(), TaskShouldYieldMode::testRatio);
+    EXPECT_EQ(root->taskForceYieldInTestCount(), 1u);
+    b.reset();  // destruction leaves the forced-yield set
+    EXPECT_EQ(root->taskForceYieldInTestCount(), 0u);
     root->virtualTimeIs(false);
     EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::ticks);
 }
 
-TEST_F(TaskTest, WorkCountsAveragesAndHighWaterMarks) {
+TEST_F(TaskTest, WorkHighWaterMarksKeepAllOnesAsAValue) {
     auto t = task(TaskPriority::normal, "w");
-    EXPECT_FALSE(t->workCountHighWaterMark().hasValue());
-    t->taskWorkCountInc(10);
-    EXPECT_EQ(t->workCountDecayAvg(), 10.0f);
-    EXPECT_EQ(t->workCountHighWaterMark().value(), 10u);
+    t->taskWorkCountInc(10);  // the first sample is the average
     t->taskWorkCountInc(0);
     EXPECT_FLOAT_EQ(t->workCountDecayAvg(), 9.0f);
-    EXPECT_EQ(t->workCountHighWaterMark().value(), 10u);
-    t->taskWorkCountInc(20);
-    EXPECT_FLOAT_EQ(t->workCountDecayAvg(), (9.0f * 9.0f + 20.0f) / 10.0f);
-    EXPECT_EQ(t->workCountHighWaterMark().value(), 20u);
-    EXPECT_EQ(t->workCountTotal(), 30u);
-    t->taskWorkCountInc(0xFFFFFFFFu);  // all ones is "no value": kept one lower
+    t->taskWorkCountInc(0xFFFFFFFFu);  // all ones means "no value": kept one lower
     EXPECT_EQ(t->workCountHighWaterMark().value(), 0xFFFFFFFEu);
-
     t->taskWorkPendingIs(0);
-    EXPECT_EQ(t->workPendingHighWaterMark().value(), 0u);
-    t->taskWorkPendingIs(7);
-    t->taskWorkPendingIs(3);
-    EXPECT_EQ(t->workPending(), 3u);
-    EXPECT_EQ(t->workPendingHighWaterMark().value(), 7u);
-
-    t->runTime = TaskTimeDuration(100);
-    t->taskRunAndRecordFromTest();
+    EXPECT_TRUE(t->workPendingHighWaterMark().hasValue());
     t->taskResetStats();
-    EXPECT_EQ(t->taskRunCount(), 0u);
-    EXPECT_EQ(t->workCountTotal(), 0u);
-    EXPECT_EQ(t->taskMaxRunTime(), TaskTimeDuration(0));
     EXPECT_FALSE(t->workCountHighWaterMark().hasValue());
     EXPECT_FALSE(t->workPendingHighWaterMark().hasValue());
 }
@@ -290,37 +159,46 @@ TEST_F(TaskTest, DestroyedWhileQueuedLeavesNoTraceButItsName) {
     auto t = task(TaskPriority::low, "gone");
     t->scheduleTask();
     t.reset();
-    EXPECT_EQ(root->runnableTaskCount(TaskPriority::low), 0u);
+    EXPECT_EQ(root->runnableTaskCount(), 0u);
     EXPECT_EQ(root->tasksPerPriority(TaskPriority::low), 0u);
-    EXPECT_EQ(root->tasks().size(), 0u);
+    EXPECT_EQ(root->taskForTest("gone"), nullptr);
     auto lines = historyLines();
-    EXPECT_EQ(lines[0], "delete L gone");
-    EXPECT_EQ(lines[1], "unschedule L gone");
+    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 2),
+              (Lines{"delete L gone", "unschedule L gone"}));
     runUntilIdle();
     EXPECT_TRUE(log.empty());
-    // The history still names the task after it is gone.
-    EXPECT_TRUE(contains(root->historyRenderTextForDebugToString(), "delete       L gone"));
-}
 
-TEST_F(TaskTest, HandleDestroyUnregistersOnce) {
-    auto t = task(TaskPriority::normal, "hd");
-    t->scheduleTask();
-    t->handleDestroy();
-    EXPECT_EQ(t->taskMagicNumber(), 0xDEADDEADu);
+    auto d = task(TaskPriority::normal, "hd");
+    d->scheduleTask();
+    d->handleDestroy();
+    EXPECT_FALSE(d->taskScheduled());
+    EXPECT_EQ(d->taskMagicNumber(), 0xDEADDEADu);
     EXPECT_EQ(root->tasks().size(), 0u);
-    t.reset();  // the destructor does not unregister again
+    d.reset();  // the destructor must not unregister a second time
     EXPECT_EQ(root->tasksPerPriority(TaskPriority::normal), 0u);
 }
 
-TEST_F(TaskTest, RunningAQueuedTaskAsserts) {
-    auto t = task(TaskPriority::normal, "queued");
+TEST_F(TaskTest, MisuseAssertsWithItsText) {
+    EXPECT_ASSERT_TEXT(std::make_shared<ProbeTask>(nullptr, TaskPriority::low, "orphan"),
+                       "Need a TaskScheduler");
+    auto t = task(TaskPriority::normal, "reg");
+    EXPECT_ASSERT_TEXT(root->taskRegister(t.get()), "Task: N reg already registered");
     t->scheduleTask();
-    std::string message = assertMessageOf([&] {
-        Velik::TaskTimePoint end;
-        t->taskDoRun(VelikTest::fakeNow(), end);
-    });
-    EXPECT_TRUE(contains(message, "TaskImpl::taskDoRun() N queued")) << message;
+    EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg scheduled on unregister");
+    Velik::TaskTimePoint end;
+    EXPECT_ASSERT_TEXT(t->taskDoRun(VelikTest::fakeNow(), end), "TaskImpl::taskDoRun() N reg");
     EXPECT_TRUE(log.empty());
+    t->unscheduleTask();
+    t->handleDestroy();
+    EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg not registered");
+
+    EXPECT_ASSERT_TEXT(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");
+    EXPECT_ASSERT_TEXT(root->runnableTaskCount(static_cast<TaskPriority>(5)), "TaskSchedulerCpp:");
+    auto& queue = root->taskRunQueue(TaskPriority::low);
+    queue.pickedCount = queue.queuedCount + 1;
+    EXPECT_ASSERT_TEXT(root->runnableTaskCount(TaskPriority::low),
+                       "Priority: low runnableTasks: -1");
+    queue.pickedCount = queue.queuedCount;
 }
 
 using TaskDeathTest = TaskTest;
