@@ -17,7 +17,7 @@ std::string joined(const std::vector<std::string>& items) {
     return out;
 }
 
-// Each spec parsed and listed back in TRACE syntax, with the rejected texts.
+// Each TRACE value parsed and listed back in TRACE syntax, with the rejected texts.
 TEST(TraceSettings, ParsedListedBackAndRejected) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
         {"Velik/0-5,9,Kiv/3,Other", "Velik/0-5,9|Kiv/3|Other|", ""},
@@ -27,13 +27,13 @@ TEST(TraceSettings, ParsedListedBackAndRejected) {
         {"Good/1,Bad/,Worse/32,Back/5-2,Sp ace,9lives,x/a,Fine", "Good/1|Fine|",
          "Bad/|Worse/32|Back/5-2|Sp ace|9lives|x/a|"},
     };
-    for (const auto& [spec, listed, rejected] : cases) {
+    for (const auto& [value, listed, rejected] : cases) {
         std::vector<std::string> errors, texts;
-        for (const Kiv::TraceSetting& setting : Kiv::parseTraceSettings(spec, &errors)) {
+        for (const Kiv::TraceSetting& setting : Kiv::parseTraceSettings(value, &errors)) {
             texts.push_back(setting.toString());
         }
-        EXPECT_EQ(joined(texts), listed) << spec;
-        EXPECT_EQ(joined(errors), rejected) << spec;
+        EXPECT_EQ(joined(texts), listed) << value;
+        EXPECT_EQ(joined(errors), rejected) << value;
     }
 }
 
