@@ -1,0 +1,51 @@
+// What the clock, loop and descriptor tests share: a timer running an action
+// and a fixture that runs the process loop under virtual time.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <limits>
+
+#include "Kiv/ActivityManager.h"
+#include "Kiv/System.h"
+
+namespace KivTest {
+
+inline constexpr double kNever = std::numeric_limits<double>::infinity();
+
+inline Kiv::ActivityManagerConfig* config() {
+    return Kiv::activityManager()->config();
+}
+
+inline double now() {
+    return Kiv::System::currentTime();
+}
+
+class Timer : public Kiv::Clock::Notifiee {
+  public:
+    explicit Timer(std::function<void()> act = {}) : Notifiee(config()->clock()), action(act) {}
+    void onTime() override {
+        ++deliveries;
+        if (action) {
+            action();
+        }
+    }
+    std::function<void()> action;
+    int deliveries = 0;
+};
+
+// Every test leaves the process loop as it found it: real time, no run limit,
+// nothing armed and nothing watched (a leak here would stall later tests).
+class LoopTest : public ::testing::Test {
+  protected:
+    void SetUp() override { config()->virtualTimeIs(true); }
+    void TearDown() override {
+        config()->virtualTimeIs(false);
+        config()->executionTimeIs(kNever);
+        EXPECT_EQ(Kiv::activityManager()->clock()->armedCount(), 0u);
+        EXPECT_EQ(Kiv::activityManager()->mainLoop()->watchedCount(), 0u);
+    }
+};
+
+}  // namespace KivTest
