@@ -1,8 +1,13 @@
+// The timer wheel: exact delivery of early-released timers, parking order,
+// when the master timer is touched, re-entrant notifications and lifetimes.
+// Driven by libevent fast-forward on a loop thread unless stated.
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
 
 #include <Velik/FastForward.h>
+#include <Velik/KivPlatform.h>
 #include <Velik/LibeventFactory.h>
+#include <Velik/PlatformSelection.h>
 #include <Velik/Time.h>
 #include <Velik/TimerWheel.h>
 
@@ -14,6 +19,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -24,21 +30,19 @@ using VelikTest::onLoopThread;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-// Delivery log shared by the probes of one test: ids in delivery order.
+// Ids in delivery order.
 using Order = std::vector<int>;
 
-// A timer that records when it was delivered and how far past its exact
-// expiry time that was.
+// A timer that records how far past its exact expiry time each delivery was.
 struct Probe : TimerWheelEvent {
-    Probe(int id = 0, Order* order = nullptr) : id(id), order(order) {}
+    explicit Probe(int id = 0, Order* order = nullptr) : id(id), order(order) {}
 
     void start(const std::shared_ptr<TimerWheel>& wheel, double seconds) {
         setTimeout(wheel, seconds);
         due = expirationTime();
     }
     void timeout() override {
-        double now = Velik::time();
-        lateness.push_back(now - due);
+        lateness.push_back(Velik::time() - due);
         if (order) {
             order->push_back(id);
         }
@@ -54,8 +58,8 @@ struct Probe : TimerWheelEvent {
     std::function<void()> onExpiry;
 };
 
-// Wraps a real libevent timer and logs what the wheel asks of it: the delay
-// of each arming, -1 for each disarming.
+// A real libevent master timer that logs the delay of each arming, and -1
+// for each disarming.
 struct RecordingTimer : Platform::TimerControl {
     RecordingTimer(Platform::TimeoutHandler* handler, std::vector<double>* log)
         : inner(getLeTimerControl(handler)), log(log) {}
@@ -79,15 +83,11 @@ std::shared_ptr<TimerWheel> recordedWheel(std::vector<double>* log) {
     });
 }
 
-// Moves the thread's virtual clock so that it stands `fraction` of the way
-// into a tick.
+// Moves the thread's virtual clock `fraction` of the way into a tick.
 void moveIntoTick(double fraction) {
     double ticks = Velik::time() * TimerWheel::ticksPerSecond;
     double gap = fraction - (ticks - std::floor(ticks));
-    if (gap < 0.05) {
-        gap += 1.0;
-    }
-    timeval delta{0, static_cast<suseconds_t>(gap * 1e4)};
+    timeval delta{0, static_cast<suseconds_t>((gap < 0.05 ? gap + 1.0 : gap) * 1e4)};
     applyFastForwardDelta(&delta);
 }
 
@@ -98,21 +98,17 @@ void makeTimeCoarse() {
     applyFastForwardDelta(&delta);
 }
 
-// Starts every probe for `seconds`, in order, again until all got one expiry
-// time.
+// Starts the probes, in order, for `seconds` until all got one expiry time.
 void startTogether(const std::shared_ptr<TimerWheel>& wheel, const std::vector<Probe*>& probes,
                    double seconds) {
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        // Stopped first: a restart for the instant a probe already has would
-        // keep its old place.
+        // Stopped first: a restart for the instant a probe has keeps its place.
+        bool same = true;
         for (Probe* p : probes) {
             p->delTimeout(wheel);
         }
         for (Probe* p : probes) {
             p->start(wheel, seconds);
-        }
-        bool same = true;
-        for (Probe* p : probes) {
             same = same && p->due == probes.front()->due;
         }
         if (same) {
@@ -128,36 +124,19 @@ class TimerWheelLibevent : public testing::Test {
     void TearDown() override { setLeFastForward(false); }
 };
 
-// ------------------------------------------------------------------ state
-
-TEST(TimerWheelState, NamesAndFlagBits) {
-    EXPECT_STREQ(timerWheelStateToString(TimerWheelState::notLinked), "notLinked");
-    EXPECT_STREQ(timerWheelStateToString(TimerWheelState::inTimerWheel), "inTimerWheel");
-    EXPECT_STREQ(timerWheelStateToString(TimerWheelState::inTimersExpiryingSoon),
-                 "inTimersExpiryingSoon");
-    EXPECT_STREQ(timerWheelStateToString(static_cast<TimerWheelState>(3)), "unknownState");
-    EXPECT_EQ(fmt::format("{}", TimerWheelState::inTimerWheel), "inTimerWheel");
-
+TEST(TimerWheelEvent, StateBitsAndTheirTransitions) {
     Probe ev;
     EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x04);
-    EXPECT_EQ(ev.state(), TimerWheelState::notLinked);
-    EXPECT_EQ(ev.remainingTimeout(), never);
-    ev.stateIs(TimerWheelState::inTimersExpiryingSoon);
-    EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x10);
-    ev.stateIs(TimerWheelState::notLinked);
     ev.stateIs(TimerWheelState::inTimerWheel);
     EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x08);
-    ev.stateIs(TimerWheelState::notLinked);
-}
-
-TEST(TimerWheelState, ChangesBetweenWheelAndParkingGoViaNotLinked) {
-    Probe ev;
-    ev.stateIs(TimerWheelState::inTimerWheel);
     EXPECT_NE(assertMessageOf([&] { ev.stateIs(TimerWheelState::inTimersExpiryingSoon); })
                   .find("TimerWheelEvent::stateIs() State change inTimerWheel -> "
                         "inTimersExpiryingSoon must go via notLinked"),
               std::string::npos);
     EXPECT_EQ(ev.state(), TimerWheelState::inTimerWheel);
+    ev.stateIs(TimerWheelState::notLinked);
+    ev.stateIs(TimerWheelState::inTimersExpiryingSoon);
+    EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x10);
     ev.stateIs(TimerWheelState::notLinked);
     EXPECT_NE(assertMessageOf([&] {
                   ev.stateIs(static_cast<TimerWheelState>(3));
@@ -166,7 +145,7 @@ TEST(TimerWheelState, ChangesBetweenWheelAndParkingGoViaNotLinked) {
     EXPECT_EQ(ev.state(), TimerWheelState::notLinked);
 }
 
-TEST(TimerWheelState, DestroyingAStartedEventAborts) {
+TEST(TimerWheelEventDeathTest, DestroyingAStartedEventAborts) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
@@ -177,6 +156,7 @@ TEST(TimerWheelState, DestroyingAStartedEventAborts) {
         "TimerWheelEvent 0x[0-9a-f]+ destroyed while inTimerWheel");
 }
 
+// Now rounds up and expiries round down, so the wheel never releases late.
 TEST(TimerWheelTicks, CurrentTickRoundsUpExpiryTickRoundsDown) {
     EXPECT_EQ(Impl::timerWheelCurrentTick(12.341), 1235u);
     EXPECT_EQ(Impl::timerWheelExpiryTick(12.349), 1234u);
@@ -186,40 +166,18 @@ TEST(TimerWheelTicks, CurrentTickRoundsUpExpiryTickRoundsDown) {
     EXPECT_EQ(Impl::timerWheelExpiryTick(never), TIMEOUT_NEVER);
 }
 
-TEST(TimersAtTimeout, ArrivalOrderAndMembershipChecks) {
-    Probe a(1), b(2), c(3);
-    TimersAtTimeout first, second;
-    first.pushBack(&a);
-    first.pushBack(&b);
-    first.pushBack(&c);
-    first.remove(&b);
-    EXPECT_NE(assertMessageOf([&] { second.pushBack(&a); }).find("pending set to 0x"),
-              std::string::npos);
-    EXPECT_NE(assertMessageOf([&] { second.remove(&c); }).find("linked to 0x"), std::string::npos);
-    EXPECT_EQ(first.size(), 2u);
-    EXPECT_EQ(first.popFront(), &a);
-    EXPECT_EQ(first.popFront(), &c);
-    EXPECT_EQ(first.popFront(), nullptr);
-    second.pushBack(&b);  // free again after its removal
-    EXPECT_EQ(second.popFront(), &b);
-}
-
-// ------------------------------------------------------------------ libevent platform
-
 TEST_F(TimerWheelLibevent, EarlyReleasedTimerIsParkedAndDeliveredOnTime) {
     onLoopThread([] {
         Probe p;  // made first: the wheel leaves it stopped should a check fail
         auto wheel = std::make_shared<TimerWheel>();
-        // Halfway into a tick, a 4 ms timer falls in the tick that the wheel
-        // already counts as current: the wheel releases it at once.
+        // Halfway into a tick, a 4 ms timer falls in the tick the wheel
+        // already counts as current: it is released at once.
         moveIntoTick(0.5);
         p.start(wheel, 0.004);
-        EXPECT_EQ(p.state(), TimerWheelState::inTimerWheel);
         VelikTest::loopPass();
         ASSERT_TRUE(p.lateness.empty());
         EXPECT_EQ(p.state(), TimerWheelState::inTimersExpiryingSoon);
         ASSERT_NE(wheel->timersExpiryingAt(p.due), nullptr);
-        EXPECT_EQ(wheel->timersExpiryingAt(p.due)->size(), 1u);
         EXPECT_EQ(wheel->masterTimerExpiry(), p.due);  // armed for the exact time
 
         doLeEventLoop(1.0);
@@ -233,32 +191,53 @@ TEST_F(TimerWheelLibevent, EarlyReleasedTimerIsParkedAndDeliveredOnTime) {
     });
 }
 
-TEST_F(TimerWheelLibevent, ManyRandomTimersAreNeverEarlyAndComeInTimeOrder) {
+// Many timers, near the current tick and far enough to cascade, a tenth of
+// which stop their neighbour, stop themselves and restart once from inside
+// their notification: none is early or lost, and all come in time order.
+TEST_F(TimerWheelLibevent, ChurningTimersAreNeverEarlyAndComeInTimeOrder) {
     onLoopThread([] {
-        std::mt19937 random(7);
-        std::uniform_real_distribution<double> delay(0.0, 2.0);
-        Order order;
+        std::mt19937 random(11);
+        std::uniform_real_distribution<double> delay(0.0, 1.0);
+        std::vector<double> delivered;  // dues, in delivery order
         std::vector<std::unique_ptr<Probe>> probes;
+        for (int i = 0; i < 1000; ++i) {
+            probes.push_back(std::make_unique<Probe>(i));
+        }
         auto wheel = std::make_shared<TimerWheel>();
-        for (int i = 0; i < 2000; ++i) {
-            probes.push_back(std::make_unique<Probe>(i, &order));
-            // Short ones stay near the current tick, long ones cascade.
-            probes.back()->start(wheel, i % 4 == 0 ? delay(random) / 100 : delay(random) * 30);
+        int stopped = 0;
+        for (size_t i = 0; i < probes.size(); ++i) {
+            Probe& p = *probes[i];
+            p.onExpiry = [&, i] {
+                delivered.push_back(probes[i]->due);
+                if (i % 10 != 0) {
+                    return;
+                }
+                Probe& next = *probes[i + 1];
+                if (next.state() != TimerWheelState::notLinked) {
+                    next.delTimeout(wheel);
+                    ++stopped;
+                }
+                probes[i]->delTimeout(wheel);  // not running: harmless
+                if (probes[i]->lateness.size() == 1) {
+                    probes[i]->start(wheel, delay(random) / 50);
+                }
+            };
+            p.start(wheel, i % 3 == 0 ? delay(random) / 50 : delay(random) * 20);
         }
-        doLeEventLoop(61.0);
-        ASSERT_EQ(order.size(), probes.size());
-        for (size_t i = 1; i < order.size(); ++i) {
-            ASSERT_LE(probes[order[i - 1]]->due, probes[order[i]]->due) << i;
+        doLeEventLoop(30.0);
+
+        EXPECT_GT(stopped, 0);
+        ASSERT_EQ(delivered.size(), probes.size() + probes.size() / 10 - stopped);
+        for (size_t i = 1; i < delivered.size(); ++i) {
+            ASSERT_LE(delivered[i - 1], delivered[i]) << i;
         }
-        int prompt = 0;
         for (auto& p : probes) {
-            ASSERT_EQ(p->lateness.size(), 1u);
-            ASSERT_GE(p->lateness[0], 0.0) << p->id;
-            EXPECT_LT(p->lateness[0], 0.05) << p->id;
-            prompt += p->lateness[0] < 0.002;
+            for (double late : p->lateness) {
+                ASSERT_GE(late, 0.0) << p->id;
+                EXPECT_LT(late, 0.05) << p->id;
+            }
         }
-        // Virtual time makes delivery exact up to the loop's own run time.
-        EXPECT_GT(prompt, 1900);
+        EXPECT_EQ(wheel->masterTimerExpiry(), never);
     });
 }
 
@@ -270,9 +249,9 @@ TEST_F(TimerWheelLibevent, SameInstantInParkingOrderAndRestartToItIsANoOp) {
         std::vector<std::unique_ptr<Probe>> probes;
         std::string trace;
         // Restarting the first for the instant it already has must keep its
-        // place before the others and write no start trace. Each attempt
-        // needs the clock not to move between two readings, so attempts that
-        // miss are stopped and tried again with fresh probes.
+        // place before the others and write no start trace. That needs the
+        // clock not to move between two readings, so attempts that miss are
+        // stopped and tried again with fresh probes.
         for (int attempt = 0; attempt < 100; ++attempt) {
             for (auto& p : probes) {
                 p->delTimeout(wheel);
@@ -295,60 +274,35 @@ TEST_F(TimerWheelLibevent, SameInstantInParkingOrderAndRestartToItIsANoOp) {
         ASSERT_EQ(probes[0]->expirationTime(), probes[0]->due);
         EXPECT_EQ(trace.find("set timeout"), std::string::npos) << trace;
         EXPECT_EQ(trace.find("del timeout"), std::string::npos) << trace;
-        EXPECT_EQ(probes[0]->state(), TimerWheelState::inTimerWheel);
 
         doLeEventLoop(1.0);
         EXPECT_EQ(order, (Order{1, 2, 3}));
     });
 }
 
-TEST_F(TimerWheelLibevent, NotificationsStartAndStopTimersThemselvesIncluded) {
+// The first of two timers parked for one instant stops the second and
+// starts another for now: the stopped one never comes, the new one next.
+TEST_F(TimerWheelLibevent, NotificationStopsAParkedTimerAndStartsAnother) {
     onLoopThread([] {
         makeTimeCoarse();
         auto wheel = std::make_shared<TimerWheel>();
         Order order;
-        Probe first(1, &order), victim(2, &order), repeater(3, &order), quitter(4, &order),
-            spawned(5, &order);
+        Probe first(1, &order), victim(2, &order), spawned(3, &order), later(4, &order);
         startTogether(wheel, {&first, &victim}, 0.2);
-        ASSERT_EQ(first.due, victim.due);
-        // `first` stops `victim` (parked right behind it, same instant) and
-        // starts `spawned` at once.
+        later.start(wheel, 0.25);
         first.onExpiry = [&] {
             EXPECT_EQ(victim.state(), TimerWheelState::inTimersExpiryingSoon);
             victim.delTimeout(wheel);
             spawned.start(wheel, 0.0);
         };
-        // `repeater` re-arms itself twice; `quitter` stops itself (already
-        // not linked) and then restarts and stops itself.
-        repeater.onExpiry = [&] {
-            if (repeater.lateness.size() < 3) {
-                repeater.start(wheel, 0.07);
-            }
-        };
-        quitter.onExpiry = [&] {
-            quitter.delTimeout(wheel);
-            quitter.start(wheel, 0.01);
-            quitter.delTimeout(wheel);
-        };
-        repeater.start(wheel, 0.1);
-        quitter.start(wheel, 0.13);
-
         doLeEventLoop(1.0);
-        EXPECT_TRUE(victim.lateness.empty());
-        EXPECT_EQ(repeater.lateness.size(), 3u);
-        EXPECT_EQ(quitter.lateness.size(), 1u);
+        EXPECT_EQ(order, (Order{1, 3, 4}));
         ASSERT_EQ(spawned.lateness.size(), 1u);
-        EXPECT_EQ(order, (Order{3, 4, 3, 1, 5, 3}));
-        for (Probe* p : {&first, &repeater, &quitter, &spawned}) {
-            for (double late : p->lateness) {
-                EXPECT_GE(late, 0.0) << p->id;
-            }
-        }
-        EXPECT_EQ(wheel->masterTimerExpiry(), never);
+        EXPECT_GE(spawned.lateness[0], 0.0);
     });
 }
 
-TEST_F(TimerWheelLibevent, StoppingAParkedTimerMovesOnToTheNext) {
+TEST_F(TimerWheelLibevent, StoppingAParkedTimerMovesTheMasterTimerOn) {
     onLoopThread([] {
         std::vector<double> master;
         auto wheel = recordedWheel(&master);
@@ -358,18 +312,15 @@ TEST_F(TimerWheelLibevent, StoppingAParkedTimerMovesOnToTheNext) {
         later.start(wheel, 0.5);
         VelikTest::loopPass();  // parks the first
         ASSERT_EQ(parked.state(), TimerWheelState::inTimersExpiryingSoon);
-        EXPECT_EQ(later.state(), TimerWheelState::inTimerWheel);
 
         master.clear();
         parked.delTimeout(wheel);
-        EXPECT_EQ(parked.state(), TimerWheelState::notLinked);
         EXPECT_EQ(wheel->timersExpiryingAt(parked.due), nullptr);
         EXPECT_TRUE(master.empty());  // stopping never touches the master timer
         EXPECT_EQ(parked.remainingTimeout(), never);
 
-        wheel->setMasterTimer();
+        wheel->setMasterTimer();  // on to the wheel, no later than its timer
         ASSERT_EQ(master.size(), 1u);
-        // On to the wheel: armed, and no later than the remaining timer.
         EXPECT_GT(master[0], 0.0);
         EXPECT_LE(wheel->masterTimerExpiry(), later.due);
 
@@ -378,8 +329,7 @@ TEST_F(TimerWheelLibevent, StoppingAParkedTimerMovesOnToTheNext) {
         EXPECT_EQ(master.back(), -1);
         EXPECT_EQ(wheel->masterTimerExpiry(), never);
         doLeEventLoop(1.0);
-        EXPECT_TRUE(parked.lateness.empty());
-        EXPECT_TRUE(later.lateness.empty());
+        EXPECT_TRUE(parked.lateness.empty() && later.lateness.empty());
     });
 }
 
@@ -387,24 +337,20 @@ TEST_F(TimerWheelLibevent, MasterTimerIsReArmedOnlyForAnEarlierExpiry) {
     onLoopThread([] {
         std::vector<double> master;
         auto wheel = recordedWheel(&master);
-        EXPECT_EQ(wheel->masterTimerExpiry(), never);
         EXPECT_TRUE(master.empty());
-
         Probe first(1), later(2), earlier(3), far(4);
         first.start(wheel, 10.0);
         ASSERT_EQ(master.size(), 1u);
-        EXPECT_GT(master[0], 0.0);
         double armed = wheel->masterTimerExpiry();
         EXPECT_LE(armed, first.due);
 
-        // The wheel's estimate for a far timer can be well before it, so the
+        // For a far timer the wheel's estimate can be well before it, so the
         // next delays are taken from the master timer's armed expiry.
         later.start(wheel, armed - Velik::time() + 0.5);
         EXPECT_EQ(master.size(), 1u);
         EXPECT_EQ(wheel->masterTimerExpiry(), armed);
         earlier.start(wheel, (armed - Velik::time()) / 2);
         ASSERT_EQ(master.size(), 2u);
-        EXPECT_LT(wheel->masterTimerExpiry(), armed);
         EXPECT_LE(wheel->masterTimerExpiry(), earlier.due);
         far.start(wheel, 3600.0);  // reached through several master expiries
         EXPECT_EQ(master.size(), 2u);
@@ -433,7 +379,6 @@ TEST_F(TimerWheelLibevent, TimerReleasedBeforeTheFirstParkedOneIsNotHeldBack) {
         doLeEventLoop(1.0);
         EXPECT_EQ(order, (Order{2, 1}));
         ASSERT_EQ(sooner.lateness.size(), 1u);
-        EXPECT_GE(sooner.lateness[0], 0.0);
         EXPECT_LT(sooner.lateness[0], 0.005);
     });
 }
@@ -448,7 +393,6 @@ TEST_F(TimerWheelLibevent, NotificationExceptionLeavesTheLoopAndTheRestStayArmed
         next.start(wheel, 0.2);
         EXPECT_THROW(doLeEventLoop(1.0), std::runtime_error);
         EXPECT_EQ(order, (Order{1}));
-        EXPECT_LT(wheel->masterTimerExpiry(), never);
         doLeEventLoop(1.0);
         EXPECT_EQ(order, (Order{1, 2}));
     });
@@ -472,22 +416,17 @@ TEST_F(TimerWheelLibevent, DestroyedWheelLeavesItsTimersStopped) {
     });
 }
 
-// ------------------------------------------------------------------ control
-
 struct Handler : Platform::TimeoutHandler {
     int expiries = 0;
-    bool throws = false;
     bool swallow = false;
     void timeout() override {
         ++expiries;
-        if (throws) {
-            throw std::runtime_error("handler");
-        }
+        throw std::runtime_error("handler");
     }
     bool handleTimeoutException() override { return swallow; }
 };
 
-TEST_F(TimerWheelLibevent, TimerControlOnAWheel) {
+TEST_F(TimerWheelLibevent, TimerControlHookAndLifetime) {
     onLoopThread([] {
         auto wheel = getTimerWheelForTaskScheduler(Platform::eventPriorityStrictHigh);
         auto* master = dynamic_cast<LibeventTimerControl*>(wheel->masterTimer().get());
@@ -495,31 +434,16 @@ TEST_F(TimerWheelLibevent, TimerControlOnAWheel) {
         EXPECT_EQ(master->priority(), Platform::eventPriorityStrictHigh);
         Handler handler;
         auto control = Platform::getTimerControl(&handler, wheel);
-        auto* wheelControl = dynamic_cast<TimerWheelTimerControl*>(control.get());
-        ASSERT_NE(wheelControl, nullptr);
-        EXPECT_EQ(wheelControl->handler(), &handler);
-        EXPECT_EQ(wheelControl->timerWheel(), wheel);
-        EXPECT_EQ(control->remainingTimeout(), never);
-
-        control->setTimeout(2.0);
-        EXPECT_GT(control->remainingTimeout(), 1.9);
-        EXPECT_LE(control->remainingTimeout(), 2.0);
-        control->delTimeout();
-        control->delTimeout();
-        EXPECT_EQ(control->remainingTimeout(), never);
-
-        control->setTimeout(0.5);
-        handler.throws = true;
         handler.swallow = true;
-        doLeEventLoop(1.0);  // swallowed by the handler's hook
+        control->setTimeout(0.5);
+        doLeEventLoop(1.0);
         EXPECT_EQ(handler.expiries, 1);
         handler.swallow = false;
         control->setTimeout(0.5);
         EXPECT_THROW(doLeEventLoop(1.0), std::runtime_error);
         EXPECT_EQ(handler.expiries, 2);
 
-        // Destroying an armed control stops its timer; the control kept the
-        // wheel alive until then.
+        // The control holds its wheel; destroying it armed stops its timer.
         control->setTimeout(0.5);
         std::weak_ptr<TimerWheel> weak = wheel;
         wheel.reset();
@@ -528,9 +452,24 @@ TEST_F(TimerWheelLibevent, TimerControlOnAWheel) {
     });
 }
 
-TEST(TimerWheelSingleton, OnePerThreadWithThreadLocalSingletonsElseOnePerProcess) {
+// Without thread-local singletons the one process wheel runs on the
+// framework clock; with them each thread has a wheel of its own.
+TEST(TimerWheelSingleton, ProcessWheelOnTheFrameworkThreadWheelsApart) {
     std::shared_ptr<TimerWheel> processWheel = getTimerWheel();
     EXPECT_EQ(getTimerWheel(), processWheel);
+    ASSERT_TRUE(dynamic_cast<KivVelik::ClockTimer*>(processWheel->masterTimer().get()));
+    struct Fired : Platform::TimeoutHandler {
+        double at = never;
+        void timeout() override { at = Velik::time(); }
+    } fired;
+    auto control = Platform::getTimerControl(&fired, processWheel);
+    Platform::setFastForward(true);
+    double start = Velik::time();
+    control->setTimeout(2.0);
+    Platform::doEventLoop();
+    Platform::setFastForward(false);
+    EXPECT_GE(fired.at - start, 2.0);
+    EXPECT_LT(fired.at - start, 2.05);
 
     std::vector<TimerWheel*> threadWheels;
     for (int i = 0; i < 2; ++i) {
@@ -544,7 +483,6 @@ TEST(TimerWheelSingleton, OnePerThreadWithThreadLocalSingletonsElseOnePerProcess
             thread_local FreeBaseLast freeBaseLast;
             auto wheel = getTimerWheel();
             EXPECT_EQ(getTimerWheel(), wheel);
-            EXPECT_NE(getTimerWheelForTaskScheduler(Platform::eventPriorityDefault), wheel);
             threadWheels.push_back(wheel.get());
         });
         thread.join();
