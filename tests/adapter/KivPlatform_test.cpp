@@ -131,12 +131,21 @@ TEST_F(KivPlatformTest, TimerAndCallbackHandledLinesAreFineDetail) {
     EXPECT_EQ(missing("KivVelik/9", deliverBoth, {timerLine, callbackLine}), "");
 }
 
-// Handlers own their controls and may drop them from inside a notification;
-// nothing of a destroyed control may be touched afterwards.
-struct SelfDropping : Platform::TimeoutHandler, Platform::CallbackHandler {
+// Handlers own their controls and may drop them from inside a throwing
+// notification; nothing of a destroyed control may be touched afterwards.
+struct SelfDropping : Platform::FdEventHandler,
+                      Platform::TimeoutHandler,
+                      Platform::CallbackHandler {
+    std::shared_ptr<Platform::FdControl> fd = Platform::getFdControl(this);
     std::shared_ptr<Platform::TimerControl> timer = Platform::getTimerControl(this);
     std::shared_ptr<Platform::CallbackControl> control = Platform::getCallbackControl(this);
+    std::vector<int> hookFds;
     int hooks = 0;
+    void readFdEvent(int) override {
+        fd.reset();
+        throw std::runtime_error("reader gone");
+    }
+    void writeFdEvent(int) override {}
     void timeout() override {
         timer.reset();
         throw std::runtime_error("timer gone");
@@ -145,17 +154,32 @@ struct SelfDropping : Platform::TimeoutHandler, Platform::CallbackHandler {
         control.reset();
         throw std::runtime_error("callback gone");
     }
+    bool handleFdException(int fd) override {
+        hookFds.push_back(fd);
+        return true;
+    }
     bool handleTimeoutException() override { return ++hooks, false; }
     bool handleCallbackException() override { return ++hooks, false; }
 };
 
-TEST_F(KivPlatformTest, ControlDroppedInsideAThrowingNotification) {
+// A new fd control wants nothing until asked.
+TEST_F(KivPlatformTest, ControlsDroppedInsideThrowingNotifications) {
+    Pipe p;
     SelfDropping handler;
+    handler.fd->setFd(p.fds[0]);
+    pass();
+    EXPECT_EQ(Kiv::activityManager()->mainLoop()->watchedCount(), 0u);
+    handler.fd->setReads(true);
+    pass();
+    EXPECT_EQ(handler.hookFds, (std::vector<int>{p.fds[0]}));
+    EXPECT_FALSE(handler.fd);
+    pass();  // detached by the destruction: nothing more
+    EXPECT_EQ(handler.hookFds.size(), 1u);
+
     handler.control->requestCallback();
     EXPECT_THROW(pass(), std::runtime_error);
     EXPECT_FALSE(handler.control);
     EXPECT_EQ(handler.hooks, 1);  // the callback hook, asked before the control went
-
     handler.timer->setTimeout(0.0);
     try {
         pass();
@@ -165,36 +189,6 @@ TEST_F(KivPlatformTest, ControlDroppedInsideAThrowingNotification) {
     }
     EXPECT_FALSE(handler.timer);
     pass();  // the loop is still usable
-}
-
-struct DroppingReader : Platform::FdEventHandler {
-    std::shared_ptr<Platform::FdControl> control = Platform::getFdControl(this);
-    std::vector<int> hookFds;
-    void readFdEvent(int) override {
-        control.reset();
-        throw std::runtime_error("reader gone");
-    }
-    void writeFdEvent(int) override {}
-    bool handleFdException(int fd) override {
-        hookFds.push_back(fd);
-        return true;
-    }
-};
-
-// A new control wants nothing until asked; one dropped inside a throwing
-// read is told of the exception with its descriptor, and then of nothing.
-TEST_F(KivPlatformTest, FdControlWantsNothingUntilAskedAndMayBeDroppedInsideARead) {
-    Pipe p;
-    DroppingReader handler;
-    handler.control->setFd(p.fds[0]);
-    pass();
-    EXPECT_TRUE(handler.hookFds.empty());
-    EXPECT_EQ(Kiv::activityManager()->mainLoop()->watchedCount(), 0u);
-    handler.control->setReads(true);
-    pass();
-    EXPECT_EQ(handler.hookFds, (std::vector<int>{p.fds[0]}));
-    pass();
-    EXPECT_EQ(handler.hookFds.size(), 1u);
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <functional>
 
 namespace {
@@ -19,27 +18,21 @@ using namespace Velik;
 using VelikTest::assertMessageOf;
 using VelikTest::onLoopThread;
 
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 struct Timer : Platform::TimeoutHandler {
     std::shared_ptr<Platform::TimerControl> control = getLeTimerControl(this);
     std::vector<double> firedAt;  // Velik::time() at each expiry
-    double period = 0;            // re-armed from its own handler when set
     std::function<void()> onExpiry;
     void timeout() override {
         firedAt.push_back(Velik::time());
-        if (period > 0) {
-            control->setTimeout(period);
-        }
         if (onExpiry) {
             onExpiry();
         }
     }
 };
-
-double wallSeconds(const std::function<void()>& body) {
-    auto start = std::chrono::steady_clock::now();
-    body();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 // Fast-forward is process-wide and switched by the main thread; the loops
 // run on fresh threads, each starting with a zero offset.
@@ -66,54 +59,43 @@ TEST(FastForwardSwitch, NotifiesRealChangesOnlyAndOnlyOnTheMainThread) {
     fastForwardChangeNotifiers().erase(countNotification);
 
     onLoopThread([] {
-        EXPECT_NE(assertMessageOf([] {
-                      setLeFastForward(true);
-                  }).find("FastForward invoked from non-main thread"),
-                  std::string::npos);
+        EXPECT_TRUE(contains(assertMessageOf([] { setLeFastForward(true); }),
+                             "FastForward invoked from non-main thread"));
         timeval delay;
-        EXPECT_NE(assertMessageOf([&] {
-                      fastForwardDelayToFirstTimer(&delay);
-                  }).find("Called without fast forward enabled"),
-                  std::string::npos);
-        EXPECT_NE(assertMessageOf([] {
-                      eventLoopFastForwardToFirstTimer(1);
-                  }).find("Called without fastForward enabled"),
-                  std::string::npos);
+        EXPECT_TRUE(contains(assertMessageOf([&] { fastForwardDelayToFirstTimer(&delay); }),
+                             "Called without fast forward enabled"));
+        EXPECT_TRUE(contains(assertMessageOf([] { eventLoopFastForwardToFirstTimer(1); }),
+                             "Called without fastForward enabled"));
     });
     EXPECT_FALSE(leFastForward());
 }
 
-TEST(VirtualTime, OffsetsAddWithCarryPerThread) {
+// A thread's offset starts at zero and adds with a carry. One pass jumps to
+// the first timer but no further than its limit; without timers by exactly
+// the limit; with a timer already due, not at all.
+TEST_F(FastForwardTest, PassJumpsToTheFirstTimerWithinItsLimit) {
     onLoopThread([] {
+        EXPECT_EQ(leVirtualTimeOffset(), 0.0);
         double before = Velik::time();
         timeval a{0, 700000}, b{0, 600000};
         applyFastForwardDelta(&a);
         applyFastForwardDelta(&b);
         EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 1.3);
-        EXPECT_GE(Velik::time() - before, 1.3);
-        EXPECT_LT(Velik::time() - before, 2.0);
-    });
-    onLoopThread([] { EXPECT_EQ(leVirtualTimeOffset(), 0.0); });
-}
-
-// One pass jumps to the first timer but no further than its limit; without
-// timers by exactly the limit; with a timer already due, not at all.
-TEST_F(FastForwardTest, PassJumpsToTheFirstTimerWithinItsLimit) {
-    onLoopThread([] {
-        eventLoopFastForwardToFirstTimer(2.5);
-        EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 2.5);
+        EXPECT_NEAR(Velik::time() - before, 1.3, 0.1);
+        eventLoopFastForwardToFirstTimer(1.25);
+        EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 2.55);
 
         Timer hour, later;
         hour.control->setTimeout(3600);
         later.control->setTimeout(5000);
         eventLoopFastForwardToFirstTimer(10);
-        EXPECT_NEAR(leVirtualTimeOffset(), 12.5, 1e-6);
+        EXPECT_NEAR(leVirtualTimeOffset(), 12.55, 1e-6);
         EXPECT_TRUE(hour.firedAt.empty());
         EXPECT_NEAR(hour.control->remainingTimeout(), 3590, 0.1);
         EXPECT_NEAR(later.control->remainingTimeout(), 4990, 0.1);
 
-        eventLoopFastForwardToFirstTimer(7200);
-        EXPECT_NEAR(leVirtualTimeOffset(), 3602.5, 0.1);
+        doLeEventLoopInWaitfor(7200);  // one pass only
+        EXPECT_NEAR(leVirtualTimeOffset(), 3602.55, 0.1);
         EXPECT_EQ(hour.firedAt.size(), 1u);
         EXPECT_TRUE(later.firedAt.empty());
 
@@ -125,9 +107,9 @@ TEST_F(FastForwardTest, PassJumpsToTheFirstTimerWithinItsLimit) {
     });
 }
 
-// A timed loop runs a periodic timer and a descriptor that one of its
-// expiries makes readable, at once in wall time, every expiry one virtual
-// second after the one before.
+// A timed loop jumps through a periodic timer, every expiry one virtual
+// second after the one before, and serves a descriptor that one of them
+// makes readable.
 TEST_F(FastForwardTest, LoopForSecondsOverTimersAndDescriptors) {
     onLoopThread([] {
         int fds[2];
@@ -144,16 +126,17 @@ TEST_F(FastForwardTest, LoopForSecondsOverTimersAndDescriptors) {
         auto watch = getLeFdControl(&reader);
         watch->setFd(fds[0]);
         Timer periodic;
-        periodic.period = 1.0;
         periodic.onExpiry = [&] {
+            periodic.control->setTimeout(1.0);
             if (periodic.firedAt.size() == 5) {
                 EXPECT_EQ(write(fds[1], "x", 1), 1);
             }
         };
         periodic.control->setTimeout(1.0);
         double start = Velik::time();
-        EXPECT_LT(wallSeconds([] { doLeEventLoop(10); }), 1.0);
+        doLeEventLoop(10);
         EXPECT_GE(Velik::time() - start, 10.0);
+        EXPECT_GT(leVirtualTimeOffset(), 9.0);  // jumped, not waited
         ASSERT_GE(periodic.firedAt.size(), 9u);
         EXPECT_LE(periodic.firedAt.size(), 10u);
         for (size_t i = 1; i < periodic.firedAt.size(); ++i) {
@@ -170,30 +153,16 @@ TEST_F(FastForwardTest, LoopForSecondsOverTimersAndDescriptors) {
     });
 }
 
-// The untimed loop jumps to its first timer; the waiting pass runs what the
-// jump made due, timers that shared an expiry together, and stops there.
-TEST_F(FastForwardTest, UntimedLoopAndWaitingPassKeepRelativeTimes) {
+// The untimed loop jumps to its first timer.
+TEST_F(FastForwardTest, UntimedLoopJumpsToTheFirstTimer) {
     onLoopThread([] {
         Timer day;
         day.control->setTimeout(86400);
         double start = Velik::time();
-        EXPECT_LT(wallSeconds([] { doLeEventLoop(); }), 1.0);
+        doLeEventLoop();
+        EXPECT_GT(leVirtualTimeOffset(), 86399.0);
         ASSERT_EQ(day.firedAt.size(), 1u);
         EXPECT_NEAR(day.firedAt[0] - start, 86400, 0.5);
-
-        Timer a, b, c;
-        a.control->setTimeout(100);
-        b.control->setTimeout(100);
-        c.control->setTimeout(250);
-        start = Velik::time();
-        doLeEventLoopInWaitfor(1000);
-        ASSERT_EQ(a.firedAt.size() + b.firedAt.size(), 2u);
-        EXPECT_TRUE(c.firedAt.empty());
-        EXPECT_NEAR(a.firedAt[0] - start, 100, 0.1);
-        EXPECT_NEAR(c.control->remainingTimeout(), 150, 0.1);
-        doLeEventLoopInWaitfor(1000);
-        ASSERT_EQ(c.firedAt.size(), 1u);
-        EXPECT_NEAR(c.firedAt[0] - start, 250, 0.1);
     });
 }
 

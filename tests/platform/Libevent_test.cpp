@@ -8,6 +8,7 @@
 
 #include <Velik/ForkHandler.h>
 #include <Velik/LibeventFactory.h>
+#include <Velik/PlatformSelection.h>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -133,12 +134,13 @@ struct Named : Platform::TimeoutHandler {
     std::string name;
 };
 
+// The platform factory passes the priority on to the libevent timer.
 TEST(LibeventTimerControl, StrictHighServedFirst) {
     onLoopThread([] {
         std::vector<std::string> log;
         Named normal(&log, "default"), high(&log, "high");
-        auto normalTimer = getLeTimerControl(&normal);
-        auto highTimer = getLeTimerControl(&high, Platform::eventPriorityStrictHigh);
+        auto normalTimer = Platform::getTimerControl(&normal);
+        auto highTimer = Platform::getTimerControl(&high, Platform::eventPriorityStrictHigh);
         normalTimer->setTimeout(0);
         highTimer->setTimeout(0);
         doLeEventLoop();
