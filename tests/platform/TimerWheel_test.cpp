@@ -233,9 +233,9 @@ TEST_F(TimerWheelLibevent, ChurningTimersAreNeverEarlyAndComeInTimeOrder) {
 TEST_F(TimerWheelLibevent, SameInstantInParkingOrder) {
     onLoopThread([] {
         makeTimeCoarse();
-        auto wheel = std::make_shared<TimerWheel>();
         Order order;
         Probe a(1, &order), victim(2, &order), c(3, &order), spawned(4, &order);
+        auto wheel = std::make_shared<TimerWheel>();
         std::string trace;
         bool kept = false;
         // The restart needs the clock not to move between two readings.
@@ -295,10 +295,10 @@ TEST_F(TimerWheelLibevent, StoppingParkedTimersAndDestroyingTheWheel) {
 
 TEST_F(TimerWheelLibevent, MasterTimerIsReArmedOnlyForAnEarlierExpiry) {
     onLoopThread([] {
+        Probe first(1), later(2), earlier(3), far(4);
         std::vector<double> master;
         auto wheel = recordedWheel(&master);
         EXPECT_TRUE(master.empty());
-        Probe first(1), later(2), earlier(3), far(4);
         first.start(wheel, 10.0);
         ASSERT_EQ(master.size(), 1u);
         double armed = wheel->masterTimerExpiry();
@@ -328,9 +328,9 @@ TEST_F(TimerWheelLibevent, MasterTimerIsReArmedOnlyForAnEarlierExpiry) {
 
 TEST_F(TimerWheelLibevent, TimerReleasedBeforeTheFirstParkedOneIsNotHeldBack) {
     onLoopThread([] {
-        auto wheel = std::make_shared<TimerWheel>();
         Order order;
         Probe parked(1, &order), sooner(2, &order);
+        auto wheel = std::make_shared<TimerWheel>();
         moveIntoTick(0.1);
         parked.start(wheel, 0.0095);  // in the current tick: parked by the next pass
         VelikTest::loopPass();
