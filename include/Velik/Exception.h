@@ -57,68 +57,69 @@ class Exception : public std::exception {
     mutable std::string whatCache_;
 };
 
-// An allocation or memory resource could not be had.
-class MemoryResourceException : public Exception {
+// The subclasses below differ only in their names: each is made with a
+// captured backtrace, and its `throwException` throws exactly that class.
+template <typename Derived>
+class ExceptionKind : public Exception {
   public:
-    explicit MemoryResourceException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    explicit ExceptionKind(const std::string& message) : Exception(message, true) {}
+    [[noreturn]] static void throwException(const std::string& message) { throw Derived(message); }
+};
+
+// An allocation or memory resource could not be had.
+class MemoryResourceException : public ExceptionKind<MemoryResourceException> {
+  public:
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::MemoryResourceException"; }
 };
 
 // The operating system refused an operation for lack of rights.
-class NoPermissionException : public Exception {
+class NoPermissionException : public ExceptionKind<NoPermissionException> {
   public:
-    explicit NoPermissionException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::NoPermissionException"; }
 };
 
 // An operation that the chosen platform or class does not provide.
-class UnimplementedException : public Exception {
+class UnimplementedException : public ExceptionKind<UnimplementedException> {
   public:
-    explicit UnimplementedException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::UnimplementedException"; }
 };
 
 // An object used before or without proper initialisation.
-class InvalidInitializeException : public Exception {
+class InvalidInitializeException : public ExceptionKind<InvalidInitializeException> {
   public:
-    explicit InvalidInitializeException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::InvalidInitializeException"; }
 };
 
 // A general run-time failure, such as a failed system call.
-class RuntimeException : public Exception {
+class RuntimeException : public ExceptionKind<RuntimeException> {
   public:
-    explicit RuntimeException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::RuntimeException"; }
 };
 
 // An index, value or handle outside its allowed range.
-class OutOfRangeException : public Exception {
+class OutOfRangeException : public ExceptionKind<OutOfRangeException> {
   public:
-    explicit OutOfRangeException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::OutOfRangeException"; }
 };
 
 // A consistency check on a data structure failed.
-class CorruptionDetectedException : public Exception {
+class CorruptionDetectedException : public ExceptionKind<CorruptionDetectedException> {
   public:
-    explicit CorruptionDetectedException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::CorruptionDetectedException"; }
 };
 
 // A size argument, or a size found in data, is not acceptable.
-class InvalidSizeException : public Exception {
+class InvalidSizeException : public ExceptionKind<InvalidSizeException> {
   public:
-    explicit InvalidSizeException(const std::string& message) : Exception(message, true) {}
-    const char* name() const override;
-    [[noreturn]] static void throwException(const std::string& message);
+    using ExceptionKind::ExceptionKind;
+    const char* name() const override { return "Velik::InvalidSizeException"; }
 };
 
 // A failed assertion, when assertions are switched to throwing.

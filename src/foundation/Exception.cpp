@@ -37,62 +37,6 @@ void Exception::throwException(const std::string& message) {
     throw Exception(message, true);
 }
 
-const char* MemoryResourceException::name() const {
-    return "Velik::MemoryResourceException";
-}
-void MemoryResourceException::throwException(const std::string& message) {
-    throw MemoryResourceException(message);
-}
-
-const char* NoPermissionException::name() const {
-    return "Velik::NoPermissionException";
-}
-void NoPermissionException::throwException(const std::string& message) {
-    throw NoPermissionException(message);
-}
-
-const char* UnimplementedException::name() const {
-    return "Velik::UnimplementedException";
-}
-void UnimplementedException::throwException(const std::string& message) {
-    throw UnimplementedException(message);
-}
-
-const char* InvalidInitializeException::name() const {
-    return "Velik::InvalidInitializeException";
-}
-void InvalidInitializeException::throwException(const std::string& message) {
-    throw InvalidInitializeException(message);
-}
-
-const char* RuntimeException::name() const {
-    return "Velik::RuntimeException";
-}
-void RuntimeException::throwException(const std::string& message) {
-    throw RuntimeException(message);
-}
-
-const char* OutOfRangeException::name() const {
-    return "Velik::OutOfRangeException";
-}
-void OutOfRangeException::throwException(const std::string& message) {
-    throw OutOfRangeException(message);
-}
-
-const char* CorruptionDetectedException::name() const {
-    return "Velik::CorruptionDetectedException";
-}
-void CorruptionDetectedException::throwException(const std::string& message) {
-    throw CorruptionDetectedException(message);
-}
-
-const char* InvalidSizeException::name() const {
-    return "Velik::InvalidSizeException";
-}
-void InvalidSizeException::throwException(const std::string& message) {
-    throw InvalidSizeException(message);
-}
-
 const char* AssertException::name() const {
     return "Velik::AssertException";
 }
