@@ -7,12 +7,16 @@
 // (nanoseconds) and their ratio.
 #include <benchmark/benchmark.h>
 
+#include "RoundTrip.h"
+
 #include <Velik/LibeventFactory.h>
 #include <Velik/Thread.h>
 
 #include <time.h>
 
 namespace {
+
+using VelikBench::threadCpuNs;
 
 constexpr int batch = 1000;
 
@@ -56,12 +60,6 @@ struct BareTimer {
         Velik::doLeEventLoop();
     }
 };
-
-double threadCpuNs() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
 
 template <typename Runner>
 double timedBatch(Runner& runner) {

@@ -18,40 +18,16 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+
 #include <thread>
+#include "RoundTrip.h"
 
 namespace {
 
+using VelikBench::Requester;
+using VelikBench::timedBatch;
+
 constexpr int batch = 1000;
-
-// Re-requests until its batch is done, on whichever platform made it.
-struct Requester : Velik::Platform::CallbackHandler {
-    std::shared_ptr<Velik::Platform::CallbackControl> control =
-        Velik::Platform::getCallbackControl(this);
-    int remaining = 0;
-    void callback() override {
-        if (--remaining > 0) {
-            control->requestCallback();
-        }
-    }
-    void runBatch() {
-        remaining = batch;
-        control->requestCallback();
-        Velik::Platform::doEventLoop();
-    }
-};
-
-double threadCpuNs() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
-
-double timedBatch(Requester& requester) {
-    double start = threadCpuNs();
-    requester.runBatch();
-    return threadCpuNs() - start;
-}
 
 // The libevent side: a thread with thread-local singletons that runs one
 // batch per request and hands back its CPU time.
@@ -79,7 +55,7 @@ class LibeventWorker {
     void serve() {
         Velik::useThreadLocalSingletons();
         {
-            Requester requester;
+            Requester requester(batch);
             std::unique_lock guard(mutex_);
             for (;;) {
                 wake_.wait(guard, [this] { return requested_ || stop_; });
@@ -109,7 +85,7 @@ LibeventWorker& libeventWorker() {
 
 // Made on first use by the main thread, which runs the framework loop.
 Requester& kivRequester() {
-    static Requester requester;
+    static Requester requester(batch);
     return requester;
 }
 

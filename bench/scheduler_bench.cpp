@@ -15,6 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "RoundTrip.h"
+
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -23,6 +25,8 @@
 #include <vector>
 
 namespace {
+
+using VelikBench::threadCpuNs;
 
 // --- Allocation counting ---
 
@@ -158,12 +162,6 @@ BENCHMARK(BM_ScheduleUnschedule);
 
 // The two halves apart: `scheduleTask()` of 1000 idle tasks, then
 // `unscheduleTask()` of the same 1000, each timed in thread CPU time.
-double threadCpuNs() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
-
 void BM_ScheduleThenUnschedule(benchmark::State& state) {
     auto root = makeRoot();
     std::vector<std::shared_ptr<Plain>> tasks;

@@ -17,6 +17,8 @@
 // rate over the bare round-trip rate.
 #include <benchmark/benchmark.h>
 
+#include "RoundTrip.h"
+
 #include <Velik/PlatformSelection.h>
 #include <Velik/Task.h>
 #include <Velik/TaskSchedulerRoot.h>
@@ -33,39 +35,12 @@
 
 namespace {
 
+using VelikBench::Requester;
+using VelikBench::timed;
+
 // Task runs (and bare round trips) per batch; a multiple of every task count,
 // so each task runs equally often.
 constexpr int runsPerBatch = 100'000;
-
-double threadCpuNs() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) * 1e9 + static_cast<double>(ts.tv_nsec);
-}
-
-template <typename Batch>
-double timed(Batch&& batch) {
-    double start = threadCpuNs();
-    batch();
-    return threadCpuNs() - start;
-}
-
-// The bare round trip: re-requests until its batch is done.
-struct Requester : Velik::Platform::CallbackHandler {
-    std::shared_ptr<Velik::Platform::CallbackControl> control =
-        Velik::Platform::getCallbackControl(this);
-    int remaining = 0;
-    void callback() override {
-        if (--remaining > 0) {
-            control->requestCallback();
-        }
-    }
-    void runBatch() {
-        remaining = runsPerBatch;
-        control->requestCallback();
-        Velik::Platform::doEventLoop();
-    }
-};
 
 // Runs left in the batch, shared by all tasks of a population.
 struct Budget {
@@ -118,7 +93,7 @@ struct TaskRun {
 
 // What one thread measures, made on that thread on first use.
 struct ThreadBench {
-    Requester requester;
+    Requester requester{runsPerBatch};
     TaskRun taskRun;
 };
 
