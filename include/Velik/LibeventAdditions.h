@@ -31,4 +31,8 @@ namespace Velik::Impl {
 // The base's "now" in its internal clock, as `event_add` would stamp it.
 timeval leBaseNow(event_base* base);
 
+// The monotonic expiry of an event with a pending time-out, on the same clock
+// as `leBaseNow` (libevent's own time base, not wall-clock time).
+timeval leEventExpiry(const event* ev);
+
 }  // namespace Velik::Impl

@@ -221,6 +221,12 @@ Platform::DebugHandler* leDebugHandle();
 // Seconds as a relative libevent time-out: whole seconds truncated toward
 // zero, microseconds from the fraction, truncated.
 timeval secondsToTimeval(double seconds);
+// How far libevent's reading of "now" may trail the library clock.
+timeval leClockLag();
+// A timer delay as libevent's time-out: rounded up and lengthened by
+// `leClockLag()`, so that the timer never expires before `seconds` have
+// passed on the library clock; zero when not positive.
+timeval delayToTimeval(double seconds);
 
 // `event_base_dispatch` on `base`, then rethrows the handler exception that
 // stopped it, if any.

@@ -86,6 +86,10 @@ void readdAt(event* ev, const timeval& target, timeval& now) {
 
 namespace Velik::Impl {
 
+timeval leEventExpiry(const event* ev) {
+    return expiryOf(ev);
+}
+
 timeval leBaseNow(event_base* base) {
     event probe;
     event_assign(&probe, base, -1, 0, nullptr, nullptr);

@@ -3,6 +3,7 @@
 #include "Velik/Assert.h"
 #include "Velik/FastForward.h"
 #include "Velik/Fmtrace.h"
+#include "Velik/LibeventAdditions.h"
 #include "Velik/Thread.h"
 #include "Velik/Time.h"
 
@@ -10,6 +11,7 @@
 #include <fcntl.h>
 
 #include <cmath>
+#include <ctime>
 #include <exception>
 #include <limits>
 
@@ -79,6 +81,38 @@ timeval secondsToTimeval(double seconds) {
     auto whole = static_cast<time_t>(seconds);
     auto micros = static_cast<suseconds_t>(1e6 * (seconds - static_cast<double>(whole)));
     return {whole, micros};
+}
+
+timeval leClockLag() {
+    // libevent reads "now" from the coarse monotonic clock (one kernel tick,
+    // a few milliseconds) in whole microseconds, truncated; the precise clock
+    // it can be asked for costs a system call per loop pass. So its "now" may
+    // trail the library clock by up to a tick and a microsecond.
+    static const timeval lag = [] {
+        timespec resolution{0, 0};
+#ifdef CLOCK_MONOTONIC_COARSE
+        clock_getres(CLOCK_MONOTONIC_COARSE, &resolution);
+#endif
+        long micros =
+            static_cast<long>(resolution.tv_sec) * 1000000 + (resolution.tv_nsec + 999) / 1000 + 1;
+        return timeval{static_cast<time_t>(micros / 1000000),
+                       static_cast<suseconds_t>(micros % 1000000)};
+    }();
+    return lag;
+}
+
+timeval delayToTimeval(double seconds) {
+    if (!(seconds > 0.0)) {
+        return {0, 0};
+    }
+    // Rounded up to the microsecond and lengthened by the lag of libevent's
+    // clock: a timer is never early on the library clock (it may be late by
+    // up to that lag).
+    timeval tv = secondsToTimeval(std::ceil(seconds * 1e6) / 1e6);
+    timeval lag = leClockLag();
+    timeval later;
+    timeradd(&tv, &lag, &later);
+    return later;
 }
 
 void leDispatch(event_base* base) {
@@ -203,7 +237,7 @@ LibeventTimerControl::~LibeventTimerControl() {
 
 void LibeventTimerControl::setTimeout(double seconds) {
     VELIK_TRACE(leTrace, 9, "Timer {} set timeout {}", fmt::ptr(this), seconds);
-    timeval tv = Impl::secondsToTimeval(seconds);
+    timeval tv = Impl::delayToTimeval(seconds);
     // The event was assigned once, at construction: re-assigning it on every
     // arming would add a fifth to the cost of a callback round trip, and
     // adding a pending timer replaces its expiry anyway.
@@ -216,17 +250,20 @@ void LibeventTimerControl::delTimeout() {
 }
 
 double LibeventTimerControl::remainingTimeout() const {
-    timeval expiry;
-    if (!event_pending(&event_, EV_TIMEOUT, &expiry)) {
+    if (!event_pending(&event_, EV_TIMEOUT, nullptr)) {
         return std::numeric_limits<double>::infinity();
     }
-    timeval now;
-    gettimeofday(&now, nullptr);
-    if (timercmp(&expiry, &now, <)) {
-        return 0.0;
-    }
+    // Both readings on libevent's own clock; the lag added when arming is not
+    // part of what the caller asked for.
+    timeval expiry = Impl::leEventExpiry(&event_);
+    timeval now = Impl::leBaseNow(event_get_base(&event_));
+    timeval lag = Impl::leClockLag();
     timeval left;
     timersub(&expiry, &now, &left);
+    if (!timercmp(&left, &lag, >)) {
+        return 0.0;
+    }
+    timersub(&left, &lag, &left);
     return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1e6;
 }
 
