@@ -66,6 +66,13 @@
 
 namespace {
 
+// Seconds per operation and the memory each armed timer takes.
+void reportPerOp(benchmark::State& state, double bytesPerTimer) {
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["bytes_per_timer"] = bytesPerTimer;
+}
+
 constexpr size_t kExtra = 1024;          // unarmed timers for StartStop
 constexpr uint64_t kMaxTicks = 6000;     // 60 s at 100 Hz
 constexpr uint64_t kMaxUs = 60'000'000;  // 60 s
@@ -146,9 +153,7 @@ void wheelRestart(benchmark::State& state, bool seq) {
         const size_t i = seq ? (k = k + 1 == P.n ? 0 : k + 1) : rng.below(P.n);
         timeouts_add(P.T, &P.recs[i], 1 + rng.below(kMaxTicks));
     }
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = P.bytesPerTimer();
+    reportPerOp(state, P.bytesPerTimer());
 }
 
 void wheelStartStop(benchmark::State& state) {
@@ -160,9 +165,7 @@ void wheelStartStop(benchmark::State& state) {
         timeouts_add(P.T, to, 1 + rng.below(kMaxTicks));
         timeouts_del(P.T, to);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = P.bytesPerTimer();
+    reportPerOp(state, P.bytesPerTimer());
 }
 
 void wheelExpire(benchmark::State& state, bool jump) {
@@ -269,9 +272,7 @@ void eventRestart(benchmark::State& state, bool seq) {
         const timeval tv = usToTv(1 + rng.below(kMaxUs));
         event_add(&P.evs[i], &tv);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = P.bytesPerTimer();
+    reportPerOp(state, P.bytesPerTimer());
 }
 
 void eventStartStop(benchmark::State& state) {
@@ -284,9 +285,7 @@ void eventStartStop(benchmark::State& state) {
         event_add(ev, &tv);
         event_del(ev);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = P.bytesPerTimer();
+    reportPerOp(state, P.bytesPerTimer());
 }
 
 void eventExpire(benchmark::State& state) {
@@ -370,9 +369,7 @@ void uvRestart(benchmark::State& state, bool seq) {
         const size_t i = seq ? (k = k + 1 == P.n ? 0 : k + 1) : rng.below(P.n);
         uv_timer_start(&P.timers[i], uvCallback, 1 + rng.below(kMaxMs), 0);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = P.bytesPerTimer();
+    reportPerOp(state, P.bytesPerTimer());
 }
 
 void uvStartStop(benchmark::State& state) {
@@ -384,9 +381,7 @@ void uvStartStop(benchmark::State& state) {
         uv_timer_start(t, uvCallback, 1 + rng.below(kMaxMs), 0);
         uv_timer_stop(t);
     }
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = P.bytesPerTimer();
+    reportPerOp(state, P.bytesPerTimer());
 }
 
 void uvExpire(benchmark::State& state) {

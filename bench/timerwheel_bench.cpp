@@ -51,6 +51,13 @@
 
 namespace {
 
+// Seconds per operation and the memory each armed timer takes.
+void reportPerOp(benchmark::State& state, double bytesPerTimer) {
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["bytes_per_timer"] = bytesPerTimer;
+}
+
 using namespace Velik;
 
 constexpr size_t kExtra = 1024;  // unarmed events for StartStop
@@ -157,9 +164,7 @@ struct ControlPop : Population {
 };
 
 void perOp(benchmark::State& state, double bytesPerTimer) {
-    state.counters["sec_per_op"] = benchmark::Counter(
-        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_timer"] = bytesPerTimer;
+    reportPerOp(state, bytesPerTimer);
 }
 
 void eventRestart(benchmark::State& state, bool seq) {
