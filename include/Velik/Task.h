@@ -257,6 +257,13 @@ class TaskImpl : public _TaskBase {
   protected:
     // Registers with the scheduler (`taskRegister`).
     void handleInitialized();
+    // Takes the task off its run queue (if on one), stamping the latency and
+    // the history with `now`. Kinds of task that replace an immediate run
+    // with something else (a timer) use it without re-reading the clock.
+    void unscheduleTaskPrivate(TaskTimePoint now);
+    // Records an event of this task in the scheduler's history.
+    void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
+    TaskSchedulerRoot* root() const;
 
   private:
     friend class TaskScheduler;
@@ -264,12 +271,9 @@ class TaskImpl : public _TaskBase {
     static constexpr std::uint8_t suspendedFlag = 0x01;
     static constexpr std::uint8_t includeInCompletedFlag = 0x02;
 
-    void unscheduleTaskPrivate(TaskTimePoint now);
     // Latency of the queue stay that just ended at `now`.
     void schedulingLatencyIs(TaskTimePoint now);
     void recordRunTime(TaskTimeDuration elapsed);
-    void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
-    TaskSchedulerRoot* root() const;
 
     std::uint8_t flags_ = 0;
     TaskShouldYieldMode taskShouldYieldMode_ = TaskShouldYieldMode::ticks;
