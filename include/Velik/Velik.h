@@ -41,6 +41,7 @@
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
 #include <Velik/Timeouts.h>
+#include <Velik/TimerTask.h>
 #include <Velik/TimerWheel.h>
 #include <Velik/TypeName.h>
 #include <Velik/Util.h>

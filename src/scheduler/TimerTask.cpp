@@ -1,0 +1,275 @@
+#include "Velik/TimerTask.h"
+
+#include "Velik/Assert.h"
+#include "Velik/Fmtrace.h"
+#include "Velik/TaskScheduler.h"
+#include "Velik/TaskSchedulerRoot.h"
+#include "Velik/Time.h"
+
+#include <cmath>
+#include <limits>
+#include <utility>
+
+namespace Velik {
+
+namespace {
+
+constexpr double neverSeconds = std::numeric_limits<double>::infinity();
+
+bool isNever(double delay) {
+    return delay == neverSeconds;
+}
+bool isNever(TaskTimeDuration delay) {
+    return delay == TimerTask::neverDelay;
+}
+bool isZero(double delay) {
+    return delay == 0.0;
+}
+bool isZero(TaskTimeDuration delay) {
+    return delay.count() == 0;
+}
+double toSeconds(double delay) {
+    return delay;
+}
+double toSeconds(TaskTimeDuration delay) {
+    return static_cast<double>(delay.count()) / 1e9;
+}
+// Traces print a delay in the caller's own form: seconds, or a count of
+// nanoseconds.
+double printable(double delay) {
+    return delay;
+}
+std::int64_t printable(TaskTimeDuration delay) {
+    return delay.count();
+}
+
+}  // namespace
+
+TimerTask::TimerTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                     std::string name)
+    : TaskImpl(scheduler.get(), priority, name) {}
+
+TimerTask::TimerTask(TaskScheduler* scheduler, TaskPriority priority, std::string name)
+    : TimerTask(scheduler ? scheduler->shared_from_this() : nullptr, priority, std::move(name)) {}
+
+TimerTask::~TimerTask() {
+    // noexcept: an assertion that throws here ends the process.
+    stopTimerTask();
+}
+
+const std::shared_ptr<TimerWheel>& TimerTask::wheel() const {
+    return root()->timerWheel();
+}
+
+// --- The two primitives on the wheel event ---
+
+bool TimerTask::doStartTimer(double delay, bool restart) {
+    if (!restart && !(delay < remainingTimeout())) {
+        return false;
+    }
+    setTimeout(wheel(), delay);
+    return true;
+}
+
+void TimerTask::doStopTimer() {
+    if (!timerRunning_) {
+        return;
+    }
+    timerRunning_ = false;
+    delTimeout(wheel());
+}
+
+// --- Delays ---
+
+template <typename Delay>
+void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool restart) {
+    if (isZero(delay)) {
+        scheduleTask();
+        return;
+    }
+    const TaskTimePoint now = taskSteadyNow();
+    if (!restart && taskRunQueueLink_.isLinked()) {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Already on runQueue {}", taskDisplayName());
+        return;
+    }
+    if (restart) {
+        unscheduleTaskPrivate(now);
+    }
+    if (doStartTimer(toSeconds(delay), restart)) {
+        timerRunning_ = true;
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer started {} delay {}", taskDisplayName(),
+                    printable(delay));
+        recordHistory(now, TaskSchedulerEventType::timerStart);
+        taskBusyIs(taskScheduled(), now);
+        return;
+    }
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer already running {} expire {}", taskDisplayName(),
+                currentExpirationTime());
+    VELIK_CLASS_ASSERT(timerRunning_, "Task: {}", taskDisplayName());
+}
+
+void TimerTask::scheduleTaskDelay(double delay) {
+    sanityCheckCurrentRunningThread();
+    if (isNever(delay)) {
+        stopTimerTask();
+        return;
+    }
+    scheduleTaskDelayedPrivate(delay, true);
+}
+
+void TimerTask::scheduleTaskDelay(TaskTimeDuration delay) {
+    sanityCheckCurrentRunningThread();
+    if (isNever(delay)) {
+        stopTimerTask();
+        return;
+    }
+    scheduleTaskDelayedPrivate(delay, true);
+}
+
+template <typename Delay>
+void TimerTask::_scheduleTaskJitterUp(Delay delay, std::uint8_t maxJitterPercentage) {
+    sanityCheckCurrentRunningThread();
+    if (isNever(delay)) {
+        stopTimerTask();
+        return;
+    }
+    const Delay offset = jitterOffset(delay, maxJitterPercentage);
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "Timer jitterUp {} delay {} + {} = {}", taskDisplayName(),
+                printable(delay), printable(offset), printable(delay + offset));
+    scheduleTaskDelayedPrivate(delay + offset, true);
+}
+
+template <typename Delay>
+void TimerTask::_scheduleTaskJitterDown(Delay delay, std::uint8_t maxJitterPercentage) {
+    sanityCheckCurrentRunningThread();
+    if (isNever(delay)) {
+        stopTimerTask();
+        return;
+    }
+    const Delay offset = jitterOffset(delay, maxJitterPercentage);
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "Timer jitterDown {} delay {} - {} = {}",
+                taskDisplayName(), printable(delay), printable(offset), printable(delay - offset));
+    scheduleTaskDelayedPrivate(delay - offset, true);
+}
+
+template <typename Delay>
+void TimerTask::_scheduleTaskLowestDelay(Delay delay) {
+    sanityCheckCurrentRunningThread();
+    VELIK_CLASS_ASSERT(!isNever(delay), "delayIntoFuture: {}", printable(delay));
+    scheduleTaskDelayedPrivate(delay, false);
+}
+
+void TimerTask::scheduleTaskJitterUp(double delay, std::uint8_t maxJitterPercentage) {
+    _scheduleTaskJitterUp(delay, maxJitterPercentage);
+}
+void TimerTask::scheduleTaskJitterUp(TaskTimeDuration delay, std::uint8_t maxJitterPercentage) {
+    _scheduleTaskJitterUp(delay, maxJitterPercentage);
+}
+void TimerTask::scheduleTaskJitterDown(double delay, std::uint8_t maxJitterPercentage) {
+    _scheduleTaskJitterDown(delay, maxJitterPercentage);
+}
+void TimerTask::scheduleTaskJitterDown(TaskTimeDuration delay, std::uint8_t maxJitterPercentage) {
+    _scheduleTaskJitterDown(delay, maxJitterPercentage);
+}
+void TimerTask::scheduleTaskLowestDelay(double delay) {
+    _scheduleTaskLowestDelay(delay);
+}
+void TimerTask::scheduleTaskLowestDelay(TaskTimeDuration delay) {
+    _scheduleTaskLowestDelay(delay);
+}
+
+// --- Jitter ---
+
+double TimerTask::jitterOffset(double delay, std::uint8_t maxJitterPercentage) const {
+    // The percentage goes into the message as one raw character, as it
+    // always has: tools that match the text expect it so.
+    VELIK_CLASS_ASSERT(maxJitterPercentage <= 100, "maxJitterPercentage: {} > 100",
+                       static_cast<char>(maxJitterPercentage));
+    const double q = root()->randomPercent();
+    const double offset = q * (maxJitterPercentage * delay) / 10000.0;
+    // Written so that a NaN fails too.
+    VELIK_CLASS_ASSERT(delay >= offset, "offset( {} ) > delayIntoFuture( {} )", offset, delay);
+    return offset;
+}
+
+TaskTimeDuration TimerTask::jitterOffset(TaskTimeDuration delay,
+                                         std::uint8_t maxJitterPercentage) const {
+    VELIK_CLASS_ASSERT(maxJitterPercentage <= 100, "maxJitterPercentage: {} > 100",
+                       static_cast<char>(maxJitterPercentage));
+    const std::int64_t q = root()->randomPercent();
+    const TaskTimeDuration offset((delay.count() * maxJitterPercentage) * q / 10000);
+    VELIK_CLASS_ASSERT(!(delay < offset), "offset( {} ) > delayIntoFuture( {} )", offset.count(),
+                       delay.count());
+    return offset;
+}
+
+// --- Stopping and running now ---
+
+void TimerTask::stopTimerTask() {
+    sanityCheckCurrentRunningThread();
+    const TaskTimePoint now = taskSteadyNow();
+    if (timerRunning_) {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "Timer stopped {}, was running", taskDisplayName());
+        recordHistory(now, TaskSchedulerEventType::timerStop);
+        doStopTimer();
+    } else {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "Timer stopped {}, was not running",
+                    taskDisplayName());
+    }
+    unscheduleTaskPrivate(now);
+    taskBusyIs(taskScheduled(), now);
+}
+
+void TimerTask::scheduleTask() {
+    sanityCheckCurrentRunningThread();
+    doStopTimer();
+    TaskImpl::scheduleTask();
+    busyFollowsQueue();
+}
+
+void TimerTask::timeout() {
+    timerRunning_ = false;
+    TaskImpl::scheduleTask();
+    busyFollowsQueue();
+}
+
+void TimerTask::busyFollowsQueue() {
+    if (taskBusy() && !taskScheduled()) {
+        taskBusyIs(false, taskSteadyNow());
+    }
+}
+
+void TimerTask::taskRunFromTest() {
+    doStopTimer();
+    TaskImpl::taskRunFromTest();
+}
+
+bool TimerTask::taskScheduled() const {
+    return taskRunQueueLink_.isLinked() || timerRunning_;
+}
+
+TaskStatus TimerTask::taskStatus() const {
+    TaskStatus status = TaskImpl::taskStatus();
+    status.taskTimerIs(true);
+    status.taskTimerRunningIs(timerRunning_);
+    return status;
+}
+
+// --- State ---
+
+double TimerTask::currentExpirationTime() const {
+    sanityCheckCurrentRunningThread();
+    if (taskRunQueueLink_.isLinked()) {
+        return Velik::time();
+    }
+    if (!timerRunning_) {
+        return neverSeconds;
+    }
+    return expirationTime();
+}
+
+double TimerTask::timerRemaining() const {
+    return remainingTimeout();
+}
+
+}  // namespace Velik

@@ -1,0 +1,244 @@
+// Timer tasks: the three states and their transitions, jitter draws, the
+// assertion texts, and delivery through the platform loop under virtual time.
+#include <Velik/FastForward.h>
+#include <Velik/PlatformSelection.h>
+#include <Velik/Time.h>
+#include <Velik/TimerTask.h>
+
+#include <Kiv/ActivityManager.h>
+
+#include "platform/LoopThread.h"
+#include "scheduler/SchedulerFixture.h"
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Velik::TaskPriority;
+using Velik::TaskSchedulerEventType;
+using Velik::TimerTask;
+
+constexpr double never = std::numeric_limits<double>::infinity();
+
+class ProbeTimer : public TimerTask {
+  public:
+    using TimerTask::TimerTask;
+    void taskExecute() override {
+        runsAt.push_back(Velik::time());
+        if (body) {
+            body(*this);
+        }
+    }
+    std::vector<double> runsAt;
+    std::function<void(ProbeTimer&)> body;
+};
+
+// "idle", "timing" or "due", after checking the three are exclusive.
+std::string stateOf(const TimerTask& t) {
+    const bool queued = t.taskStatus().taskOnRunQueue();
+    EXPECT_FALSE(queued && t.timerRunning());
+    EXPECT_EQ(t.taskScheduled(), queued || t.timerRunning());
+    return queued ? "due" : t.timerRunning() ? "timing" : "idle";
+}
+
+// The root is driven by hand; its timer wheel runs on the framework clock
+// under virtual time.
+class TimerTaskTest : public VelikTest::SchedulerTest {
+  protected:
+    void SetUp() override {
+        SchedulerTest::SetUp();
+        Velik::Platform::setFastForward(true);
+        t = std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "tt");
+    }
+    void TearDown() override {
+        t.reset();
+        Velik::Platform::setFastForward(false);
+        Kiv::activityManager()->config()->executionTimeIs(never);
+        SchedulerTest::TearDown();
+    }
+    // Lets `seconds` of virtual time pass on the platform loop.
+    static void elapse(double seconds) { Velik::Platform::doEventLoop(seconds); }
+
+    int eventCount(TaskSchedulerEventType type) const {
+        int n = 0;
+        for (const auto& event : root->history()->events()) {
+            n += event.eventType == type;
+        }
+        return n;
+    }
+
+    std::shared_ptr<ProbeTimer> t;
+};
+
+TEST_F(TimerTaskTest, StateTable) {
+    EXPECT_EQ(stateOf(*t), "idle");
+    EXPECT_EQ(t->currentExpirationTime(), never);
+    EXPECT_EQ(t->timerRemaining(), never);
+
+    t->scheduleTaskDelay(5.0);  // idle -> timing
+    EXPECT_EQ(stateOf(*t), "timing");
+    EXPECT_NEAR(t->timerRemaining(), 5.0, 1e-3);
+    EXPECT_NEAR(t->currentExpirationTime(), Velik::time() + 5.0, 1e-3);
+    EXPECT_TRUE(t->taskStatus().taskTimer());
+    EXPECT_TRUE(t->taskStatus().taskTimerRunning());
+    EXPECT_TRUE(t->taskBusy());
+
+    t->scheduleTaskLowestDelay(10.0);  // a later run is never taken
+    EXPECT_NEAR(t->timerRemaining(), 5.0, 1e-3);
+    t->scheduleTaskLowestDelay(2s);  // an earlier one is
+    EXPECT_NEAR(t->timerRemaining(), 2.0, 1e-3);
+
+    t->scheduleTask();  // timing -> due, the timer stopped
+    EXPECT_EQ(stateOf(*t), "due");
+    EXPECT_EQ(t->timerRemaining(), never);
+    EXPECT_NEAR(t->currentExpirationTime(), Velik::time(), 1e-3);
+    t->scheduleTaskLowestDelay(1.0);  // a due task stays due
+    EXPECT_EQ(stateOf(*t), "due");
+
+    t->scheduleTaskJitterUp(3s, 0);  // due -> timing, off the run queue
+    EXPECT_EQ(stateOf(*t), "timing");
+    EXPECT_EQ(root->runnableTaskCount(), 0u);
+
+    t->scheduleTaskDelay(0.0);  // zero: due now, the timer cancelled
+    EXPECT_EQ(stateOf(*t), "due");
+    t->scheduleTaskDelay(4.0);
+    t->scheduleTaskDelay(Velik::TaskTimeDuration::max());  // never: idle
+    EXPECT_EQ(stateOf(*t), "idle");
+    EXPECT_FALSE(t->taskBusy());
+    t->scheduleTaskJitterDown(never, 50);
+    EXPECT_EQ(stateOf(*t), "idle");
+
+    // Four starts were recorded (5 s, 2 s, 3 s, 4 s), and a stop only for
+    // the never delay that found a running timer.
+    EXPECT_EQ(eventCount(TaskSchedulerEventType::timerStart), 4);
+    EXPECT_EQ(eventCount(TaskSchedulerEventType::timerStop), 1);
+}
+
+TEST_F(TimerTaskTest, ExpiryQueuesTheTaskAndNeverEarly) {
+    t->scheduleTaskDelay(1.5);
+    const double due = t->currentExpirationTime();
+    elapse(1.0);
+    EXPECT_EQ(stateOf(*t), "timing");
+    elapse(1.0);
+    EXPECT_EQ(stateOf(*t), "due");
+    runOnce();
+    ASSERT_EQ(t->runsAt.size(), 1u);
+    EXPECT_GE(t->runsAt[0], due);
+    EXPECT_EQ(stateOf(*t), "idle");
+    EXPECT_FALSE(t->taskBusy());
+
+    // Suspended: the expiry is dropped and the task ends idle, not timing.
+    t->scheduleTaskDelay(1.0);
+    t->taskSuspendedIs(true);
+    elapse(2.0);
+    EXPECT_EQ(stateOf(*t), "idle");
+    EXPECT_FALSE(t->taskBusy());
+}
+
+TEST_F(TimerTaskTest, DestroyedTimingTaskNeverFires) {
+    t->scheduleTaskDelay(1.0);
+    int fired = 0;
+    auto other = std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "other");
+    other->body = [&fired](ProbeTimer&) { ++fired; };
+    other->scheduleTaskDelay(1.0);
+    other.reset();
+    elapse(3.0);
+    runUntilIdle();
+    EXPECT_EQ(fired, 0);
+    EXPECT_EQ(t->runsAt.size(), 1u);
+    EXPECT_EQ(root->runnableTaskCount(), 0u);
+}
+
+TEST_F(TimerTaskTest, JitterOffsets) {
+    for (double d : {0.0, 1.0, 7.5}) {
+        EXPECT_EQ(t->jitterOffset(d, 0), 0.0);
+    }
+    for (int i = 0; i < 200; ++i) {
+        const double offset = t->jitterOffset(2.0, 100);
+        EXPECT_GE(offset, 0.0);
+        EXPECT_LE(offset, 2.0);
+        EXPECT_NEAR(std::remainder(offset, 0.02), 0.0, 1e-12);  // steps of d/100
+        EXPECT_EQ(t->jitterOffset(99ns, 1), 0ns);               // truncated
+    }
+    // Every root starts its seed at the same value.
+    auto draws = [](Velik::TaskScheduler* scheduler) {
+        ProbeTimer probe(scheduler, TaskPriority::low, "draws");
+        std::vector<std::int64_t> out;
+        for (int i = 0; i < 5; ++i) {
+            out.push_back(probe.jitterOffset(1'000'000ns, 100).count());
+        }
+        return out;
+    };
+    newRoot();
+    auto first = draws(root.get());
+    newRoot();
+    EXPECT_EQ(draws(root.get()), first);
+    EXPECT_NE(first, std::vector<std::int64_t>(5, first[0]));
+}
+
+TEST_F(TimerTaskTest, AssertionTextsAndNothingHalfDone) {
+    t->scheduleTaskDelay(5.0);
+    const double expiry = t->currentExpirationTime();
+    // The percentage is written as one raw character: 101 is 'e'.
+    EXPECT_ASSERT_TEXT(t->scheduleTaskJitterUp(1.0, 101), "maxJitterPercentage: e > 100");
+    // A negative delay fails whatever the draw (the offset is random).
+    EXPECT_ASSERT_TEXT(t->scheduleTaskJitterDown(-1.0, 50), " ) > delayIntoFuture( -1 )");
+    EXPECT_ASSERT_TEXT(t->scheduleTaskJitterUp(-100ns, 50), " ) > delayIntoFuture( -100 )");
+    EXPECT_ASSERT_TEXT(t->scheduleTaskLowestDelay(never), "delayIntoFuture: inf");
+    EXPECT_ASSERT_TEXT(t->scheduleTaskLowestDelay(TimerTask::neverDelay),
+                       "delayIntoFuture: 9223372036854775807");
+    EXPECT_EQ(t->currentExpirationTime(), expiry);
+    EXPECT_EQ(stateOf(*t), "timing");
+}
+
+using TimerTaskDeathTest = TimerTaskTest;
+
+TEST_F(TimerTaskDeathTest, BadPercentageAborts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(t->jitterOffset(1.0, 200), "TimerTask::jitterOffset\\(\\) maxJitterPercentage: ");
+}
+
+// Periodic timer tasks on the thread's root, through the platform's own loop,
+// under virtual time on both platforms.
+enum class Family { framework, libevent };
+
+class TimerTaskLoop : public testing::TestWithParam<Family> {};
+
+TEST_P(TimerTaskLoop, PeriodicTasksRunOnTimeThroughTheLoop) {
+    const bool libevent = GetParam() == Family::libevent;
+    libevent ? Velik::setLeFastForward(true) : Velik::Platform::setFastForward(true);
+    auto body = [] {
+        auto root = Velik::schedulerRootVelik();
+        const double start = Velik::time();
+        std::vector<std::shared_ptr<ProbeTimer>> timers;
+        for (int i = 0; i < 3; ++i) {
+            auto tt = std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "tick");
+            tt->body = [](ProbeTimer& self) { self.scheduleTaskDelay(1.0); };
+            tt->scheduleTaskJitterUp(1.0, 10);
+            timers.push_back(tt);
+        }
+        Velik::Platform::doEventLoop(10.0);
+        for (const auto& tt : timers) {
+            ASSERT_GE(tt->runsAt.size(), 9u);
+            ASSERT_LE(tt->runsAt.size(), 10u);
+            EXPECT_GE(tt->runsAt[0], start + 1.0);
+            for (std::size_t i = 1; i < tt->runsAt.size(); ++i) {
+                EXPECT_GE(tt->runsAt[i] - tt->runsAt[i - 1], 1.0 - 1e-6);
+            }
+            tt->stopTimerTask();
+        }
+    };
+    libevent ? VelikTest::onLoopThread(body) : body();
+    libevent ? Velik::setLeFastForward(false) : Velik::Platform::setFastForward(false);
+    Kiv::activityManager()->config()->executionTimeIs(never);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, TimerTaskLoop,
+                         testing::Values(Family::framework, Family::libevent),
+                         [](const testing::TestParamInfo<Family>& info) {
+                             return info.param == Family::framework ? "Framework" : "Libevent";
+                         });
+
+}  // namespace
