@@ -60,8 +60,8 @@ std::size_t heapInUse() {
 }
 
 void perOp(benchmark::State& state, double bytesPerTimer) {
-    state.counters["ns_per_op"] = benchmark::Counter(
-        1e9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["sec_per_op"] = benchmark::Counter(
+        1, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["bytes_per_timer"] = bytesPerTimer;
 }
 
@@ -126,8 +126,9 @@ struct TaskPop {
     std::vector<std::shared_ptr<Idle>> tasks;
     std::shared_ptr<Idle> extra = std::make_shared<Idle>(root.get());
     double bytesPerTimer = 0;
+    std::size_t size;
 
-    explicit TaskPop(std::size_t n) {
+    explicit TaskPop(std::size_t n) : size(n) {
         tasks.reserve(n);
         Rng rng(1);
         const std::size_t before = heapInUse();
@@ -150,8 +151,9 @@ struct EventPop {
     event* extra = evtimer_new(
         base, [](evutil_socket_t, short, void*) {}, nullptr);
     double bytesPerTimer = 0;
+    std::size_t size;
 
-    explicit EventPop(std::size_t n) {
+    explicit EventPop(std::size_t n) : size(n) {
         events.reserve(n);
         Rng rng(1);
         const std::size_t before = heapInUse();
@@ -178,15 +180,17 @@ struct EventPop {
     }
 };
 
-// One population of each kind is alive at a time, built on first use.
+// One population of each kind is alive at a time, built on first use and
+// freed before the thread's string cache goes at exit.
+template <typename Pop>
+std::unique_ptr<Pop> g_population;
+
 template <typename Pop>
 Pop& population(std::size_t n) {
-    static std::unique_ptr<Pop> pop;
-    static std::size_t size = 0;
-    if (!pop || size != n) {
+    auto& pop = g_population<Pop>;
+    if (!pop || pop->size != n) {
         pop.reset();
         pop = std::make_unique<Pop>(n);
-        size = n;
     }
     return *pop;
 }
@@ -253,8 +257,14 @@ void registerAll() {
     }
 }
 
-const bool g_registered = (registerAll(), true);
-
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    registerAll();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    g_population<TaskPop>.reset();
+    g_population<EventPop>.reset();
+    benchmark::Shutdown();
+    return 0;
+}
