@@ -29,6 +29,7 @@
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
 #include <Velik/Task.h>
+#include <Velik/TaskGroup.h>
 #include <Velik/TaskMaybeU32.h>
 #include <Velik/TaskPriority.h>
 #include <Velik/TaskRunQueue.h>

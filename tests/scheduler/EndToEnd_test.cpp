@@ -2,6 +2,7 @@
 // platforms: the framework on the main thread, libevent on a thread with
 // thread-local singletons.
 #include <Velik/PlatformSelection.h>
+#include <Velik/TaskGroup.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <unistd.h>
 
@@ -109,11 +110,16 @@ TEST_P(EndToEnd, PriorityOrderThroughTheLoop) {
         auto low = std::make_shared<ProbeTask>(root.get(), TaskPriority::low, "low", &log);
         auto high = std::make_shared<ProbeTask>(root.get(), TaskPriority::high, "high", &log);
         auto scavenge = std::make_shared<ProbeTask>(root.get(), TaskPriority::scavenge, "s", &log);
+        // A group's task runs in its parent task's place.
+        auto group = Velik::TaskGroupIs("g", TaskPriority::normal, false, root);
+        auto grouped = std::make_shared<ProbeTask>(group.get(), TaskPriority::low, "grouped", &log);
+        grouped->scheduleTask();
         scavenge->scheduleTask();
         low->scheduleTask();
         high->scheduleTask();
         Velik::Platform::doEventLoop();
-        EXPECT_EQ(log, (std::vector<std::string>{"high", "low", "s"}));
+        EXPECT_EQ(log, (std::vector<std::string>{"high", "grouped", "low", "s"}));
+        EXPECT_FALSE(group->parentTaskScheduled());
     });
 }
 
