@@ -11,6 +11,7 @@
 #include <Velik/EventPriority.h>
 #include <Velik/Exception.h>
 #include <Velik/FastForward.h>
+#include <Velik/FileDescriptorTask.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
 #include <Velik/ForkHandler.h>

@@ -1,0 +1,242 @@
+#include <Velik/FileDescriptorTask.h>
+#include <Velik/PlatformSelection.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+#include "platform/LoopThread.h"
+#include "scheduler/SchedulerFixture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+// Logs its handler runs and does what its bodies say.
+class ProbeFd : public Velik::FileDescriptorTask {
+  public:
+    template <typename Scheduler>  // a shared or a plain pointer: both forms
+    ProbeFd(Scheduler scheduler, const std::string& name, Lines* log)
+        : FileDescriptorTask(scheduler, Velik::TaskPriority::normal, name), log_(log) {}
+    void taskExecuteReadable() override {
+        log_->push_back("read");
+        onRead(*this);
+    }
+    void taskExecuteWritable() override {
+        log_->push_back("write");
+        onWrite(*this);
+    }
+    std::function<void(ProbeFd&)> onRead = [](ProbeFd&) {}, onWrite = onRead;
+
+  private:
+    Lines* log_;
+};
+
+struct SocketPair {
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
+    ~SocketPair() {
+        close(fds[0]);
+        close(fds[1]);
+    }
+    int fds[2];
+};
+
+class FdTaskTest : public VelikTest::SchedulerTest, public SocketPair {
+  protected:
+    std::shared_ptr<ProbeFd> make(const std::string& name = "fd") {
+        return std::make_shared<ProbeFd>(root, name, &log);
+    }
+};
+
+TEST_F(FdTaskTest, WriteSideIsMadeOnDemandWithTheReadSidesSettings) {
+    auto t = std::make_shared<ProbeFd>(root.get(), "fd", &log);
+    t->taskWatchWritableIs(false);  // unchanged: no write side
+    EXPECT_EQ(t->writeTask(), nullptr);
+    EXPECT_ASSERT_TEXT(t->taskWorkCountWritableInc(1),
+                       "FileDescriptorTask::taskWorkCountWritableInc() WriteTask not created by "
+                       "taskWatchWritableIs( true )");
+    EXPECT_ASSERT_TEXT(t->taskWorkPendingWritableIs(1),
+                       "FileDescriptorTask::taskWorkPendingWritableIs() WriteTask not created");
+
+    t->taskStatsNameIs("stats");
+    t->taskQuantumIs(5ms);
+    t->taskSuspendedIs(true);
+    t->taskTestYieldRatioIs(3);
+    t->taskWatchWritableIs(true);
+    auto& w = *t->writeTask();
+    EXPECT_EQ(w.taskStatsName().str(), "stats:write");
+    EXPECT_EQ(w.taskQuantum(), 5ms);
+    EXPECT_TRUE(w.taskSuspended());
+    EXPECT_EQ(w.taskTestYieldRatio(), 3);
+    t->taskQuantumIs(7ms);
+    t->taskSuspendedIs(false);  // queues both sides, as unsuspending any task does
+    EXPECT_EQ(w.taskQuantum(), 7ms);
+    EXPECT_TRUE(t->taskScheduledReadable() && t->taskScheduledWritable());
+
+    auto u = make("u");  // under forced yield the quantum is not copied
+    u->taskQuantumIs(5ms);
+    u->taskForceYieldInTestIs(true);
+    u->scheduleTaskWritable();
+    EXPECT_EQ(u->writeTask()->taskQuantum(), root->defaultTaskQuantum());
+
+    Velik::TaskSchedulerRoot unshared("unshared", [](Velik::Platform::CallbackHandler*) {
+        return std::make_shared<VelikTest::CountingCallbackControl>();
+    });
+    EXPECT_THROW(ProbeFd(&unshared, "x", &log), std::bad_weak_ptr);
+}
+
+TEST_F(FdTaskTest, NotificationsQueueTheSidesAndWritabilityIsOneShot) {
+    auto t = make();
+    t->taskWatchFdIs(fds[0]);
+    t->taskWatchWritableIs(true);
+    root->clearHistory();
+    t->writeFdEvent(fds[0]);
+    t->readFdEvent(fds[0]);
+    t->readFdEvent(fds[0]);  // already queued
+    runUntilIdle();
+    EXPECT_EQ(log, (Lines{"write", "read"}));
+    EXPECT_FALSE(t->taskWatchWritable());
+    // The parent is busy from the first queued side until the last one ran.
+    EXPECT_EQ(historyLines(),
+              (Lines{"schedulerIdle testRoot", "idle N fd", "idle N fd:read", "run end N fd:read",
+                     "run start N fd:read", "idle N fd:write", "run end N fd:write",
+                     "run start N fd:write", "fdReadable N fd", "busy N fd:read",
+                     "schedule N fd:read", "fdReadable N fd", "busy N fd", "busy N fd:write",
+                     "schedulerRunnable testRoot", "schedule N fd:write", "fdWritable N fd"}));
+
+    // Only a new descriptor, or lost interest, unqueues a side.
+    t->scheduleTaskReadable();
+    t->scheduleTaskWritable();
+    t->taskWatchFdIs(fds[0]);
+    EXPECT_TRUE(t->taskScheduledReadable() && t->taskScheduledWritable());
+    t->taskWatchFdIs(fds[1]);
+    EXPECT_FALSE(t->taskScheduled());
+    t->scheduleTaskReadable();
+    t->taskWatchReadableIs(false);
+    EXPECT_FALSE(t->taskScheduled());
+}
+
+TEST_F(FdTaskTest, HandlersRunOneAtATime) {
+    auto t = make();
+    t->taskForceYieldInTestIs(true);
+    std::string nested;
+    t->onRead = [&](ProbeFd& self) {
+        EXPECT_TRUE(self.taskShouldYield());  // asks the running side
+        nested = VelikTest::assertMessageOf([&] { self.writeTask()->taskRunFromTest(); });
+    };
+    t->taskWatchWritableIs(true);
+    t->readTask()->taskRunFromTest();
+    EXPECT_THAT(nested, testing::HasSubstr("TaskSchedulerCpp:"));
+    EXPECT_THAT(nested, testing::HasSubstr("FileDescriptorTask::_taskExecuteWritable() "
+                                           "Executing task already set"));
+    t->taskWatchReadableIs(false);
+    EXPECT_ASSERT_TEXT(t->readTask()->taskRunFromTest(),
+                       "FileDescriptorTask::_taskExecuteReadable() ReadTask should only run if "
+                       "taskWatchReadable");
+    EXPECT_ASSERT_TEXT(t->taskWorkCountInc(1), "Called outside taskExecuteReadable");
+
+    t->onWrite = [](ProbeFd&) { throw std::runtime_error("write failed"); };
+    t->scheduleTaskWritable();
+    EXPECT_THROW(runOnce(), std::runtime_error);
+    EXPECT_EQ(t->executingTask(), nullptr);  // the next run is not locked out
+}
+
+TEST_F(FdTaskTest, TeardownWithASideStillQueued) {
+    auto t = make();
+    t->taskWatchFdIs(fds[0]);
+    std::shared_ptr<Velik::TaskImpl> readSide = t->readTask();
+    t->scheduleTaskReadable();
+    t->scheduleTaskWritable();
+    t.reset();  // the write side goes with it; the read side is held here
+    runUntilIdle();
+    EXPECT_EQ(readSide->taskRunCount(), 1u);
+    EXPECT_TRUE(log.empty());
+    make()->taskWatchFdIs(fds[0]);  // the old watch has ended
+
+    auto self = make("self");
+    std::weak_ptr<ProbeFd> weak = self;
+    self->onRead = [&](ProbeFd&) {
+        self.reset();  // the last outside reference
+        EXPECT_FALSE(weak.expired());
+    };
+    self->scheduleTaskReadable();
+    runUntilIdle();
+    EXPECT_TRUE(weak.expired());
+}
+
+using FdTaskDeathTest = FdTaskTest;
+
+TEST_F(FdTaskDeathTest, NotificationsNotAskedForAbortEvenWhenAssertionsThrow) {
+    auto t = make();
+    t->taskWatchFdIs(fds[0]);
+    VelikTest::ThrowingAsserts throwing;
+    EXPECT_DEATH(t->writeFdEvent(fds[0]), "writeFdEvent\\(\\) called with taskWatchWritable off");
+    EXPECT_DEATH(t->readFdEvent(fds[1]),
+                 fmt::format("Notified about {} watching {}", fds[1], fds[0]));
+    t->taskWatchReadableIs(false);
+    EXPECT_DEATH(t->readFdEvent(fds[0]), "readFdEvent\\(\\) called with taskWatchReadable off");
+}
+
+// One task on a socket, served by the platform's own loop: it reads what the
+// peer sent and writes three bytes, one per requested writability.
+class FdTaskEndToEnd : public testing::TestWithParam<bool> {};
+
+struct Watchdog : Velik::Platform::TimeoutHandler {
+    void timeout() override { expired(); }
+    std::function<void()> expired;
+};
+
+TEST_P(FdTaskEndToEnd, ReadsAndOneShotWritesThroughTheLoop) {
+    auto body = [] {
+        SocketPair pair;
+        const int* fds = pair.fds;
+        ASSERT_EQ(write(fds[1], "ping", 4), 4);
+        Lines log;
+        auto t = std::make_shared<ProbeFd>(Velik::schedulerRootVelik(), "e2e", &log);
+        Watchdog watchdog;  // ends a broken exchange instead of waiting forever
+        watchdog.expired = [&] { t->taskWatchFdDel(); };
+        auto timer = Velik::Platform::getTimerControl(&watchdog);
+        std::string got;
+        int sent = 0;
+        auto stopWhenDone = [&](ProbeFd& self) {
+            if (got == "ping" && sent == 3) {
+                self.taskWatchFdDel();
+                timer->delTimeout();
+            }
+        };
+        t->onRead = [&](ProbeFd& self) {
+            char buf[8];
+            const ssize_t n = std::max<ssize_t>(read(fds[0], buf, sizeof buf), 0);
+            got.append(buf, n);
+            self.taskWorkCountInc(n);
+            stopWhenDone(self);
+        };
+        t->onWrite = [&](ProbeFd& self) {
+            ASSERT_EQ(write(fds[0], "w", 1), 1);
+            self.taskWorkCountInc(1);
+            self.taskWatchWritableIs(++sent < 3);
+            stopWhenDone(self);
+        };
+        t->taskWatchFdIs(fds[0]);
+        t->taskWatchWritableIs(true);
+        timer->setTimeout(5.0);
+        Velik::Platform::doEventLoop();
+        EXPECT_EQ(got, "ping");
+        EXPECT_EQ(t->taskRunCountWritable(), 3u);
+        EXPECT_EQ(t->taskWorkCountReadableTotal(), 4u);  // each side counts its own work
+        EXPECT_EQ(t->taskWorkCountWritableTotal(), 3u);
+        char buf[8];
+        EXPECT_EQ(read(fds[1], buf, sizeof buf), 3);
+    };
+    GetParam() ? VelikTest::onLoopThread(body) : body();
+}
+
+INSTANTIATE_TEST_SUITE_P(BothPlatforms, FdTaskEndToEnd, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& info) {
+                             return info.param ? "Libevent" : "Framework";
+                         });
+
+}  // namespace
