@@ -30,6 +30,7 @@
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
 #include <Velik/Task.h>
+#include <Velik/TaskControl.h>
 #include <Velik/TaskGroup.h>
 #include <Velik/TaskMaybeU32.h>
 #include <Velik/TaskPriority.h>

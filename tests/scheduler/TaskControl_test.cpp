@@ -1,0 +1,178 @@
+// Task-backed controls: the control contract through tasks of the thread's
+// root, on both platforms under virtual time; what differs from the platform
+// controls (handlers run as tasks, `clearEvents` forgets the descriptor).
+#include <Velik/FastForward.h>
+#include <Velik/PlatformSelection.h>
+#include <Velik/TaskControl.h>
+#include <Velik/Thread.h>
+#include <Velik/Time.h>
+
+#include <Kiv/ActivityManager.h>
+
+#include "platform/LoopThread.h"
+#include "scheduler/SchedulerFixture.h"
+
+#include <unistd.h>
+
+#include <limits>
+#include <stdexcept>
+
+namespace {
+
+using namespace Velik;
+using Platform::doEventLoop;
+
+constexpr double never = std::numeric_limits<double>::infinity();
+
+enum class Family { framework, libevent };
+
+// A few loop passes: the notification, then the task run it queued.
+void passes() {
+    for (int i = 0; i < 3; ++i) {
+        hasThreadLocalSingletons() ? VelikTest::loopPass() : doEventLoop(0.0);
+    }
+}
+
+// Logs each notification with the task it ran in; throws when asked, and
+// every hook answers `swallow`.
+struct Recorder : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::CallbackHandler {
+    std::shared_ptr<TaskSchedulerRoot> root = schedulerRootVelik();
+    std::vector<std::string> log;
+    bool throws = false;
+    bool swallow = false;
+    int hooks = 0;
+
+    void note(const std::string& what) {
+        const TaskImpl* running = root->currentlyRunningTask();
+        log.push_back(what + "@" + (running ? running->taskName().str() : "loop"));
+        if (throws) {
+            throw std::runtime_error(what);
+        }
+    }
+    void readFdEvent(int fd) override {
+        char c;
+        (void)!read(fd, &c, 1);
+        note("r");
+    }
+    void writeFdEvent(int) override { note("w"); }
+    void timeout() override { note("t"); }
+    void callback() override { note("c"); }
+    bool handleFdException(int) override { return ++hooks, swallow; }
+    bool handleTimeoutException() override { return ++hooks, swallow; }
+    bool handleCallbackException() override { return ++hooks, swallow; }
+};
+
+class TaskControl : public testing::TestWithParam<Family> {
+  protected:
+    void SetUp() override { libevent() ? setLeFastForward(true) : Platform::setFastForward(true); }
+    void TearDown() override {
+        libevent() ? setLeFastForward(false) : Platform::setFastForward(false);
+        Kiv::activityManager()->config()->executionTimeIs(never);
+    }
+    bool libevent() const { return GetParam() == Family::libevent; }
+    void run(const std::function<void()>& body) {
+        libevent() ? VelikTest::onLoopThread(body) : body();
+    }
+};
+
+TEST_P(TaskControl, TimerRunsItsHandlerAsATask) {
+    run([] {
+        Recorder handler;
+        auto timer = Platform::getTimerControl(&handler, handler.root, TaskPriority::low, "retry");
+        auto* task = dynamic_cast<Platform::TaskTimerControl*>(timer.get());
+        ASSERT_NE(task, nullptr);
+        EXPECT_EQ(task->taskPriority(), TaskPriority::low);
+        EXPECT_EQ(timer->remainingTimeout(), never);
+
+        const double armedAt = Velik::time();
+        timer->setTimeout(2.0);
+        EXPECT_NEAR(timer->remainingTimeout(), 2.0, 1e-3);
+        doEventLoop(5.0);
+        EXPECT_EQ(handler.log, (std::vector<std::string>{"t@retry"}));
+        EXPECT_EQ(task->taskRunCount(), 1u);
+        EXPECT_GE(Velik::time() - armedAt, 2.0);
+        EXPECT_EQ(timer->remainingTimeout(), never);
+
+        // An expiry whose run is still queued is taken back by delTimeout.
+        timer->setTimeout(1.0);
+        doEventLoop(0.0);
+        timer->delTimeout();
+        EXPECT_FALSE(task->taskScheduled());
+        doEventLoop(3.0);
+        EXPECT_EQ(handler.log.size(), 1u);
+    });
+}
+
+TEST_P(TaskControl, CallbackRequestsCoalesceAndCancel) {
+    run([] {
+        Recorder handler;
+        auto control =
+            Platform::getCallbackControl(&handler, handler.root, TaskPriority::high, "cb");
+        control->requestCallback();
+        control->requestCallback();
+        EXPECT_TRUE(control->pendingCallback());
+        EXPECT_TRUE(handler.log.empty());  // never from inside the request
+        doEventLoop();
+        EXPECT_EQ(handler.log, (std::vector<std::string>{"c@cb"}));
+        EXPECT_FALSE(control->pendingCallback());
+        control->requestCallback();
+        control->cancelCallback();
+        doEventLoop();
+        EXPECT_EQ(handler.log.size(), 1u);
+    });
+}
+
+TEST_P(TaskControl, DescriptorSidesAndClearEventsForgetsTheDescriptor) {
+    run([] {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        Recorder handler;
+        auto control = Platform::getFdControl(&handler, handler.root, TaskPriority::normal, "pipe");
+        control->setReads(true);
+        control->setFd(fds[0]);
+        EXPECT_EQ(write(fds[1], "x", 1), 1);
+        passes();
+        control->setReads(false);
+        control->setFd(fds[1]);
+        control->setWrites(true);  // one shot
+        passes();
+        EXPECT_EQ(handler.log, (std::vector<std::string>{"r@pipe:read", "w@pipe:write"}));
+        control->clearEvents();
+        EXPECT_EQ(control->getFd(), -1);
+        close(fds[0]);
+        close(fds[1]);
+    });
+}
+
+// The controls' exception contract holds through the task run.
+TEST_P(TaskControl, HandlerExceptionsGoToTheHookOrOutOfTheLoop) {
+    run([] {
+        Recorder handler;
+        handler.throws = true;
+        auto timer = Platform::getTimerControl(&handler, handler.root, TaskPriority::normal, "t");
+        auto callback =
+            Platform::getCallbackControl(&handler, handler.root, TaskPriority::normal, "c");
+        handler.swallow = true;
+        timer->setTimeout(1.0);
+        callback->requestCallback();
+        doEventLoop(2.0);
+        EXPECT_EQ(handler.hooks, 2);
+
+        handler.swallow = false;
+        callback->requestCallback();
+        EXPECT_THROW(doEventLoop(2.0), std::runtime_error);
+        EXPECT_EQ(handler.hooks, 3);
+        handler.throws = false;
+        timer->setTimeout(1.0);  // the root goes on serving
+        doEventLoop(2.0);
+        EXPECT_EQ(handler.log.back(), "t@t");
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(BothPlatforms, TaskControl,
+                         testing::Values(Family::framework, Family::libevent),
+                         [](const testing::TestParamInfo<Family>& info) {
+                             return info.param == Family::framework ? "Framework" : "Libevent";
+                         });
+
+}  // namespace
