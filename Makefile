@@ -21,7 +21,9 @@ configure: deps $(BUILD)/build.ninja
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-demo: build
+# Builds only the library and the demo, so a newcomer sees it run at once.
+demo: configure
+	cmake --build $(BUILD) -j $(JOBS) --target velik_demo
 	$(BUILD)/examples/velik_demo
 
 test: build

@@ -1,125 +1,646 @@
-// A small daemon on the scheduling runtime.
+// A small in-memory key-value server on one thread, and the clients that
+// load it.
 //
-// Four workers at different priorities share one thread. Each does its work
-// in slices: it works until `taskShouldYield()` says its quantum is used up,
-// then schedules itself again and returns, so the others get their turn. A
-// scavenge task soaks up whatever time is left, and a controller, woken by a
-// timer every half second, suspends and resumes the indexer. After three
-// seconds the daemon prints what each task did and the scheduler's history.
+// The server is the shape of many real daemons: a listening socket, one task
+// per connection, timers for idle connections and housekeeping, and a
+// scavenger that tidies up when nothing else wants the thread.
 //
-//   TRACE='Velik/0-5' build/examples/velik_demo     # also trace the scheduler
+//   listener      a FileDescriptorTask (high) that accepts connections;
+//   connection    a FileDescriptorTask per client, all in the task group
+//                 "connections" (normal), so that a thousand chatty clients
+//                 compete with the rest of the daemon as one task;
+//   idle          a TimerTask per connection, re-armed on every request,
+//                 that closes the connection after a second of silence;
+//   housekeeping  a TimerTask (low) every half second, jittered by up to 20%
+//                 so that many daemons started together do not tick together;
+//   scavenger     a Task (scavenge) that evicts keys nobody touched for a
+//                 while, in slices, whenever the thread has nothing better to do.
+//
+// The protocol is one request per line, one reply line each:
+//
+//   SET key value   OK
+//   GET key         VALUE value | NOTFOUND
+//   DEL key         DELETED | NOTFOUND
+//   anything else   ERROR unknown command
+//
+// The program starts the server on an ephemeral loopback port, runs client
+// threads against it for a few seconds (plus some connections that go quiet
+// and are closed by the server), and prints what happened: requests served,
+// client-side latencies, and per task its runs, run times, worst scheduling
+// latency and quantum violations.
+//
+//   build/examples/velik_demo [seconds] [client threads] [connections each]
 #include <Velik/Velik.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <iostream>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace {
 
 using namespace std::chrono_literals;
 using Velik::TaskPriority;
+using Clock = std::chrono::steady_clock;
 
-// One unit of "work": hashing a small buffer.
-uint64_t workUnit(uint64_t seed) {
-    char buffer[256];
-    for (size_t i = 0; i < sizeof buffer; ++i) {
-        buffer[i] = static_cast<char>(seed + i);
-    }
-    return Velik::Util::hash64(buffer, sizeof buffer);
-}
+constexpr double kIdleSeconds = 1.0;
+constexpr double kHousekeepingSeconds = 0.5;
+constexpr std::size_t kMaxLine = 4096;
 
-// Works through `total` units in slices of at most one quantum, or forever
-// when `total` is 0.
-class Worker : public Velik::Task {
+// ---------------------------------------------------------------- the store
+
+// Keys with the time they were last touched; the scavenger evicts old ones.
+class Store {
   public:
-    Worker(Velik::TaskScheduler* scheduler, TaskPriority priority, const char* name, uint64_t total)
-        : Task(scheduler, priority, name), left_(total), forever_(total == 0) {}
+    std::string apply(std::string_view request) {
+        auto word = [&request]() {
+            const auto end = request.find(' ');
+            std::string_view w = request.substr(0, end);
+            request = end == std::string_view::npos ? std::string_view() : request.substr(end + 1);
+            return w;
+        };
+        const std::string_view command = word();
+        const std::string_view key = word();
+        const double now = Velik::time();
+        if (command == "SET" && !key.empty()) {
+            entries_[std::string(key)] = {std::string(request), now};
+            return "OK\n";
+        }
+        if (command == "GET" && !key.empty()) {
+            auto it = entries_.find(std::string(key));
+            if (it == entries_.end()) {
+                return "NOTFOUND\n";
+            }
+            it->second.touched = now;
+            return "VALUE " + it->second.value + "\n";
+        }
+        if (command == "DEL" && !key.empty()) {
+            return entries_.erase(std::string(key)) ? "DELETED\n" : "NOTFOUND\n";
+        }
+        return "ERROR unknown command\n";
+    }
 
-    void taskExecute() override {
-        uint64_t done = 0;
-        while (forever_ || left_ > 0) {
-            checksum_ ^= workUnit(checksum_ + done);
-            ++done;
-            left_ -= forever_ ? 0 : 1;
-            if (taskShouldYield()) {
-                scheduleTask();
-                break;
+    // Evicts keys untouched since `before`, resuming after the last key seen;
+    // stops when `enough()` says so. Returns whether it went all the way round.
+    template <typename Enough>
+    bool evict(double before, Enough&& enough) {
+        auto it = entries_.upper_bound(resumeAfter_);
+        while (it != entries_.end()) {
+            resumeAfter_ = it->first;
+            if (it->second.touched < before) {
+                it = entries_.erase(it);
+                ++evicted_;
+            } else {
+                ++it;
+            }
+            if (enough()) {
+                return false;
             }
         }
-        taskWorkCountInc(done);
-        taskWorkPendingIs(static_cast<uint32_t>(std::min<uint64_t>(left_, UINT32_MAX)));
-        unitsDone_ += done;
+        resumeAfter_.clear();
+        return true;
     }
 
-    uint64_t unitsDone() const { return unitsDone_; }
+    std::size_t size() const { return entries_.size(); }
+    std::uint64_t evicted() const { return evicted_; }
 
   private:
-    uint64_t left_;
-    bool forever_;
-    uint64_t checksum_ = 0;
-    uint64_t unitsDone_ = 0;
+    struct Entry {
+        std::string value;
+        double touched;
+    };
+    std::map<std::string, Entry> entries_;
+    std::string resumeAfter_;
+    std::uint64_t evicted_ = 0;
 };
 
-// Toggles the suspension of another task each time its timer fires.
-class Controller : public Velik::Task, public Velik::Platform::TimeoutHandler {
+// ---------------------------------------------------------------- the figures
+
+// What the runtime measured, summed per task name: tasks still registered
+// are added at the end, tasks that went away (closed connections) as they go.
+class TaskTable {
   public:
-    Controller(Velik::TaskSchedulerRoot* root, Velik::TaskImpl* target)
-        : Task(root, TaskPriority::high, "controller"),
-          target_(target),
-          timer_(Velik::Platform::getTimerControl(this, root->timerWheel())) {}
-
-    void start() { timer_->setTimeout(0.5); }
-    int toggles() const { return toggles_; }
-
-    // The timer only asks for a run; the work happens in the task.
-    void timeout() override { scheduleTask(); }
-
-    void taskExecute() override {
-        target_->taskSuspendedIs(!target_->taskSuspended());
-        ++toggles_;
-        timer_->setTimeout(0.5);
+    void add(const Velik::TaskImpl& task) {
+        Row& row = rows_[task.taskStatsName().str()];
+        row.scheduler = task.scheduler()->schedulerName().str();
+        row.priority = Velik::oneChar(task.taskPriority());
+        row.tasks += 1;
+        row.runs += task.taskRunCount();
+        row.work += task.workCountTotal();
+        row.qv200 += task.qv200();
+        row.qv500 += task.qv500();
+        row.totalMs += static_cast<double>(task.taskTotalRunTime().count()) / 1e6;
+        row.maxUs = std::max(row.maxUs, static_cast<double>(task.taskMaxRunTime().count()) / 1e3);
+        row.worstLatencyUs =
+            std::max(row.worstLatencyUs,
+                     static_cast<double>(task.schedulingLatencyHighWaterMark().count()) / 1e3);
+    }
+    void addRegistered(const Velik::TaskSchedulerRoot& root) {
+        for (const Velik::TaskScheduler* scheduler : root.schedulers()) {
+            for (const Velik::TaskImpl& task : scheduler->tasks()) {
+                add(task);
+            }
+        }
+    }
+    void print() const {
+        std::printf("\n%-22s %-12s %3s %6s %8s %8s %9s %8s %12s %5s %5s\n", "task", "scheduler",
+                    "pri", "tasks", "runs", "work", "total ms", "max us", "worst lat us", "qv200",
+                    "qv500");
+        for (const auto& [name, r] : rows_) {
+            std::printf(
+                "%-22s %-12s %3c %6llu %8llu %8llu %9.1f %8.1f %12.1f %5llu %5llu\n", name.c_str(),
+                r.scheduler.c_str(), r.priority, static_cast<unsigned long long>(r.tasks),
+                static_cast<unsigned long long>(r.runs), static_cast<unsigned long long>(r.work),
+                r.totalMs, r.maxUs, r.worstLatencyUs, static_cast<unsigned long long>(r.qv200),
+                static_cast<unsigned long long>(r.qv500));
+        }
     }
 
   private:
-    Velik::TaskImpl* target_;
-    std::shared_ptr<Velik::Platform::TimerControl> timer_;
-    int toggles_ = 0;
+    struct Row {
+        std::string scheduler;
+        char priority = ' ';
+        std::uint64_t tasks = 0, runs = 0, work = 0, qv200 = 0, qv500 = 0;
+        double totalMs = 0, maxUs = 0, worstLatencyUs = 0;
+    };
+    std::map<std::string, Row> rows_;
 };
 
-void report(const std::vector<std::shared_ptr<Worker>>& workers, const Controller& controller) {
-    QoFmt::print("{:<10} {:>3} {:>8} {:>12} {:>10} {:>10} {:>6} {:>6}\n", "task", "pri", "runs",
-                 "units", "total ms", "max us", "qv200", "qv500");
-    for (const auto& w : workers) {
-        QoFmt::print("{:<10} {:>3} {:>8} {:>12} {:>10.1f} {:>10.1f} {:>6} {:>6}\n",
-                     w->taskName().str(), Velik::oneCharString(w->taskPriority()),
-                     w->taskRunCount(), w->unitsDone(), w->taskTotalRunTime().count() / 1e6,
-                     w->taskMaxRunTime().count() / 1e3, w->qv200(), w->qv500());
+// ---------------------------------------------------------------- the server
+
+class Server;
+
+// One client connection: reads requests, writes replies, and closes itself
+// after a second of silence.
+class Connection : public Velik::FileDescriptorTask {
+  public:
+    Connection(Server& server, std::shared_ptr<Velik::TaskScheduler> group, int fd);
+
+    // Requests waiting in the input, cut short by the quantum, are served on
+    // the next run; replies that do not fit the socket wait for writability.
+    void taskExecuteReadable() override;
+    void taskExecuteWritable() override { flush(); }
+
+    void close();
+    const Velik::TimerTask& idleTimer() const { return *idle_; }
+
+  private:
+    class IdleTimer : public Velik::TimerTask {
+      public:
+        IdleTimer(Connection& connection, Velik::TaskScheduler* scheduler)
+            : TimerTask(scheduler, TaskPriority::low, "idle"), connection_(connection) {}
+        void taskExecute() override { connection_.close(); }
+
+      private:
+        Connection& connection_;
+    };
+
+    bool serveBuffered();
+    void flush();
+
+    Server& server_;
+    int fd_;
+    std::string in_;
+    std::string out_;
+    std::shared_ptr<IdleTimer> idle_;
+};
+
+// Accepts connections for as long as its quantum allows; readability of a
+// listening socket persists, so what is left is accepted on the next run.
+class Listener : public Velik::FileDescriptorTask {
+  public:
+    Listener(Server& server, std::shared_ptr<Velik::TaskScheduler> root, int fd)
+        : FileDescriptorTask(std::move(root), TaskPriority::high, "listener"), server_(server) {
+        taskWatchFdIs(fd);
     }
-    QoFmt::print("controller toggled the indexer's suspension {} times\n\n", controller.toggles());
+    void taskExecuteReadable() override;
+    void taskExecuteWritable() override {}
+
+  private:
+    Server& server_;
+};
+
+// Every half second, give or take: a status line, and a nudge to the
+// scavenger when the store has grown.
+class Housekeeping : public Velik::TimerTask {
+  public:
+    Housekeeping(Server& server, Velik::TaskScheduler* root)
+        : TimerTask(root, TaskPriority::low, "housekeeping"), server_(server) {}
+    void taskExecute() override;
+
+  private:
+    Server& server_;
+    std::uint64_t lastRequests_ = 0;
+};
+
+// Evicts keys untouched for two seconds, a quantum at a time.
+class Scavenger : public Velik::Task {
+  public:
+    Scavenger(Store& store, Velik::TaskScheduler* root)
+        : Task(root, TaskPriority::scavenge, "scavenger"), store_(store) {}
+    void taskExecute() override {
+        std::uint64_t visited = 0;
+        const bool done = store_.evict(Velik::time() - 2.0, [&] {
+            ++visited;
+            return taskShouldYield();
+        });
+        taskWorkCountInc(visited);
+        if (!done) {
+            scheduleTask();
+        }
+    }
+
+  private:
+    Store& store_;
+};
+
+class Server {
+  public:
+    explicit Server(std::shared_ptr<Velik::TaskSchedulerRoot> root)
+        : root_(std::move(root)),
+          connections_(Velik::TaskGroupIs("connections", TaskPriority::normal, false, root_)),
+          housekeeping_(std::make_shared<Housekeeping>(*this, root_.get())),
+          scavenger_(std::make_shared<Scavenger>(store_, root_.get())) {
+        // Busy clients hand the thread back often; the rest of the daemon
+        // never waits long behind them.
+        connections_->taskGroupQuantumIs(2ms);
+    }
+
+    // Listens on an ephemeral loopback port; returns the port.
+    std::uint16_t listen() {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(fd, 1024) != 0 ||
+            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            Velik::RuntimeException::throwException(std::string("listen on loopback: ") +
+                                                    Velik::strerror(errno));
+        }
+        listener_ = std::make_shared<Listener>(*this, root_, fd);
+        housekeeping_->scheduleTaskJitterUp(kHousekeepingSeconds, 20);
+        return ntohs(address.sin_port);
+    }
+
+    void stop() {
+        ::close(listener_->taskWatchFd());
+        listener_.reset();
+        while (!open_.empty()) {
+            open_.begin()->second->close();
+        }
+        housekeeping_->stopTimerTask();
+        scavenger_->unscheduleTask();
+    }
+
+    void accepted(int fd) {
+        open_[fd] = std::make_shared<Connection>(*this, connections_, fd);
+        ++acceptedCount_;
+    }
+    // Drops the server's reference: a connection closing itself from its own
+    // run stays alive until that run ends.
+    void closed(int fd, bool idle) {
+        const Connection& connection = *open_.at(fd);
+        finished_.add(*connection.readTask());
+        if (connection.writeTask()) {
+            finished_.add(*connection.writeTask());
+        }
+        finished_.add(connection.idleTimer());
+        open_.erase(fd);
+        idleClosed_ += idle;
+    }
+
+    Store& store() { return store_; }
+    Scavenger& scavenger() { return *scavenger_; }
+    std::uint64_t requests = 0;
+    std::size_t openCount() const { return open_.size(); }
+    std::uint64_t acceptedCount() const { return acceptedCount_; }
+    std::uint64_t idleClosed() const { return idleClosed_; }
+    const TaskTable& finished() const { return finished_; }
+    const std::shared_ptr<Velik::TaskSchedulerRoot>& root() const { return root_; }
+    double startTime() const { return startTime_; }
+
+  private:
+    double startTime_ = Velik::time();
+    std::shared_ptr<Velik::TaskSchedulerRoot> root_;
+    Store store_;
+    std::shared_ptr<Velik::TaskGroup> connections_;
+    std::shared_ptr<Listener> listener_;
+    std::shared_ptr<Housekeeping> housekeeping_;
+    std::shared_ptr<Scavenger> scavenger_;
+    std::unordered_map<int, std::shared_ptr<Connection>> open_;
+    std::uint64_t acceptedCount_ = 0;
+    std::uint64_t idleClosed_ = 0;
+    TaskTable finished_;
+};
+
+Connection::Connection(Server& server, std::shared_ptr<Velik::TaskScheduler> group, int fd)
+    : FileDescriptorTask(group, TaskPriority::normal, "connection"),
+      server_(server),
+      fd_(fd),
+      idle_(std::make_shared<IdleTimer>(*this, server.root().get())) {
+    taskWatchFdIs(fd);
+    idle_->scheduleTaskDelay(kIdleSeconds);
+}
+
+void Connection::taskExecuteReadable() {
+    char buffer[16384];
+    const ssize_t n = read(fd_, buffer, sizeof buffer);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+        close();  // the client went away
+        return;
+    }
+    if (n > 0) {
+        in_.append(buffer, static_cast<std::size_t>(n));
+        idle_->scheduleTaskDelay(kIdleSeconds);  // a restart: cheap
+    }
+    if (!serveBuffered()) {
+        scheduleTaskReadable();  // cut short by the quantum: more to serve
+    }
+    flush();
+}
+
+bool Connection::serveBuffered() {
+    std::size_t start = 0;
+    std::uint64_t served = 0;
+    bool finished = true;
+    for (std::size_t end; (end = in_.find('\n', start)) != std::string::npos; start = end + 1) {
+        out_ += server_.store().apply(std::string_view(in_).substr(start, end - start));
+        ++served;
+        if (taskShouldYield()) {
+            start = end + 1;
+            finished = in_.find('\n', start) == std::string::npos;
+            break;
+        }
+    }
+    in_.erase(0, start);
+    if (in_.size() > kMaxLine) {  // a line too long to be a request
+        out_ += "ERROR line too long\n";
+        in_.clear();
+    }
+    taskWorkCountInc(served);
+    server_.requests += served;
+    return finished;
+}
+
+void Connection::flush() {
+    while (!out_.empty()) {
+        const ssize_t n = write(fd_, out_.data(), out_.size());
+        if (n < 0) {
+            if (errno == EAGAIN) {
+                taskWatchWritableIs(true);  // one shot: asked again each time
+            } else if (errno != EINTR) {
+                close();
+            }
+            return;
+        }
+        out_.erase(0, static_cast<std::size_t>(n));
+    }
+}
+
+void Connection::close() {
+    if (fd_ < 0) {
+        return;
+    }
+    const bool idle = idle_->taskCurrentlyRunning();
+    taskWatchFdDel();
+    ::close(fd_);
+    idle_->stopTimerTask();
+    const int fd = std::exchange(fd_, -1);
+    server_.closed(fd, idle);  // may release this connection
+}
+
+void Listener::taskExecuteReadable() {
+    std::uint64_t accepted = 0;
+    while (!taskShouldYield()) {
+        const int fd = accept4(taskWatchFd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            break;  // EAGAIN: all accepted; anything else: try on the next run
+        }
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        server_.accepted(fd);
+        ++accepted;
+    }
+    taskWorkCountInc(accepted);
+}
+
+void Housekeeping::taskExecute() {
+    std::printf("  %5.1f s  %4zu connections  %9llu requests (+%llu)  %6zu keys\n",
+                Velik::time() - server_.startTime(), server_.openCount(),
+                static_cast<unsigned long long>(server_.requests),
+                static_cast<unsigned long long>(server_.requests - lastRequests_),
+                server_.store().size());
+    lastRequests_ = server_.requests;
+    if (server_.store().size() > 1000) {
+        server_.scavenger().scheduleTask();
+    }
+    scheduleTaskJitterUp(kHousekeepingSeconds, 20);
+}
+
+// ---------------------------------------------------------------- the clients
+
+struct ClientFigures {
+    std::uint64_t requests = 0;
+    std::uint64_t errors = 0;
+    std::vector<double> latencyUs;  // one sample per round of requests
+};
+
+int connectTo(std::uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        std::perror("connect");
+        std::exit(1);
+    }
+    const int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return fd;
+}
+
+// Reads one reply line from a blocking socket; false when the server closed.
+bool readLine(int fd, std::string& pending, std::string& line) {
+    for (;;) {
+        const auto end = pending.find('\n');
+        if (end != std::string::npos) {
+            line.assign(pending, 0, end);
+            pending.erase(0, end + 1);
+            return true;
+        }
+        char buffer[4096];
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n <= 0) {
+            return false;
+        }
+        pending.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+// Sends one request on each of its connections, then reads every reply:
+// `connections` requests in flight per round, until `until`.
+void runClient(int id, std::uint16_t port, int connections, Clock::time_point until,
+               ClientFigures& figures) {
+    std::vector<int> fds;
+    std::vector<std::string> pending(connections);
+    for (int i = 0; i < connections; ++i) {
+        fds.push_back(connectTo(port));
+    }
+    std::string line;
+    for (std::uint64_t round = 0; Clock::now() < until; ++round) {
+        const auto start = Clock::now();
+        for (int i = 0; i < connections; ++i) {
+            const std::string key = "k" + std::to_string(id) + "." + std::to_string(i) + "." +
+                                    std::to_string(round % 64);
+            const std::string request = round % 2
+                                            ? "GET " + key + "\n"
+                                            : "SET " + key + " v" + std::to_string(round) + "\n";
+            if (write(fds[i], request.data(), request.size()) < 0) {
+                ++figures.errors;
+            }
+        }
+        for (int i = 0; i < connections; ++i) {
+            if (!readLine(fds[i], pending[i], line) || line.rfind("ERROR", 0) == 0) {
+                ++figures.errors;
+            }
+        }
+        figures.requests += static_cast<std::uint64_t>(connections);
+        figures.latencyUs.push_back(
+            std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    for (int fd : fds) {
+        ::close(fd);
+    }
+}
+
+// Connections that say one thing and then nothing: the server's idle timers
+// close them. Returns how many the server closed within `wait`.
+int runQuietClients(std::uint16_t port, int count, std::chrono::milliseconds wait) {
+    std::vector<int> fds;
+    for (int i = 0; i < count; ++i) {
+        fds.push_back(connectTo(port));
+        const char hello[] = "SET quiet yes\n";
+        (void)!write(fds.back(), hello, sizeof hello - 1);
+    }
+    int closedByServer = 0;
+    const auto until = Clock::now() + wait;
+    for (int fd : fds) {
+        std::string pending, line;
+        readLine(fd, pending, line);  // "OK"
+        pollfd p{fd, POLLIN, 0};
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+        if (poll(&p, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 1) {
+            char c;
+            closedByServer += read(fd, &c, 1) == 0;
+        }
+        ::close(fd);
+    }
+    return closedByServer;
+}
+
+// ---------------------------------------------------------------- the report
+
+double percentile(std::vector<double>& samples, double p) {
+    if (samples.empty()) {
+        return 0;
+    }
+    const auto k = static_cast<std::size_t>(p * static_cast<double>(samples.size() - 1));
+    std::nth_element(samples.begin(), samples.begin() + static_cast<std::ptrdiff_t>(k),
+                     samples.end());
+    return samples[k];
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
+    const int threads = argc > 2 ? std::atoi(argv[2]) : 4;
+    const int perThread = argc > 3 ? std::atoi(argv[3]) : 50;
+    constexpr int quiet = 20;
+
     auto root = Velik::schedulerRootVelik();
-    std::vector<std::shared_ptr<Worker>> workers = {
-        std::make_shared<Worker>(root.get(), TaskPriority::high, "ingest", 200'000),
-        std::make_shared<Worker>(root.get(), TaskPriority::normal, "index", 400'000),
-        std::make_shared<Worker>(root.get(), TaskPriority::low, "compact", 300'000),
-        std::make_shared<Worker>(root.get(), TaskPriority::scavenge, "scavenge", 0),
-    };
-    for (const auto& w : workers) {
-        w->taskQuantumIs(2ms);
-        w->scheduleTask();
+    Server server(root);
+    const std::uint16_t port = server.listen();
+    std::printf(
+        "velik_demo: key-value server on 127.0.0.1:%u; %d client threads x %d "
+        "connections for %.1f s, and %d quiet connections\n\n",
+        port, threads, perThread, seconds, quiet);
+
+    // The clients run on their own threads; the server has this one.
+    const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                          std::chrono::duration<double>(seconds));
+    std::vector<ClientFigures> figures(threads);
+    std::vector<std::thread> clients;
+    for (int i = 0; i < threads; ++i) {
+        clients.emplace_back(runClient, i, port, perThread, until, std::ref(figures[i]));
     }
-    auto controller = std::make_shared<Controller>(root.get(), workers[1].get());
-    controller->start();
+    std::atomic<int> quietClosed{-1};
+    std::thread quietClient([&] {
+        quietClosed = runQuietClients(
+            port, quiet, std::chrono::milliseconds(static_cast<int>(seconds * 1000) + 1500));
+    });
+    std::atomic<int> running{threads + 1};
+    for (auto& c : clients) {
+        std::thread([&c, &running] {
+            c.join();
+            --running;
+        }).detach();
+    }
+    std::thread([&] {
+        quietClient.join();
+        --running;
+    }).detach();
 
-    QoFmt::print("running for 3 seconds...\n\n");
-    Velik::Platform::doEventLoop(3.0);
+    // The server's loop, in slices so that it can notice the clients are done.
+    while (running.load() > 0) {
+        Velik::Platform::doEventLoop(0.05);
+    }
+    Velik::Platform::doEventLoop(0.05);  // the last closes
 
-    report(workers, *controller);
-    root->historyRenderTextForDebug(std::cout);
-    return 0;
+    ClientFigures all;
+    for (auto& f : figures) {
+        all.requests += f.requests;
+        all.errors += f.errors;
+        all.latencyUs.insert(all.latencyUs.end(), f.latencyUs.begin(), f.latencyUs.end());
+    }
+    std::printf("\nclients: %llu requests answered (%.0f per second), %llu errors\n",
+                static_cast<unsigned long long>(all.requests),
+                static_cast<double>(all.requests) / seconds,
+                static_cast<unsigned long long>(all.errors));
+    std::printf(
+        "         round trip of %d pipelined requests: p50 %.0f us, p99 %.0f us, "
+        "max %.0f us\n",
+        perThread, percentile(all.latencyUs, 0.5), percentile(all.latencyUs, 0.99),
+        percentile(all.latencyUs, 1.0));
+    std::printf(
+        "server:  %llu requests served, %llu connections accepted, %llu closed idle "
+        "(%d of %d quiet clients saw it), %zu keys, %llu evicted\n",
+        static_cast<unsigned long long>(server.requests),
+        static_cast<unsigned long long>(server.acceptedCount()),
+        static_cast<unsigned long long>(server.idleClosed()), quietClosed.load(), quiet,
+        server.store().size(), static_cast<unsigned long long>(server.store().evicted()));
+    TaskTable table = server.finished();
+    table.addRegistered(*root);
+    table.print();
+    server.stop();
+    return all.errors == 0 ? 0 : 1;
 }
