@@ -3,7 +3,7 @@
 // the framework's main loop under virtual time) and on the libevent platform
 // (on a thread with thread-local singletons, under libevent fast-forward).
 // Every control comes from the platform factories.
-#include "platform/LoopThread.h"
+#include "platform/Families.h"
 
 #include <Velik/FastForward.h>
 #include <Velik/PlatformSelection.h>
@@ -29,8 +29,6 @@ using Platform::doEventLoop;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-enum class Family { framework, libevent };
-
 // One loop pass that delivers what is ready now, and nothing later.
 void pass() {
     if (hasThreadLocalSingletons()) {
@@ -49,42 +47,11 @@ void runUntilIdle() {
     doEventLoop();
 }
 
-class PlatformContract : public testing::TestWithParam<Family> {
-  protected:
-    // Virtual time is switched by the main thread for either family.
-    void SetUp() override {
-        if (framework()) {
-            Platform::setFastForward(true);
-        } else {
-            setLeFastForward(true);
-        }
-    }
-    void TearDown() override {
-        if (framework()) {
-            Platform::setFastForward(false);
-            Kiv::activityManager()->config()->executionTimeIs(never);
-        } else {
-            setLeFastForward(false);
-        }
-    }
-
-    bool framework() const { return GetParam() == Family::framework; }
-
-    void run(const std::function<void()>& body) {
-        if (framework()) {
-            ASSERT_FALSE(hasThreadLocalSingletons());
-            body();
-        } else {
-            VelikTest::onLoopThread(body);
-        }
-    }
-};
+using PlatformContract = VelikTest::FamilyTest;
 
 INSTANTIATE_TEST_SUITE_P(Families, PlatformContract,
-                         testing::Values(Family::framework, Family::libevent),
-                         [](const testing::TestParamInfo<Family>& info) {
-                             return info.param == Family::framework ? "Framework" : "Libevent";
-                         });
+                         testing::Values(VelikTest::Family::framework, VelikTest::Family::libevent),
+                         VelikTest::familyName);
 
 struct Pipe {
     int fds[2];

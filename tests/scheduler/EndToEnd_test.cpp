@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "platform/LoopThread.h"
+#include "platform/Families.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
@@ -20,21 +20,11 @@ namespace {
 using Velik::TaskPriority;
 using VelikTest::ProbeTask;
 
-enum class Family { framework, libevent };
-
-std::string familyName(const testing::TestParamInfo<Family>& info) {
-    return info.param == Family::framework ? "Framework" : "Libevent";
-}
+using VelikTest::Family;
 
 class EndToEnd : public testing::TestWithParam<Family> {
   protected:
-    void onPlatform(const std::function<void()>& body) {
-        if (GetParam() == Family::libevent) {
-            VelikTest::onLoopThread(body);
-        } else {
-            body();
-        }
-    }
+    void onPlatform(const std::function<void()>& body) { VelikTest::onFamily(GetParam(), body); }
 };
 
 class LoggingTimer : public Velik::Platform::TimeoutHandler {
@@ -141,7 +131,8 @@ TEST_P(EndToEnd, TaskExceptionLeavesTheLoopAndTheRootStaysUsable) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothPlatforms, EndToEnd,
-                         testing::Values(Family::framework, Family::libevent), familyName);
+                         testing::Values(Family::framework, Family::libevent),
+                         VelikTest::familyName);
 
 TEST(EndToEndThreads, SeveralThreadsEachWithItsOwnRootRunAtOnce) {
     constexpr int threads = 4;

@@ -1,15 +1,12 @@
 // Task-backed controls: the control contract through tasks of the thread's
 // root, on both platforms under virtual time; what differs from the platform
 // controls (handlers run as tasks, `clearEvents` forgets the descriptor).
-#include <Velik/FastForward.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/TaskControl.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
 
-#include <Kiv/ActivityManager.h>
-
-#include "platform/LoopThread.h"
+#include "platform/Families.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <unistd.h>
@@ -23,8 +20,6 @@ using namespace Velik;
 using Platform::doEventLoop;
 
 constexpr double never = std::numeric_limits<double>::infinity();
-
-enum class Family { framework, libevent };
 
 // A few loop passes: the notification, then the task run it queued.
 void passes() {
@@ -62,18 +57,7 @@ struct Recorder : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::
     bool handleCallbackException() override { return ++hooks, swallow; }
 };
 
-class TaskControl : public testing::TestWithParam<Family> {
-  protected:
-    void SetUp() override { libevent() ? setLeFastForward(true) : Platform::setFastForward(true); }
-    void TearDown() override {
-        libevent() ? setLeFastForward(false) : Platform::setFastForward(false);
-        Kiv::activityManager()->config()->executionTimeIs(never);
-    }
-    bool libevent() const { return GetParam() == Family::libevent; }
-    void run(const std::function<void()>& body) {
-        libevent() ? VelikTest::onLoopThread(body) : body();
-    }
-};
+using TaskControl = VelikTest::FamilyTest;
 
 TEST_P(TaskControl, TimerRunsItsHandlerAsATask) {
     run([] {
@@ -170,9 +154,7 @@ TEST_P(TaskControl, HandlerExceptionsGoToTheHookOrOutOfTheLoop) {
 }
 
 INSTANTIATE_TEST_SUITE_P(BothPlatforms, TaskControl,
-                         testing::Values(Family::framework, Family::libevent),
-                         [](const testing::TestParamInfo<Family>& info) {
-                             return info.param == Family::framework ? "Framework" : "Libevent";
-                         });
+                         testing::Values(VelikTest::Family::framework, VelikTest::Family::libevent),
+                         VelikTest::familyName);
 
 }  // namespace

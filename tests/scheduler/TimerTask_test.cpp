@@ -1,13 +1,10 @@
 // Timer tasks: the three states and their transitions, jitter draws, the
 // assertion texts, and delivery through the platform loop under virtual time.
-#include <Velik/FastForward.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/Time.h>
 #include <Velik/TimerTask.h>
 
-#include <Kiv/ActivityManager.h>
-
-#include "platform/LoopThread.h"
+#include "platform/Families.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <cmath>
@@ -49,13 +46,12 @@ class TimerTaskTest : public VelikTest::SchedulerTest {
   protected:
     void SetUp() override {
         SchedulerTest::SetUp();
-        Velik::Platform::setFastForward(true);
+        VelikTest::virtualTimeIs(VelikTest::Family::framework, true);
         t = std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "tt");
     }
     void TearDown() override {
         t.reset();
-        Velik::Platform::setFastForward(false);
-        Kiv::activityManager()->config()->executionTimeIs(never);
+        VelikTest::virtualTimeIs(VelikTest::Family::framework, false);
         SchedulerTest::TearDown();
     }
     // Lets `seconds` of virtual time pass on the platform loop.
@@ -202,14 +198,10 @@ TEST_F(TimerTaskDeathTest, BadPercentageAborts) {
 
 // Periodic timer tasks on the thread's root, through the platform's own loop,
 // under virtual time on both platforms.
-enum class Family { framework, libevent };
-
-class TimerTaskLoop : public testing::TestWithParam<Family> {};
+using TimerTaskLoop = VelikTest::FamilyTest;
 
 TEST_P(TimerTaskLoop, PeriodicTasksRunOnTimeThroughTheLoop) {
-    const bool libevent = GetParam() == Family::libevent;
-    libevent ? Velik::setLeFastForward(true) : Velik::Platform::setFastForward(true);
-    auto body = [] {
+    run([] {
         auto root = Velik::schedulerRootVelik();
         const double start = Velik::time();
         std::vector<std::shared_ptr<ProbeTimer>> timers;
@@ -229,16 +221,11 @@ TEST_P(TimerTaskLoop, PeriodicTasksRunOnTimeThroughTheLoop) {
             }
             tt->stopTimerTask();
         }
-    };
-    libevent ? VelikTest::onLoopThread(body) : body();
-    libevent ? Velik::setLeFastForward(false) : Velik::Platform::setFastForward(false);
-    Kiv::activityManager()->config()->executionTimeIs(never);
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, TimerTaskLoop,
-                         testing::Values(Family::framework, Family::libevent),
-                         [](const testing::TestParamInfo<Family>& info) {
-                             return info.param == Family::framework ? "Framework" : "Libevent";
-                         });
+                         testing::Values(VelikTest::Family::framework, VelikTest::Family::libevent),
+                         VelikTest::familyName);
 
 }  // namespace
