@@ -41,9 +41,18 @@ class ConstStringRef {
         void refCountInc() const { ++refCount_; }
         // Lowers the count; at zero the element erases itself from its cache
         // (and is gone when this returns). Asserts when the count is already 0.
-        void refCountDec() const;
+        void refCountDec() const {
+            if (refCount_ > 1) [[likely]] {
+                --refCount_;
+                return;
+            }
+            refCountDecLast();
+        }
 
       private:
+        // The last reference goes (or none was left).
+        void refCountDecLast() const;
+
         ConstStringCache* cache_;
         std::string str_;
         mutable std::uint32_t refCount_ = 0;
@@ -58,10 +67,17 @@ class ConstStringRef {
     }
     ConstStringRef(const ConstStringRef& other) : ConstStringRef(other.elem_) {}
     ConstStringRef(ConstStringRef&& other) noexcept : elem_(other.elem_) { other.elem_ = nullptr; }
-    ConstStringRef& operator=(ConstStringRef other) noexcept {
-        std::swap(elem_, other.elem_);
+    ConstStringRef& operator=(const ConstStringRef& other) {
+        if (elem_ != other.elem_) {
+            ConstStringRef(other).swap(*this);
+        }
         return *this;
     }
+    ConstStringRef& operator=(ConstStringRef&& other) noexcept {
+        ConstStringRef(std::move(other)).swap(*this);
+        return *this;
+    }
+    void swap(ConstStringRef& other) noexcept { std::swap(elem_, other.elem_); }
     ~ConstStringRef() {
         if (elem_) {
             elem_->refCountDec();

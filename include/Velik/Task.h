@@ -270,7 +270,15 @@ class TaskImpl : public _TaskBase {
 
     static constexpr std::uint8_t suspendedFlag = 0x01;
     static constexpr std::uint8_t includeInCompletedFlag = 0x02;
+    // Queued during its own run; stamped with the run's end time.
+    static constexpr std::uint8_t scheduleStampPendingFlag = 0x04;
 
+    // Whether `scheduleTask` is called by the task's own scheduler run.
+    bool reschedulingItself() const;
+    void taskRunQueueAppend();
+    // Gives a task queued during its own run the stamp `now` and records
+    // its `schedule` (and `busy`) events; nothing otherwise.
+    void scheduleStampSettle(TaskTimePoint now);
     // Latency of the queue stay that just ended at `now`.
     void schedulingLatencyIs(TaskTimePoint now);
     void recordRunTime(TaskTimeDuration elapsed);

@@ -52,11 +52,22 @@ class TaskSchedulerHistory {
     void insert(TaskTimePoint now, TaskSchedulerEventType eventType,
                 const TaskScheduler* scheduler);
 
-    // The same checks and records, given the name directly.
+    // The same checks and records, given the name directly. Inline: a task
+    // run records three events, and the checks of a constant type fold away.
     void insertTaskEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                         const ConstStringRef& name);
+                         const ConstStringRef& name) {
+        if (eventType > lastTaskEventType) [[unlikely]] {
+            eventTypeFailed(eventType, true);
+        }
+        record(now, eventType, name);
+    }
     void insertSchedulerEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                              const ConstStringRef& name);
+                              const ConstStringRef& name) {
+        if (eventType <= lastTaskEventType || eventType > lastSchedulerEventType) [[unlikely]] {
+            eventTypeFailed(eventType, false);
+        }
+        record(now, eventType, name);
+    }
 
     // Room for this many events.
     std::uint32_t capacity() const { return static_cast<std::uint32_t>(events_.capacity()); }
@@ -81,6 +92,10 @@ class TaskSchedulerHistory {
     void renderTextForDebug(int fd) const;
 
   private:
+    // Asserts "unexpected eventType=" or "EventType: " for a type that is not
+    // a task event (`taskEvent`) or not a scheduler event.
+    [[noreturn]] void eventTypeFailed(TaskSchedulerEventType eventType, bool taskEvent) const;
+
     void record(TaskTimePoint now, TaskSchedulerEventType eventType, const ConstStringRef& name) {
         events_.push_front(Event{eventType, now, name});
     }

@@ -14,7 +14,9 @@ namespace Velik {
 using TaskTimeDuration = std::chrono::nanoseconds;
 using TaskTimePoint = std::chrono::time_point<std::chrono::steady_clock, TaskTimeDuration>;
 
-// Now on the steady clock, as the scheduler reads it.
+// Now on the steady clock, as the scheduler reads it: the framework's
+// `Kiv::steadyNanoseconds()`, a few nanoseconds where the processor's
+// time-stamp counter is invariant.
 TaskTimePoint taskSteadyNow();
 
 namespace Impl {

@@ -88,7 +88,7 @@ void TaskImpl::sanityCheckCurrentRunningThread() const {
 }
 
 void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const {
-    scheduler_->history()->insert(now, type, this);
+    scheduler_->history()->insertTaskEvent(now, type, taskDisplayName());
 }
 
 // --- Scheduling ---
@@ -96,6 +96,16 @@ void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) con
 void TaskImpl::scheduleTask() {
     sanityCheckCurrentRunningThread();
     if (taskRunQueueLink_.isLinked()) {
+        return;
+    }
+    if (reschedulingItself()) {
+        // The usual "more work: yield" path. The stamp and the history
+        // event wait for the run's end time, which is read anyway: one clock
+        // reading serves both, and the latency counts from the moment the
+        // task could first be picked again.
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Scheduled {}", taskDisplayName());
+        taskRunQueueAppend();
+        flags_ |= scheduleStampPendingFlag;
         return;
     }
     TaskTimePoint now = taskSteadyNow();
@@ -107,11 +117,34 @@ void TaskImpl::scheduleTask() {
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Scheduled {}", taskDisplayName());
     recordHistory(now, TaskSchedulerEventType::schedule);
     taskScheduledTime_ = now;
-    TaskRunQueue& queue = scheduler_->taskRunQueue(taskPriority_);
-    queue.persistent.pushBack(*this);
-    ++queue.queuedCount;
+    taskRunQueueAppend();
     scheduler_->schedulerHasRunnableTasksIs(true, now);
     taskBusyIs(taskScheduled(), now);
+}
+
+bool TaskImpl::reschedulingItself() const {
+    // Only inside a scheduler run of this very task (not a test run, not
+    // after an exception left the running flag set), in a scheduler that is
+    // runnable already, so that nothing but the stamp depends on the time.
+    return taskCurrentlyRunning_ && scheduler_->currentlyRunningTask() == this &&
+           scheduler_->schedulerHasRunnableTasks() && !taskSuspended();
+}
+
+void TaskImpl::taskRunQueueAppend() {
+    // The priority was checked when the task registered.
+    TaskRunQueue& queue = scheduler_->taskRunQueues_[static_cast<std::size_t>(taskPriority_)];
+    queue.persistent.pushBack(*this);
+    ++queue.queuedCount;
+}
+
+void TaskImpl::scheduleStampSettle(TaskTimePoint now) {
+    if ((flags_ & scheduleStampPendingFlag) == 0) {
+        return;
+    }
+    flags_ &= ~scheduleStampPendingFlag;
+    recordHistory(now, TaskSchedulerEventType::schedule);
+    taskScheduledTime_ = now;
+    taskBusyIs(true, now);
 }
 
 void TaskImpl::unscheduleTask() {
@@ -122,11 +155,12 @@ void TaskImpl::unscheduleTaskPrivate(TaskTimePoint now) {
     if (!taskRunQueueLink_.isLinked()) {
         return;
     }
+    scheduleStampSettle(now);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Unscheduled {}", taskDisplayName());
     recordHistory(now, TaskSchedulerEventType::unschedule);
     TaskRunQueue::TaskList::remove(*this);
     schedulingLatencyIs(now);
-    --scheduler_->taskRunQueue(taskPriority_).queuedCount;
+    --scheduler_->taskRunQueues_[static_cast<std::size_t>(taskPriority_)].queuedCount;
 }
 
 void TaskImpl::schedulingLatencyIs(TaskTimePoint now) {
@@ -297,9 +331,10 @@ void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
         VELIK_CLASS_ASSERT(seconds >= 0.0, "negative framework run time {}", seconds);
         elapsed = TaskTimeDuration(static_cast<std::int64_t>(seconds * 1e9));
     }
+    scheduleStampSettle(endTime);
     recordRunTime(elapsed);
     recordHistory(endTime, TaskSchedulerEventType::runEnd);
-    taskBusyIs(taskScheduled(), endTime);
+    taskBusyIs(taskRunQueueLink_.isLinked(), endTime);
 }
 
 void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {

@@ -50,7 +50,7 @@ const TaskRunQueue& TaskScheduler::taskRunQueue(TaskPriority priority) const {
 }
 
 void TaskScheduler::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const {
-    history_->insert(now, type, this);
+    history_->insertSchedulerEvent(now, type, schedulerName_);
 }
 
 // --- Registration ---
@@ -181,10 +181,6 @@ void TaskScheduler::checkSchedulerLatency() {
     }
 }
 
-TaskImpl* TaskScheduler::currentlyRunningTask() const {
-    return static_cast<TaskImpl*>(currentlyRunning_.get());
-}
-
 void TaskScheduler::handleSchedulerRun() {
     checkSchedulerLatency();
     TaskTimePoint now = currentRunTime_;
@@ -254,6 +250,7 @@ TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint now, TaskPriority from) {
                            priorityAt(p), queue.queuedCount, queue.pickedCount);
     }
     TaskRunQueue::TaskList::remove(*task);
+    task->scheduleStampSettle(now);
     task->schedulingLatencyIs(now);
     return task;
 }

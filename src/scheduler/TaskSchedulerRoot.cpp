@@ -21,8 +21,11 @@ std::shared_ptr<Platform::CallbackControl> platformCallbackControl(
     return Platform::getCallbackControl(handler);
 }
 
+// Read on every run of the main thread's root; the activity manager is never
+// destroyed, so its settings may be kept by address.
 bool frameworkVirtualTime() {
-    return Kiv::activityManager()->config()->virtualTime();
+    static Kiv::ActivityManagerConfig* const config = Kiv::activityManager()->config();
+    return config->virtualTime();
 }
 
 unsigned long threadIdValue(pthread_t id) {
@@ -135,11 +138,9 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
 }
 
 void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
-    if (threadSanityDisabled_ || auxThreadCount() != 0) {
-        return;
-    }
+    // The owning thread first: it is every call but the faulty ones.
     const pthread_t self = pthread_self();
-    if (pthread_equal(self, threadId_)) {
+    if (pthread_equal(self, threadId_) || threadSanityDisabled_ || auxThreadCount() != 0) {
         return;
     }
     const pid_t currentPid = getpid();

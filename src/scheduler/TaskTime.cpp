@@ -1,5 +1,7 @@
 #include "Velik/TaskTime.h"
 
+#include "Kiv/SteadyClock.h"
+
 namespace Velik {
 
 namespace {
@@ -12,7 +14,7 @@ TaskTimePoint taskSteadyNow() {
     if (testClock) [[unlikely]] {
         return testClock();
     }
-    return std::chrono::time_point_cast<TaskTimeDuration>(std::chrono::steady_clock::now());
+    return TaskTimePoint(TaskTimeDuration(Kiv::steadyNanoseconds()));
 }
 
 namespace Impl {
