@@ -125,12 +125,16 @@ class ConstStringCache {
   private:
     friend class ConstStringRef::Elem;
 
+    // Not throwing, so the set keeps no hash per element (8 bytes less per
+    // name); rehashing recomputes it, which is rare.
     struct ElemHash {
         using is_transparent = void;
-        std::size_t operator()(std::string_view s) const {
+        std::size_t operator()(std::string_view s) const noexcept {
             return std::hash<std::string_view>()(s);
         }
-        std::size_t operator()(const ConstStringRef::Elem& e) const { return (*this)(e.str()); }
+        std::size_t operator()(const ConstStringRef::Elem& e) const noexcept {
+            return (*this)(e.str());
+        }
     };
     struct ElemEqual {
         using is_transparent = void;

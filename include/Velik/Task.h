@@ -65,6 +65,27 @@ class TaskKey {
     std::uintptr_t value_ = 0;
 };
 
+// A task's display name: its priority letter, one blank and its name
+// ("N reader"). Made on demand from the interned name, so that a task with a
+// name of its own interns one string, not two. Formats and streams as the
+// text; refers to the task's name, so it lives no longer than the task.
+class TaskDisplayName {
+  public:
+    TaskDisplayName(char letter, const ConstStringRef& name) : letter_(letter), name_(&name) {}
+
+    char letter() const { return letter_; }
+    const ConstStringRef& name() const { return *name_; }
+    std::string str() const;
+
+    friend bool operator==(const TaskDisplayName& a, std::string_view b) { return a.str() == b; }
+
+  private:
+    char letter_;
+    const ConstStringRef* name_;
+};
+
+std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name);
+
 // How `taskShouldYield()` decides.
 enum class TaskShouldYieldMode : std::uint8_t {
     ticks = 0,          // processor tick counter, then the steady clock
@@ -102,8 +123,10 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     const ConstStringRef& taskName() const { return taskName_; }
     const ConstStringRef& taskStatsName() const { return taskStatsName_; }
     // The priority letter, one blank and the task name ("N reader"): the name
-    // history events carry.
-    const ConstStringRef& taskDisplayName() const { return taskDisplayName_; }
+    // history events show.
+    TaskDisplayName taskDisplayName() const {
+        return TaskDisplayName(oneChar(taskPriority_), taskName_);
+    }
     TaskPriority taskPriority() const { return taskPriority_; }
     std::uint8_t taskTestYieldRatio() const { return taskTestYieldRatio_; }
     std::uint8_t taskTestYieldRatioEffective() const { return taskTestYieldRatioEffective_; }
@@ -119,7 +142,6 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     std::shared_ptr<TaskScheduler> scheduler_;
     ConstStringRef taskName_;
     ConstStringRef taskStatsName_;
-    ConstStringRef taskDisplayName_;
     TaskPriority taskPriority_;
     std::uint8_t taskTestYieldRatio_ = 0;
     std::uint8_t taskTestYieldRatioEffective_ = 0;
@@ -321,3 +343,11 @@ class Task : public TaskImpl {
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task);
 
 }  // namespace Velik
+
+template <>
+struct fmt::formatter<Velik::TaskDisplayName> : fmt::formatter<fmt::string_view> {
+    template <typename Context>
+    auto format(const Velik::TaskDisplayName& name, Context& context) const {
+        return fmt::formatter<fmt::string_view>::format(name.str(), context);
+    }
+};

@@ -14,6 +14,10 @@ namespace Velik {
 
 namespace {
 
+// The priority letters by value; priorities are checked when a task
+// registers, so the hot paths index without asking `oneChar`.
+constexpr char priorityLetters[] = {'A', 'H', 'N', 'L', 'S', '-'};
+
 ConstStringRef intern(std::string_view text) {
     return ConstStringCache::forThisThread().intern(text);
 }
@@ -30,10 +34,20 @@ _TaskBase::_TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::strin
     : scheduler_(scheduler ? scheduler->shared_from_this() : nullptr),
       taskName_(intern(name)),
       taskStatsName_(taskName_),
-      taskDisplayName_(intern(fmt::format("{} {}", oneCharString(priority), name))),
       taskPriority_(priority) {}
 
 _TaskBase::~_TaskBase() = default;
+
+std::string TaskDisplayName::str() const {
+    std::string text(1, letter_);
+    text += ' ';
+    text += name_->str();
+    return text;
+}
+
+std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name) {
+    return stream << name.letter() << ' ' << name.name();
+}
 
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
     return stream << task->taskDisplayName();
@@ -88,7 +102,8 @@ void TaskImpl::sanityCheckCurrentRunningThread() const {
 }
 
 void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const {
-    scheduler_->history()->insertTaskEvent(now, type, taskDisplayName());
+    scheduler_->history()->insertTaskEvent(
+        now, type, taskName_, priorityLetters[static_cast<std::size_t>(taskPriority_)]);
 }
 
 // --- Scheduling ---

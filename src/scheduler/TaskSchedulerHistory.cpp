@@ -13,8 +13,12 @@
 
 namespace Velik {
 
+std::string TaskSchedulerHistory::Event::displayName() const {
+    return letter ? fmt::format("{} {}", letter, name) : name.str();
+}
+
 std::string TaskSchedulerHistory::Event::display() const {
-    return fmt::format("{:<12} {}", eventTypeDisplay(), name);
+    return fmt::format("{:<12} {}", eventTypeDisplay(), displayName());
 }
 
 void TaskSchedulerHistory::eventTypeFailed(TaskSchedulerEventType eventType, bool taskEvent) const {
@@ -27,7 +31,7 @@ void TaskSchedulerHistory::eventTypeFailed(TaskSchedulerEventType eventType, boo
 
 void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,
                                   const _TaskBase* task) {
-    insertTaskEvent(now, eventType, task->taskDisplayName());
+    insertTaskEvent(now, eventType, task->taskName(), oneChar(task->taskPriority()));
 }
 
 void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,
