@@ -226,11 +226,14 @@ TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint now, TaskPriority from) {
     TaskImpl* task = nullptr;
     std::size_t p = indexOf(from);
     for (; p < taskPriorityCount; ++p) {
-        task = taskRunQueues_[p].active->front();
+        TaskRunQueue& queue = taskRunQueues_[p];
+        task = queue.active->front();
         if (task) {
             break;
         }
-        taskRunQueues_[p].consecutiveRuns = 0;
+        if (queue.consecutiveRuns != 0) {  // empty queues stay untouched
+            queue.consecutiveRuns = 0;
+        }
     }
     if (!task) {
         return nullptr;

@@ -1,27 +1,11 @@
 #include "Velik/TaskTime.h"
 
-#include "Kiv/SteadyClock.h"
+namespace Velik::Impl {
 
-namespace Velik {
-
-namespace {
-
-TaskTimePoint (*testClock)() = nullptr;
-
-}  // namespace
-
-TaskTimePoint taskSteadyNow() {
-    if (testClock) [[unlikely]] {
-        return testClock();
-    }
-    return TaskTimePoint(TaskTimeDuration(Kiv::steadyNanoseconds()));
-}
-
-namespace Impl {
+TaskTimePoint (*taskSteadyTestClock)() = nullptr;
 
 void taskSteadyClockForTestIs(TaskTimePoint (*now)()) {
-    testClock = now;
+    taskSteadyTestClock = now;
 }
 
-}  // namespace Impl
-}  // namespace Velik
+}  // namespace Velik::Impl
