@@ -118,7 +118,7 @@ void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) con
 
 // --- Scheduling ---
 
-void TaskImpl::scheduleTask() {
+[[gnu::flatten]] void TaskImpl::scheduleTask() {
     sanityCheckCurrentRunningThread();
     if (taskRunQueueLink_.isLinked()) {
         return;
@@ -333,7 +333,8 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
 
 // --- Running ---
 
-void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
+// Flattened: the per-run accounting and history are inlined into the run.
+[[gnu::flatten]] void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
     recordTaskEvent(*this, now, TaskSchedulerEventType::runStart);
     VELIK_CLASS_ASSERT(!taskRunQueueLink_.isLinked(), "{}", taskDisplayName());
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Running {}", taskDisplayName());

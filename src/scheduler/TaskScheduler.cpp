@@ -181,7 +181,7 @@ void TaskScheduler::checkSchedulerLatency() {
     }
 }
 
-void TaskScheduler::handleSchedulerRun() {
+[[gnu::flatten]] void TaskScheduler::handleSchedulerRun() {
     checkSchedulerLatency();
     TaskTimePoint now = currentRunTime_;
     if (root_->suspended()) {
