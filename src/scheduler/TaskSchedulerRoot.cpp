@@ -137,17 +137,18 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
     }
 }
 
-void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
-    // The owning thread first: it is every call but the faulty ones.
-    const pthread_t self = pthread_self();
-    if (pthread_equal(self, threadId_) || threadSanityDisabled_ || auxThreadCount() != 0) {
+void TaskSchedulerRoot::sanityCheckOtherThread() const {
+    if (threadSanityDisabled_ || auxThreadCount() != 0) {
         return;
     }
+    const pthread_t self = pthread_self();
     const pid_t currentPid = getpid();
     if (currentPid != pid_) {  // a forked child inherits the root
         return;
     }
-    VELIK_CLASS_ASSERT(false,
+    // Reported under the public entry's name.
+    Impl::assertFailed(VELIK_SOURCE_NAME, __LINE__, true, "sanityCheckCurrentRunningThread",
+                       traceClassName,
                        "Executing in wrong thread {}({}) pid {} scheduler belongs to thread "
                        "{}({}) pid {}",
                        threadIdValue(self), currentThreadName(), currentPid,
