@@ -247,7 +247,7 @@ BENCHMARK(BM_HistoryInsert);
 
 // --- Clock references ---
 
-// One steady-clock read, as `taskSteadyNow()` makes it: three per task run.
+// One steady-clock read, as `taskSteadyNow()` makes it: two per task run.
 void BM_SteadyClock(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(Velik::taskSteadyNow());
@@ -270,9 +270,10 @@ BENCHMARK(BM_Ticks);
 //   sizeof_task     the object;
 //   block_bytes     its allocation: object plus shared-pointer control block;
 //   node_bytes      one interned name: a node of the thread's string cache;
-//   name_bytes      what interning a fresh name ("m<n>" and its display name
-//                   "N m<n>") adds to the cache: two nodes, and the cache's
-//                   bucket array as it grows, averaged over 1000 tasks;
+//   name_bytes      what interning a fresh name ("m<n>"; the display name
+//                   "N m<n>" is made when shown) adds to the cache: one node,
+//                   and the cache's bucket array as it grows, averaged over
+//                   1000 tasks;
 //   total_bytes     the two together (a task whose names are interned
 //                   already takes only block_bytes);
 //   allocs          allocations per task.

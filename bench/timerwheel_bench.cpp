@@ -29,6 +29,11 @@
 // Every start reads the library clock (`Velik::time()`); Reference/Time
 // measures that read alone.
 //
+// Beside/Restart and Beside/StartStop put a million timer controls beside a
+// million libevent timers and the floor of a random restart (one random
+// write into a 64-byte record among a million), alternating batches in one
+// run.
+//
 // bytes_per_timer: the object (sizeof) plus the wheel's fixed footprint
 // (`timeouts_footprint()`) / n; controls add the shared pointer's control
 // block (made by `make_shared`, counted as 16 bytes). Parked timers take one
@@ -42,6 +47,10 @@
 #include "Velik/TimerWheel.h"
 
 #include <benchmark/benchmark.h>
+#include <event2/event.h>
+#include <event2/event_struct.h>
+
+#include "RoundTrip.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -221,6 +230,147 @@ void eventExpire(benchmark::State& state) {
     state.counters["bytes_per_timer"] = pop.bytesPerTimer();
 }
 
+// ---------------------------------------------------------------- beside
+
+// Timer controls beside their peers, batch by batch in one run so that all
+// see the same machine load: a million armed controls from
+// `Platform::getTimerControl`, a million armed libevent timers on a base of
+// their own (`event_add` on its heap) and the floor, one random write into a
+// 64-byte record among a million. Thread CPU time per operation.
+struct Beside {
+    static constexpr size_t n = 1'000'000;
+    static constexpr int batch = 20'000;
+    struct Record {
+        uint64_t words[8];
+    };
+
+    Counter counter;
+    std::vector<std::shared_ptr<Platform::TimerControl>> controls;
+    std::vector<std::shared_ptr<Platform::TimerControl>> extraControls;
+    event_base* base = event_base_new();
+    std::unique_ptr<event[]> events{new event[n]};
+    std::unique_ptr<event[]> extraEvents{new event[kExtra]};
+    std::vector<Record> records = std::vector<Record>(n, Record{});
+    Rng rng{7};
+
+    Beside() {
+        std::shared_ptr<TimerWheel> wheel = getTimerWheel();
+        controls.reserve(n);
+        for (size_t i = 0; i < n; ++i) {
+            controls.push_back(Platform::getTimerControl(&counter, wheel));
+            controls.back()->setTimeout(rng.delay());
+            event_assign(
+                &events[i], base, -1, 0, [](evutil_socket_t, short, void*) {}, nullptr);
+            const timeval tv = delayTv();
+            event_add(&events[i], &tv);
+        }
+        for (size_t i = 0; i < kExtra; ++i) {
+            extraControls.push_back(Platform::getTimerControl(&counter, wheel));
+            event_assign(
+                &extraEvents[i], base, -1, 0, [](evutil_socket_t, short, void*) {}, nullptr);
+        }
+    }
+    ~Beside() {
+        controls.clear();
+        extraControls.clear();
+        for (size_t i = 0; i < n; ++i) {
+            event_del(&events[i]);
+        }
+        event_base_free(base);
+        getTimerWheel()->setMasterTimer();
+    }
+    timeval delayTv() {
+        const double d = rng.delay();
+        timeval tv;
+        tv.tv_sec = static_cast<time_t>(d);
+        tv.tv_usec = static_cast<suseconds_t>((d - static_cast<double>(tv.tv_sec)) * 1e6);
+        return tv;
+    }
+
+    double controlRestart() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                controls[rng.next() % n]->setTimeout(rng.delay());
+            }
+        });
+    }
+    double libeventRestart() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                const timeval tv = delayTv();
+                event_add(&events[rng.next() % n], &tv);
+            }
+        });
+    }
+    double floor() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                Record& r = records[rng.next() % n];
+                r.words[0] += r.words[7] + 1;
+                benchmark::DoNotOptimize(r);
+            }
+        });
+    }
+    double controlStartStop() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                Platform::TimerControl& c = *extraControls[k & (kExtra - 1)];
+                c.setTimeout(rng.delay());
+                c.delTimeout();
+            }
+        });
+    }
+    double libeventStartStop() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                event* ev = &extraEvents[k & (kExtra - 1)];
+                const timeval tv = delayTv();
+                event_add(ev, &tv);
+                event_del(ev);
+            }
+        });
+    }
+};
+
+Beside& beside() {
+    g_pop.reset();
+    static Beside instance;
+    return instance;
+}
+
+// Counters: ns per operation of each (`control_ns`, `libevent_ns`,
+// `floor_ns`), `x_libevent` = libevent / control and `x_floor` = control /
+// floor.
+void besideRestart(benchmark::State& state) {
+    Beside& b = beside();
+    double control = 0, libevent = 0, floor = 0;
+    for (auto _ : state) {
+        control += b.controlRestart();
+        libevent += b.libeventRestart();
+        floor += b.floor();
+    }
+    const double ops = static_cast<double>(state.iterations()) * Beside::batch;
+    state.counters["control_ns"] = control / ops;
+    state.counters["libevent_ns"] = libevent / ops;
+    state.counters["floor_ns"] = floor / ops;
+    state.counters["x_libevent"] = libevent / control;
+    state.counters["x_floor"] = control / floor;
+}
+
+// Start then stop one extra timer while the million stay armed, per pair.
+void besideStartStop(benchmark::State& state) {
+    Beside& b = beside();
+    double control = 0, libevent = 0;
+    for (auto _ : state) {
+        control += b.controlStartStop();
+        libevent += b.libeventStartStop();
+    }
+    const double ops = static_cast<double>(state.iterations()) * Beside::batch;
+    state.counters["control_ns"] = control / ops;
+    state.counters["libevent_ns"] = libevent / ops;
+    state.counters["x_libevent"] = libevent / control;
+}
+
 void libraryTime(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(Velik::time());
@@ -248,6 +398,8 @@ void registerAll() {
         benchmark::RegisterBenchmark("Control/Restart", controlRestart)->Arg(n)->MinTime(minTime);
     }
     benchmark::RegisterBenchmark("Reference/Time", libraryTime)->MinTime(0.1);
+    benchmark::RegisterBenchmark("Beside/Restart/1000000", besideRestart)->Iterations(50);
+    benchmark::RegisterBenchmark("Beside/StartStop/1000000", besideStartStop)->Iterations(50);
 }
 
 const bool g_registered = (registerAll(), true);

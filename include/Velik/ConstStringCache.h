@@ -41,9 +41,18 @@ class ConstStringRef {
         void refCountInc() const { ++refCount_; }
         // Lowers the count; at zero the element erases itself from its cache
         // (and is gone when this returns). Asserts when the count is already 0.
-        void refCountDec() const;
+        void refCountDec() const {
+            if (refCount_ > 1) [[likely]] {
+                --refCount_;
+                return;
+            }
+            refCountDecLast();
+        }
 
       private:
+        // The last reference goes (or none was left).
+        void refCountDecLast() const;
+
         ConstStringCache* cache_;
         std::string str_;
         mutable std::uint32_t refCount_ = 0;
@@ -58,10 +67,17 @@ class ConstStringRef {
     }
     ConstStringRef(const ConstStringRef& other) : ConstStringRef(other.elem_) {}
     ConstStringRef(ConstStringRef&& other) noexcept : elem_(other.elem_) { other.elem_ = nullptr; }
-    ConstStringRef& operator=(ConstStringRef other) noexcept {
-        std::swap(elem_, other.elem_);
+    ConstStringRef& operator=(const ConstStringRef& other) {
+        if (elem_ != other.elem_) {
+            ConstStringRef(other).swap(*this);
+        }
         return *this;
     }
+    ConstStringRef& operator=(ConstStringRef&& other) noexcept {
+        ConstStringRef(std::move(other)).swap(*this);
+        return *this;
+    }
+    void swap(ConstStringRef& other) noexcept { std::swap(elem_, other.elem_); }
     ~ConstStringRef() {
         if (elem_) {
             elem_->refCountDec();
@@ -109,12 +125,16 @@ class ConstStringCache {
   private:
     friend class ConstStringRef::Elem;
 
+    // Not throwing, so the set keeps no hash per element (8 bytes less per
+    // name); rehashing recomputes it, which is rare.
     struct ElemHash {
         using is_transparent = void;
-        std::size_t operator()(std::string_view s) const {
+        std::size_t operator()(std::string_view s) const noexcept {
             return std::hash<std::string_view>()(s);
         }
-        std::size_t operator()(const ConstStringRef::Elem& e) const { return (*this)(e.str()); }
+        std::size_t operator()(const ConstStringRef::Elem& e) const noexcept {
+            return (*this)(e.str());
+        }
     };
     struct ElemEqual {
         using is_transparent = void;

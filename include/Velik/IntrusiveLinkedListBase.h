@@ -190,9 +190,12 @@ class ListImpl {
 
 // A list of plain elements: no node is ever a bookmark.
 template <typename T, ListLinkNode<T> T::*ptrToLinkNode>
-class List : public ListImpl<T, ListLinkNode<T>, ptrToLinkNode> {
+class List final : public ListImpl<T, ListLinkNode<T>, ptrToLinkNode> {
   public:
     bool isBookmark(const ListLinkNode<T>*) const override { return false; }
+
+    // The first element, null when empty: no bookmarks to skip.
+    T* front() const { return this->isEmpty() ? nullptr : this->elementOf(this->head_.next_); }
 };
 
 }  // namespace Velik

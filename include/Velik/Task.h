@@ -65,6 +65,27 @@ class TaskKey {
     std::uintptr_t value_ = 0;
 };
 
+// A task's display name: its priority letter, one blank and its name
+// ("N reader"). Made on demand from the interned name, so that a task with a
+// name of its own interns one string, not two. Formats and streams as the
+// text; refers to the task's name, so it lives no longer than the task.
+class TaskDisplayName {
+  public:
+    TaskDisplayName(char letter, const ConstStringRef& name) : letter_(letter), name_(&name) {}
+
+    char letter() const { return letter_; }
+    const ConstStringRef& name() const { return *name_; }
+    std::string str() const;
+
+    friend bool operator==(const TaskDisplayName& a, std::string_view b) { return a.str() == b; }
+
+  private:
+    char letter_;
+    const ConstStringRef* name_;
+};
+
+std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name);
+
 // How `taskShouldYield()` decides.
 enum class TaskShouldYieldMode : std::uint8_t {
     ticks = 0,          // processor tick counter, then the steady clock
@@ -102,8 +123,10 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     const ConstStringRef& taskName() const { return taskName_; }
     const ConstStringRef& taskStatsName() const { return taskStatsName_; }
     // The priority letter, one blank and the task name ("N reader"): the name
-    // history events carry.
-    const ConstStringRef& taskDisplayName() const { return taskDisplayName_; }
+    // history events show.
+    TaskDisplayName taskDisplayName() const {
+        return TaskDisplayName(oneChar(taskPriority_), taskName_);
+    }
     TaskPriority taskPriority() const { return taskPriority_; }
     std::uint8_t taskTestYieldRatio() const { return taskTestYieldRatio_; }
     std::uint8_t taskTestYieldRatioEffective() const { return taskTestYieldRatioEffective_; }
@@ -119,7 +142,6 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     std::shared_ptr<TaskScheduler> scheduler_;
     ConstStringRef taskName_;
     ConstStringRef taskStatsName_;
-    ConstStringRef taskDisplayName_;
     TaskPriority taskPriority_;
     std::uint8_t taskTestYieldRatio_ = 0;
     std::uint8_t taskTestYieldRatioEffective_ = 0;
@@ -249,11 +271,6 @@ class TaskImpl : public _TaskBase {
     std::uint32_t taskRunCount() const { return taskRunCount_; }
     std::uint32_t taskMagicNumber() const { return taskMagicNumber_; }
 
-    // Membership of the scheduler's run queue and registered list; the
-    // scheduler's business.
-    ListLinkNode<TaskImpl> taskRunQueueLink_;
-    BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
-
   protected:
     // Registers with the scheduler (`taskRegister`).
     void handleInitialized();
@@ -270,31 +287,54 @@ class TaskImpl : public _TaskBase {
 
     static constexpr std::uint8_t suspendedFlag = 0x01;
     static constexpr std::uint8_t includeInCompletedFlag = 0x02;
+    // Queued during its own run; stamped with the run's end time.
+    static constexpr std::uint8_t scheduleStampPendingFlag = 0x04;
 
+    // Whether `scheduleTask` is called by the task's own scheduler run.
+    bool reschedulingItself() const;
+    void taskRunQueueAppend();
+    // Gives a task queued during its own run the stamp `now` and records
+    // its `schedule` (and `busy`) events; nothing otherwise.
+    void scheduleStampSettle(TaskTimePoint now);
     // Latency of the queue stay that just ended at `now`.
     void schedulingLatencyIs(TaskTimePoint now);
     void recordRunTime(TaskTimeDuration elapsed);
 
+    // The data, in the order a run uses it: the three bytes fill the tail of
+    // `_TaskBase`, and all that a run touches lies in the object's first
+    // 160 bytes (three cache lines), the work statistics last.
     std::uint8_t flags_ = 0;
     TaskShouldYieldMode taskShouldYieldMode_ = TaskShouldYieldMode::ticks;
     bool taskCurrentlyRunning_ = false;
+
+  public:
+    // Membership of the scheduler's run queue and registered list; the
+    // scheduler's business.
+    ListLinkNode<TaskImpl> taskRunQueueLink_;
+
+  private:
     TaskTimeDuration taskQuantum_{0};
     TaskTimePoint taskScheduledTime_{};
     TaskTimePoint taskRunStartTime_{};
-    mutable std::uint64_t taskYieldCheckTicks_ = 0;
     TaskTimeDuration lastSchedulingLatency_{0};
     TaskTimeDuration schedulingLatencyHighWaterMark_{0};
     TaskTimeDuration taskTotalRunTime_{0};
     TaskTimeDuration taskMaxRunTime_{0};
+    std::uint32_t taskRunCount_ = 0;
+    std::uint32_t taskMagicNumber_ = 0;
+    std::uint32_t qv500_ = 0;
+    std::uint32_t qv200_ = 0;
+    mutable std::uint64_t taskYieldCheckTicks_ = 0;
+
+  public:
+    BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;
+
+  private:
     std::uint64_t workCountTotal_ = 0;
     float workCountDecayAvg_ = 0.0f;
     TaskMaybeU32 workCountHighWaterMark_;
     std::uint32_t workPending_ = 0;
     TaskMaybeU32 workPendingHighWaterMark_;
-    std::uint32_t qv500_ = 0;
-    std::uint32_t qv200_ = 0;
-    std::uint32_t taskRunCount_ = 0;
-    std::uint32_t taskMagicNumber_ = 0;
 };
 
 // The class applications derive from.
@@ -313,3 +353,11 @@ class Task : public TaskImpl {
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task);
 
 }  // namespace Velik
+
+template <>
+struct fmt::formatter<Velik::TaskDisplayName> : fmt::formatter<fmt::string_view> {
+    template <typename Context>
+    auto format(const Velik::TaskDisplayName& name, Context& context) const {
+        return fmt::formatter<fmt::string_view>::format(name.str(), context);
+    }
+};

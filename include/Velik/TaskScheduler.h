@@ -91,7 +91,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     std::size_t taskForceYieldInTestCount() const { return forceYieldTasks_.size(); }
 
     // The task currently in `taskDoRun`, if any.
-    TaskImpl* currentlyRunningTask() const;
+    TaskImpl* currentlyRunningTask() const {
+        return static_cast<TaskImpl*>(currentlyRunning_.get());
+    }
 
     // --- Counts ---
 

@@ -31,12 +31,18 @@ class TaskSchedulerHistory {
 
     struct Event {
         TaskSchedulerEventType eventType;
+        // A task event's priority letter; 0 for scheduler events and names
+        // given directly.
+        char letter;
         TaskTimePoint time;
+        // The task's or the scheduler's name.
         ConstStringRef name;
 
         const char* eventTypeDisplay() const { return Velik::eventTypeDisplay(eventType); }
-        // The display name padded with blanks to 12 characters (longer names
-        // are not cut), one blank, then the name.
+        // The task's display name ("N reader"), or the name as it is.
+        std::string displayName() const;
+        // The event type's display name padded with blanks to 12 characters
+        // (longer names are not cut), one blank, then the display name.
         std::string display() const;
     };
     using Events = boost::circular_buffer<Event>;
@@ -52,11 +58,23 @@ class TaskSchedulerHistory {
     void insert(TaskTimePoint now, TaskSchedulerEventType eventType,
                 const TaskScheduler* scheduler);
 
-    // The same checks and records, given the name directly.
+    // The same checks and records, given the name directly. Inline: a task
+    // run records three events, and the checks of a constant type fold away.
+    // A task event may carry the priority letter of its display name.
     void insertTaskEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                         const ConstStringRef& name);
+                         const ConstStringRef& name, char letter = 0) {
+        if (eventType > lastTaskEventType) [[unlikely]] {
+            eventTypeFailed(eventType, true);
+        }
+        record(now, eventType, name, letter);
+    }
     void insertSchedulerEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                              const ConstStringRef& name);
+                              const ConstStringRef& name) {
+        if (eventType <= lastTaskEventType || eventType > lastSchedulerEventType) [[unlikely]] {
+            eventTypeFailed(eventType, false);
+        }
+        record(now, eventType, name, 0);
+    }
 
     // Room for this many events.
     std::uint32_t capacity() const { return static_cast<std::uint32_t>(events_.capacity()); }
@@ -81,8 +99,13 @@ class TaskSchedulerHistory {
     void renderTextForDebug(int fd) const;
 
   private:
-    void record(TaskTimePoint now, TaskSchedulerEventType eventType, const ConstStringRef& name) {
-        events_.push_front(Event{eventType, now, name});
+    // Asserts "unexpected eventType=" or "EventType: " for a type that is not
+    // a task event (`taskEvent`) or not a scheduler event.
+    [[noreturn]] void eventTypeFailed(TaskSchedulerEventType eventType, bool taskEvent) const;
+
+    void record(TaskTimePoint now, TaskSchedulerEventType eventType, const ConstStringRef& name,
+                char letter) {
+        events_.push_front(Event{eventType, letter, now, name});
     }
 
     Events events_;

@@ -90,7 +90,11 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     // Asserts "Executing in wrong thread ..." unless called on the creating
     // thread, or checking is disabled, or auxiliary threads are counted, or
     // the process has forked since.
-    void sanityCheckCurrentRunningThread() const;
+    void sanityCheckCurrentRunningThread() const {
+        if (!pthread_equal(pthread_self(), threadId_)) [[unlikely]] {
+            sanityCheckOtherThread();
+        }
+    }
     bool threadSanityDisabled() const { return threadSanityDisabled_; }
     void threadSanityDisabledIs(bool disabled);
     // The calling thread's name.
@@ -128,6 +132,9 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     void historyRenderTextForDebug(int fd) const;
 
   private:
+    // The checks for a call from a thread other than the root's.
+    void sanityCheckOtherThread() const;
+
     std::set<TaskScheduler*> schedulers_;
     std::shared_ptr<Platform::CallbackControl> callbackControl_;
     std::shared_ptr<TimerWheel> timerWheel_;

@@ -1,6 +1,7 @@
 #include "Kiv/Clock.h"
 
-#include <chrono>
+#include "Kiv/SteadyClock.h"
+
 #include <cmath>
 
 namespace Kiv {
@@ -14,8 +15,7 @@ constexpr double kNever = std::numeric_limits<double>::infinity();
 constexpr double kJumpSlack = 1e-6;
 
 double realSeconds() noexcept {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    return static_cast<double>(steadyNanoseconds()) * 1e-9;
 }
 
 }  // namespace

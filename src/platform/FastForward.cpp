@@ -18,6 +18,8 @@ namespace {
 constexpr suseconds_t extraDelayMicros = 2;
 
 thread_local timeval virtualTimeOffset{0, 0};
+// The same in seconds, kept beside it: `Velik::time()` adds it on every read.
+thread_local double virtualTimeOffsetSeconds = 0.0;
 
 double toSeconds(const timeval& tv) {
     return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
@@ -55,13 +57,14 @@ void Platform::registerFastForwardChangeNotifier(FastForwardChangeNotifier notif
 }
 
 double leVirtualTimeOffset() {
-    return toSeconds(virtualTimeOffset);
+    return virtualTimeOffsetSeconds;
 }
 
 void applyFastForwardDelta(const timeval* delta) {
     leInit();
     event_base_timeout_subtract_offset(leEventBase(), delta);
     timeradd(&virtualTimeOffset, delta, &virtualTimeOffset);
+    virtualTimeOffsetSeconds = toSeconds(virtualTimeOffset);
     VELIK_FTRACE(Impl::leDebugHandle(), 2, "Increasing virtual time offset by {} to {}",
                  toSeconds(*delta), toSeconds(virtualTimeOffset));
 }

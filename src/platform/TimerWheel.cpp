@@ -193,17 +193,25 @@ double TimerWheel::setCurrentTime() {
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
+    // Among many timers the event is rarely in cache: its miss overlaps the
+    // clock read.
+    __builtin_prefetch(&ev->link_, 1);
     double expiry = Velik::time() + seconds;
     if (ev->expirationTime_ == expiry) {
         return;
     }
-    if (ev->state() != TimerWheelState::notLinked) {
-        timerStop(ev);
+    const int flags = ev->link_.flags & TimerWheelEvent::stateFlags;
+    if (flags != TimerWheelEvent::inTimerWheelFlag) {
+        // A parked or stopped timer goes into the wheel through `notLinked`.
+        if (flags != TimerWheelEvent::notLinkedFlag) {
+            timerStop(ev);
+        }
+        ev->stateIs(TimerWheelState::inTimerWheel);
     }
+    // A timer in the wheel is moved by the library in one step.
     ev->expirationTime_ = expiry;
     timeout_t tick = Impl::timerWheelExpiryTick(expiry);
     timeouts_add(timeouts_, &ev->link_, tick);
-    ev->stateIs(TimerWheelState::inTimerWheel);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {} expire at {} tick {}",
                 fmt::ptr(ev), seconds, expiry, tick);
     if (masterTimerExpiry_ > expiry) {

@@ -11,9 +11,9 @@ constexpr const char* sourceName = "ConstStringCache";
 
 }  // namespace
 
-void ConstStringRef::Elem::refCountDec() const {
+void ConstStringRef::Elem::refCountDecLast() const {
     if (refCount_ == 0) [[unlikely]] {
-        Impl::assertFailed(sourceName, __LINE__, true, __func__, "ConstStringRef::Elem",
+        Impl::assertFailed(sourceName, __LINE__, true, "refCountDec", "ConstStringRef::Elem",
                            "refCount already 0 for {}", str_);
     }
     if (--refCount_ == 0) {

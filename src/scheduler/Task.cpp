@@ -14,6 +14,10 @@ namespace Velik {
 
 namespace {
 
+// The priority letters by value; priorities are checked when a task
+// registers, so the hot paths index without asking `oneChar`.
+constexpr char priorityLetters[] = {'A', 'H', 'N', 'L', 'S', '-'};
+
 ConstStringRef intern(std::string_view text) {
     return ConstStringCache::forThisThread().intern(text);
 }
@@ -30,10 +34,20 @@ _TaskBase::_TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::strin
     : scheduler_(scheduler ? scheduler->shared_from_this() : nullptr),
       taskName_(intern(name)),
       taskStatsName_(taskName_),
-      taskDisplayName_(intern(fmt::format("{} {}", oneCharString(priority), name))),
       taskPriority_(priority) {}
 
 _TaskBase::~_TaskBase() = default;
+
+std::string TaskDisplayName::str() const {
+    std::string text(1, letter_);
+    text += ' ';
+    text += name_->str();
+    return text;
+}
+
+std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name) {
+    return stream << name.letter() << ' ' << name.name();
+}
 
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
     return stream << task->taskDisplayName();
@@ -87,15 +101,36 @@ void TaskImpl::sanityCheckCurrentRunningThread() const {
     }
 }
 
+namespace {
+
+// The body of `recordHistory`, inlined into the three events of every run.
+[[gnu::always_inline]] inline void recordTaskEvent(const TaskImpl& task, TaskTimePoint now,
+                                                   TaskSchedulerEventType type) {
+    task.scheduler()->history()->insertTaskEvent(
+        now, type, task.taskName(), priorityLetters[static_cast<std::size_t>(task.taskPriority())]);
+}
+
+}  // namespace
+
 void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const {
-    scheduler_->history()->insert(now, type, this);
+    recordTaskEvent(*this, now, type);
 }
 
 // --- Scheduling ---
 
-void TaskImpl::scheduleTask() {
+[[gnu::flatten]] void TaskImpl::scheduleTask() {
     sanityCheckCurrentRunningThread();
     if (taskRunQueueLink_.isLinked()) {
+        return;
+    }
+    if (reschedulingItself()) {
+        // The usual "more work: yield" path. The stamp and the history
+        // event wait for the run's end time, which is read anyway: one clock
+        // reading serves both, and the latency counts from the moment the
+        // task could first be picked again.
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Scheduled {}", taskDisplayName());
+        taskRunQueueAppend();
+        flags_ |= scheduleStampPendingFlag;
         return;
     }
     TaskTimePoint now = taskSteadyNow();
@@ -107,11 +142,34 @@ void TaskImpl::scheduleTask() {
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Scheduled {}", taskDisplayName());
     recordHistory(now, TaskSchedulerEventType::schedule);
     taskScheduledTime_ = now;
-    TaskRunQueue& queue = scheduler_->taskRunQueue(taskPriority_);
-    queue.persistent.pushBack(*this);
-    ++queue.queuedCount;
+    taskRunQueueAppend();
     scheduler_->schedulerHasRunnableTasksIs(true, now);
     taskBusyIs(taskScheduled(), now);
+}
+
+bool TaskImpl::reschedulingItself() const {
+    // Only inside a scheduler run of this very task (not a test run, not
+    // after an exception left the running flag set), in a scheduler that is
+    // runnable already, so that nothing but the stamp depends on the time.
+    return taskCurrentlyRunning_ && scheduler_->currentlyRunningTask() == this &&
+           scheduler_->schedulerHasRunnableTasks() && !taskSuspended();
+}
+
+void TaskImpl::taskRunQueueAppend() {
+    // The priority was checked when the task registered.
+    TaskRunQueue& queue = scheduler_->taskRunQueues_[static_cast<std::size_t>(taskPriority_)];
+    queue.persistent.pushBack(*this);
+    ++queue.queuedCount;
+}
+
+void TaskImpl::scheduleStampSettle(TaskTimePoint now) {
+    if ((flags_ & scheduleStampPendingFlag) == 0) {
+        return;
+    }
+    flags_ &= ~scheduleStampPendingFlag;
+    recordTaskEvent(*this, now, TaskSchedulerEventType::schedule);
+    taskScheduledTime_ = now;
+    taskBusyIs(true, now);
 }
 
 void TaskImpl::unscheduleTask() {
@@ -122,11 +180,12 @@ void TaskImpl::unscheduleTaskPrivate(TaskTimePoint now) {
     if (!taskRunQueueLink_.isLinked()) {
         return;
     }
+    scheduleStampSettle(now);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Unscheduled {}", taskDisplayName());
     recordHistory(now, TaskSchedulerEventType::unschedule);
     TaskRunQueue::TaskList::remove(*this);
     schedulingLatencyIs(now);
-    --scheduler_->taskRunQueue(taskPriority_).queuedCount;
+    --scheduler_->taskRunQueues_[static_cast<std::size_t>(taskPriority_)].queuedCount;
 }
 
 void TaskImpl::schedulingLatencyIs(TaskTimePoint now) {
@@ -274,8 +333,9 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
 
 // --- Running ---
 
-void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
-    recordHistory(now, TaskSchedulerEventType::runStart);
+// Flattened: the per-run accounting and history are inlined into the run.
+[[gnu::flatten]] void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
+    recordTaskEvent(*this, now, TaskSchedulerEventType::runStart);
     VELIK_CLASS_ASSERT(!taskRunQueueLink_.isLinked(), "{}", taskDisplayName());
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Running {}", taskDisplayName());
     taskRunStartTime_ = now;
@@ -297,9 +357,10 @@ void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
         VELIK_CLASS_ASSERT(seconds >= 0.0, "negative framework run time {}", seconds);
         elapsed = TaskTimeDuration(static_cast<std::int64_t>(seconds * 1e9));
     }
+    scheduleStampSettle(endTime);
     recordRunTime(elapsed);
-    recordHistory(endTime, TaskSchedulerEventType::runEnd);
-    taskBusyIs(taskScheduled(), endTime);
+    recordTaskEvent(*this, endTime, TaskSchedulerEventType::runEnd);
+    taskBusyIs(taskRunQueueLink_.isLinked(), endTime);
 }
 
 void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {

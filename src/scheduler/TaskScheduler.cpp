@@ -50,7 +50,7 @@ const TaskRunQueue& TaskScheduler::taskRunQueue(TaskPriority priority) const {
 }
 
 void TaskScheduler::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const {
-    history_->insert(now, type, this);
+    history_->insertSchedulerEvent(now, type, schedulerName_);
 }
 
 // --- Registration ---
@@ -181,11 +181,7 @@ void TaskScheduler::checkSchedulerLatency() {
     }
 }
 
-TaskImpl* TaskScheduler::currentlyRunningTask() const {
-    return static_cast<TaskImpl*>(currentlyRunning_.get());
-}
-
-void TaskScheduler::handleSchedulerRun() {
+[[gnu::flatten]] void TaskScheduler::handleSchedulerRun() {
     checkSchedulerLatency();
     TaskTimePoint now = currentRunTime_;
     if (root_->suspended()) {
@@ -230,11 +226,14 @@ TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint now, TaskPriority from) {
     TaskImpl* task = nullptr;
     std::size_t p = indexOf(from);
     for (; p < taskPriorityCount; ++p) {
-        task = taskRunQueues_[p].active->front();
+        TaskRunQueue& queue = taskRunQueues_[p];
+        task = queue.active->front();
         if (task) {
             break;
         }
-        taskRunQueues_[p].consecutiveRuns = 0;
+        if (queue.consecutiveRuns != 0) {  // empty queues stay untouched
+            queue.consecutiveRuns = 0;
+        }
     }
     if (!task) {
         return nullptr;
@@ -254,6 +253,7 @@ TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint now, TaskPriority from) {
                            priorityAt(p), queue.queuedCount, queue.pickedCount);
     }
     TaskRunQueue::TaskList::remove(*task);
+    task->scheduleStampSettle(now);
     task->schedulingLatencyIs(now);
     return task;
 }

@@ -7,34 +7,31 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
 namespace Velik {
 
+std::string TaskSchedulerHistory::Event::displayName() const {
+    return letter ? fmt::format("{} {}", letter, name) : name.str();
+}
+
 std::string TaskSchedulerHistory::Event::display() const {
-    return fmt::format("{:<12} {}", eventTypeDisplay(), name);
+    return fmt::format("{:<12} {}", eventTypeDisplay(), displayName());
 }
 
-void TaskSchedulerHistory::insertTaskEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                                           const ConstStringRef& name) {
+void TaskSchedulerHistory::eventTypeFailed(TaskSchedulerEventType eventType, bool taskEvent) const {
     VELIK_CLASS_ASSERT(eventType <= lastSchedulerEventType, "unexpected eventType={}",
                        static_cast<unsigned>(eventType));
-    VELIK_CLASS_ASSERT(eventType <= lastTaskEventType, "EventType: {}", eventType);
-    record(now, eventType, name);
-}
-
-void TaskSchedulerHistory::insertSchedulerEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                                                const ConstStringRef& name) {
-    VELIK_CLASS_ASSERT(eventType <= lastSchedulerEventType, "unexpected eventType={}",
-                       static_cast<unsigned>(eventType));
-    VELIK_CLASS_ASSERT(eventType > lastTaskEventType, "EventType: {}", eventType);
-    record(now, eventType, name);
+    VELIK_CLASS_ASSERT(!taskEvent, "EventType: {}", eventType);
+    VELIK_CLASS_ASSERT(false, "EventType: {}", eventType);
+    std::abort();
 }
 
 void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,
                                   const _TaskBase* task) {
-    insertTaskEvent(now, eventType, task->taskDisplayName());
+    insertTaskEvent(now, eventType, task->taskName(), oneChar(task->taskPriority()));
 }
 
 void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,

@@ -21,8 +21,11 @@ std::shared_ptr<Platform::CallbackControl> platformCallbackControl(
     return Platform::getCallbackControl(handler);
 }
 
+// Read on every run of the main thread's root; the activity manager is never
+// destroyed, so its settings may be kept by address.
 bool frameworkVirtualTime() {
-    return Kiv::activityManager()->config()->virtualTime();
+    static Kiv::ActivityManagerConfig* const config = Kiv::activityManager()->config();
+    return config->virtualTime();
 }
 
 unsigned long threadIdValue(pthread_t id) {
@@ -134,19 +137,18 @@ void TaskSchedulerRoot::suspendedIs(bool suspended) {
     }
 }
 
-void TaskSchedulerRoot::sanityCheckCurrentRunningThread() const {
+void TaskSchedulerRoot::sanityCheckOtherThread() const {
     if (threadSanityDisabled_ || auxThreadCount() != 0) {
         return;
     }
     const pthread_t self = pthread_self();
-    if (pthread_equal(self, threadId_)) {
-        return;
-    }
     const pid_t currentPid = getpid();
     if (currentPid != pid_) {  // a forked child inherits the root
         return;
     }
-    VELIK_CLASS_ASSERT(false,
+    // Reported under the public entry's name.
+    Impl::assertFailed(VELIK_SOURCE_NAME, __LINE__, true, "sanityCheckCurrentRunningThread",
+                       traceClassName,
                        "Executing in wrong thread {}({}) pid {} scheduler belongs to thread "
                        "{}({}) pid {}",
                        threadIdValue(self), currentThreadName(), currentPid,

@@ -1,25 +1,11 @@
 #include "Velik/TaskTime.h"
 
-namespace Velik {
+namespace Velik::Impl {
 
-namespace {
-
-TaskTimePoint (*testClock)() = nullptr;
-
-}  // namespace
-
-TaskTimePoint taskSteadyNow() {
-    if (testClock) [[unlikely]] {
-        return testClock();
-    }
-    return std::chrono::time_point_cast<TaskTimeDuration>(std::chrono::steady_clock::now());
-}
-
-namespace Impl {
+TaskTimePoint (*taskSteadyTestClock)() = nullptr;
 
 void taskSteadyClockForTestIs(TaskTimePoint (*now)()) {
-    testClock = now;
+    taskSteadyTestClock = now;
 }
 
-}  // namespace Impl
-}  // namespace Velik
+}  // namespace Velik::Impl

@@ -13,10 +13,12 @@ namespace {
 
 std::atomic<bool> counting{false};
 std::atomic<long> allocations{0};
+std::atomic<long> allocatedBytes{0};
 
 void* countedAllocation(std::size_t size) {
     if (counting.load(std::memory_order_relaxed)) {
         allocations.fetch_add(1, std::memory_order_relaxed);
+        allocatedBytes.fetch_add(static_cast<long>(size), std::memory_order_relaxed);
     }
     if (void* p = std::malloc(size ? size : 1)) {
         return p;
@@ -114,6 +116,36 @@ TEST_F(NoAllocationTest, SchedulingPickingRunningAndHistoryAllocateNothing) {
     EXPECT_EQ(allocations.load(), 0);
     EXPECT_GT(executed, 1000);
     EXPECT_EQ(root->history()->size(), root->historyEntryCount());
+}
+
+class Plain : public Velik::Task {
+  public:
+    using Task::Task;
+    void taskExecute() override {}
+};
+
+// A plain task whose name is new (one per connection, say) takes at most 320
+// bytes in all: one block for the object and its counts, one interned name,
+// and its share of the name cache's growth.
+TEST_F(NoAllocationTest, APlainTaskWithANewNameTakesAtMost320Bytes) {
+    constexpr int count = 1000;
+    std::vector<std::shared_ptr<Plain>> tasks;
+    tasks.reserve(count);
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        names.push_back("c" + std::to_string(i));
+    }
+    const std::size_t namesBefore = Velik::ConstStringCache::forThisThread().size();
+    allocations = 0;
+    allocatedBytes = 0;
+    counting = true;
+    for (const std::string& name : names) {
+        tasks.push_back(std::make_shared<Plain>(root.get(), TaskPriority::normal, name));
+    }
+    counting = false;
+    EXPECT_LE(allocatedBytes.load(), 320 * count);
+    EXPECT_LE(allocations.load(), 2 * count + 20);  // block, name, a few rehashes
+    EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);
 }
 
 }  // namespace

@@ -118,7 +118,7 @@ class SchedulerTest : public ::testing::Test {
     std::vector<std::string> historyLines() const {
         std::vector<std::string> lines;
         for (const auto& event : root->history()->events()) {
-            lines.push_back(std::string(event.eventTypeDisplay()) + " " + event.name.str());
+            lines.push_back(std::string(event.eventTypeDisplay()) + " " + event.displayName());
         }
         return lines;
     }

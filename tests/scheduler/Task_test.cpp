@@ -67,6 +67,32 @@ TEST_F(TaskTest, LifeOfATaskInTheHistory) {
     EXPECT_TRUE(quiet->taskScheduled());
 }
 
+// A task that schedules itself again in its run is stamped with the run's
+// end: a scheduler run reads the clock twice, at its start and its end.
+TEST_F(TaskTest, RescheduleInItsOwnRunTakesTheRunsEndStamp) {
+    static int reads = 0;
+    Velik::Impl::taskSteadyClockForTestIs([] {
+        ++reads;
+        return VelikTest::fakeNow();
+    });
+    auto t = task(TaskPriority::normal, "t");
+    t->body = [](ProbeTask& self) {
+        advanceNs(500);
+        self.scheduleTask();
+    };
+    t->scheduleTask();
+    runOnce();
+    reads = 0;
+    runOnce();
+    EXPECT_EQ(reads, 2);
+    EXPECT_EQ(t->taskScheduledTime(), VelikTest::fakeNow());
+    advanceNs(700);
+    runOnce();
+    EXPECT_EQ(t->lastSchedulingLatency(), TaskTimeDuration(700));
+    EXPECT_EQ(historyLines()[0], "run end N t");
+    EXPECT_EQ(historyLines()[1], "schedule N t");
+}
+
 TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     auto t = task(TaskPriority::normal, "q");
     t->taskQuantumIs(std::chrono::seconds(1));  // the largest allowed
