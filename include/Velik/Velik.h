@@ -38,7 +38,9 @@
 #include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerEventType.h>
 #include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include <Velik/TaskStat.h>
 #include <Velik/TaskStatus.h>
 #include <Velik/TaskTime.h>
 #include <Velik/Thread.h>
