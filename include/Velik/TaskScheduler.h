@@ -36,6 +36,8 @@
 namespace Velik {
 
 class TaskSchedulerRoot;
+class TaskSchedulerPrintContext;
+class TaskSchedulerSnapshot;
 
 class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   public:
@@ -175,6 +177,30 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     void handleResetStatsTaskRun();
     // The reset task while a reset is under way, else null.
     TaskImpl* resetStatsTaskForTest() const;
+
+    // --- Snapshots and JSON (see TaskSchedulerSnapshot.h for the shape) ---
+
+    // This scheduler's statistics and, through its task groups, those of the
+    // schedulers nested in it. `includeNoRuns`: list tasks that never ran;
+    // `includeCompleted`: the completed records; `includeHistory`: a copy of
+    // the root's history (on the root's snapshot only).
+    std::shared_ptr<TaskSchedulerSnapshot> snapshot(bool includeNoRuns, bool includeCompleted,
+                                                    bool includeHistory) const;
+    // A print context on `stream`, with the document opened.
+    static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& stream);
+    // The same on a blocking descriptor (see `FdToStream`), closed with the
+    // context if `closeFd`.
+    static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
+    // The whole document for this scheduler's snapshot, synchronously; the
+    // bools as for `snapshot`.
+    void statsRenderJson(std::ostream& stream, bool includeNoRuns, bool includeCompleted,
+                         bool includeHistory) const;
+    std::string statsRenderJsonToString(bool includeNoRuns, bool includeCompleted,
+                                        bool includeHistory) const;
+    // The same to a blocking descriptor, which stays open. Blocks the thread
+    // until the reader has taken everything: for tests and debugging.
+    void statsRenderJsonToBlockingFdForTest(int fd, bool includeNoRuns, bool includeCompleted,
+                                            bool includeHistory) const;
 
   private:
     friend class TaskImpl;

@@ -11,6 +11,7 @@
 #include <Velik/EventPriority.h>
 #include <Velik/Exception.h>
 #include <Velik/FastForward.h>
+#include <Velik/FdToStream.h>
 #include <Velik/FileDescriptorTask.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
@@ -38,8 +39,10 @@
 #include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerEventType.h>
 #include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskSchedulerPrintContext.h>
 #include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include <Velik/TaskSchedulerSnapshot.h>
 #include <Velik/TaskStat.h>
 #include <Velik/TaskStatus.h>
 #include <Velik/TaskTime.h>
