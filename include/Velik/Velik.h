@@ -43,6 +43,7 @@
 #include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/TaskSchedulerSnapshot.h>
+#include <Velik/TaskSchedulerTextReport.h>
 #include <Velik/TaskStat.h>
 #include <Velik/TaskStatus.h>
 #include <Velik/TaskTime.h>
