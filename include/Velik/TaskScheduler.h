@@ -25,6 +25,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -38,6 +39,7 @@ namespace Velik {
 class TaskSchedulerRoot;
 class TaskSchedulerPrintContext;
 class TaskSchedulerSnapshot;
+class SnapshotRenderJsonTask;
 
 class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   public:
@@ -201,6 +203,16 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     // until the reader has taken everything: for tests and debugging.
     void statsRenderJsonToBlockingFdForTest(int fd, bool includeNoRuns, bool includeCompleted,
                                             bool includeHistory) const;
+    // Writes the document of `snapshot` (or of `snapshots`, one member each)
+    // to `fd` in the background, by tasks of this scheduler (see
+    // SnapshotRenderJson.h), then calls `done` if given. Switches `fd` to
+    // non-blocking mode. The returned task need not be kept.
+    std::shared_ptr<SnapshotRenderJsonTask> snapshotRenderJsonAsync(
+        int fd, std::shared_ptr<const TaskSchedulerSnapshot> snapshot,
+        std::function<void()> done = {});
+    std::shared_ptr<SnapshotRenderJsonTask> snapshotRenderJsonAsync(
+        int fd, std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots,
+        std::function<void()> done = {});
 
   private:
     friend class TaskImpl;

@@ -30,6 +30,7 @@
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
+#include <Velik/SnapshotRenderJson.h>
 #include <Velik/Task.h>
 #include <Velik/TaskControl.h>
 #include <Velik/TaskGroup.h>
