@@ -10,7 +10,8 @@
 //   root->snapshotRenderJsonAsync(clientFd, root->snapshot(false, true, true),
 //                                 [clientFd] { close(clientFd); });
 //
-// The descriptor is switched to non-blocking mode. A reader that reads
+// The descriptor (a pipe, a socket, or a regular file) is switched to
+// non-blocking mode. A reader that reads
 // slowly only makes the writer wait for writability; a reader that goes
 // away (EPIPE, EBADF, ECONNRESET) makes it drop the rest quietly and finish, without a
 // SIGPIPE and without touching the application's handling of SIGPIPE. The
@@ -42,14 +43,19 @@ class SnapshotWriteJsonTask : public FileDescriptorTask {
   public:
     static constexpr const char* traceClassName = "SnapshotWriteJsonTask";
 
-    // Watches `fd` for writability only; `completion` is called each time a
-    // string has been written (or dropped, the reader being gone).
+    // Watches `fd` (unless a regular file) for writability only;
+    // `completion` is called each time a string has been written (or
+    // dropped, the reader being gone).
     SnapshotWriteJsonTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                           std::string name, int fd, std::function<void()> completion);
 
-    // Starts writing `str` from its beginning; writability must be turned
-    // on by the caller. The previous string must be complete.
+    // Starts writing `str` from its beginning, once `requestWritable` is
+    // called. The previous string must be complete.
     void writeStrIs(std::string str);
+    // Waits for the descriptor to be writable (a regular file always is:
+    // the write side is simply scheduled).
+    void requestWritable();
+    int fd() const { return fd_; }
     const std::string& writeStr() const { return str_; }
     // The next byte to write; never beyond the string's size.
     std::uint32_t writeOffset() const { return offset_; }
@@ -69,6 +75,8 @@ class SnapshotWriteJsonTask : public FileDescriptorTask {
   private:
     void complete();
 
+    int fd_;
+    bool watched_ = true;
     std::string str_;
     std::uint32_t offset_ = 0;
     std::function<void()> completion_;

@@ -8,6 +8,7 @@
 #include "scheduler/WriteNoSigpipe.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <utility>
@@ -38,9 +39,24 @@ SnapshotWriteJsonTask::SnapshotWriteJsonTask(std::shared_ptr<TaskScheduler> sche
                                              TaskPriority priority, std::string name, int fd,
                                              std::function<void()> completion)
     : FileDescriptorTask(std::move(scheduler), priority, std::move(name)),
+      fd_(fd),
       completion_(std::move(completion)) {
     taskWatchReadableIs(false);
-    taskWatchFdIs(fd);
+    struct stat st;
+    // A regular file is always writable, and event loops refuse to watch
+    // one: it is simply written at every run.
+    watched_ = fstat(fd, &st) != 0 || !S_ISREG(st.st_mode);
+    if (watched_) {
+        taskWatchFdIs(fd);
+    }
+}
+
+void SnapshotWriteJsonTask::requestWritable() {
+    if (watched_) {
+        taskWatchWritableIs(true);
+    } else {
+        scheduleTaskWritable();
+    }
 }
 
 void SnapshotWriteJsonTask::writeStrIs(std::string str) {
@@ -59,7 +75,7 @@ void SnapshotWriteJsonTask::taskExecuteReadable() {
 }
 
 void SnapshotWriteJsonTask::taskExecuteWritable() {
-    const int fd = taskWatchFd();
+    const int fd = fd_;
     for (;;) {
         const std::size_t size = str_.size();
         if (offset_ == size) {
@@ -89,7 +105,7 @@ void SnapshotWriteJsonTask::taskExecuteWritable() {
                         offset_, size, Velik::strerror(error));
             taskWorkPendingIs(static_cast<std::uint32_t>(size - offset_));
             if (error == EAGAIN) {
-                taskWatchWritableIs(true);  // wait for the reader
+                requestWritable();  // wait for the reader
             } else {
                 scheduleTaskWritable();  // retry at once
             }
@@ -109,7 +125,7 @@ void SnapshotWriteJsonTask::taskExecuteWritable() {
 }
 
 void SnapshotWriteJsonTask::complete() {
-    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 3, "Completed writing to fd {}", taskWatchFd());
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 3, "Completed writing to fd {}", fd_);
     assertWriteComplete();
     taskWorkPendingIs(0);
     completion_();
@@ -162,7 +178,7 @@ void SnapshotRenderJsonTask::writeOstrToFileDescriptor() {
     ostr_.str(std::string());
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "Request write to fd {} of {} bytes", fd_, text.size());
     writeTask_->writeStrIs(std::move(text));
-    writeTask_->taskWatchWritableIs(true);
+    writeTask_->requestWritable();
 }
 
 // --- TaskScheduler ---
