@@ -39,7 +39,11 @@ std::size_t utf8SequenceLength(std::string_view s) {
 }
 
 bool isUtf8(std::string_view s) {
-    for (std::size_t i = 0; i < s.size();) {
+    std::size_t ascii = 0;  // the usual name is plain ASCII: one cheap pass
+    while (ascii < s.size() && static_cast<unsigned char>(s[ascii]) < 0x80) {
+        ++ascii;
+    }
+    for (std::size_t i = ascii; i < s.size();) {
         const std::size_t n = utf8SequenceLength(s.substr(i));
         if (n == 0) {
             return false;

@@ -53,8 +53,9 @@ using JsonWriter = rapidjson::Writer<JsonOStreamBuffer>;
 // escapes quotes, backslashes and control characters; bytes that do not form
 // UTF-8 are replaced by U+FFFD so that the document stays valid.
 void jsonString(JsonWriter& writer, std::string_view text);
+// A key of the document's own (plain ASCII, nothing to check).
 inline void jsonKey(JsonWriter& writer, std::string_view key) {
-    jsonString(writer, key);
+    writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
 }
 
 }  // namespace Velik::Impl

@@ -25,19 +25,19 @@ double seconds(TaskTimeDuration d) {
     return static_cast<double>(d.count()) / 1e9;
 }
 
-void member(Impl::JsonWriter& w, const char* key, bool value) {
+inline void member(Impl::JsonWriter& w, std::string_view key, bool value) {
     jsonKey(w, key);
     w.Bool(value);
 }
-void member(Impl::JsonWriter& w, const char* key, std::uint64_t value) {
+inline void member(Impl::JsonWriter& w, std::string_view key, std::uint64_t value) {
     jsonKey(w, key);
     w.Uint64(value);
 }
-void member(Impl::JsonWriter& w, const char* key, double value) {
+inline void member(Impl::JsonWriter& w, std::string_view key, double value) {
     jsonKey(w, key);
     w.Double(value);
 }
-void member(Impl::JsonWriter& w, const char* key, std::string_view value) {
+inline void member(Impl::JsonWriter& w, std::string_view key, std::string_view value) {
     jsonKey(w, key);
     jsonString(w, value);
 }
@@ -62,7 +62,9 @@ void renderTask(Impl::JsonWriter& w, const TaskStat& stat, bool completed) {
     w.StartObject();
     member(w, "name", std::string_view(stat.taskNameRef().str()));
     if (!completed) {
-        member(w, "address", std::string_view(stat.taskKey().toStrep()));
+        char address[24];  // "0x" and 16 digits: no allocation per task
+        const auto end = fmt::format_to_n(address, sizeof address, "{:#x}", stat.taskKey().value());
+        member(w, "address", std::string_view(address, end.size));
     }
     member(w, "priority", std::string_view(toStrep(stat.taskPriority())));
     if (status.taskIsTaskGroup()) {
@@ -164,7 +166,7 @@ void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& conte
 // --- Scheduler snapshots ---
 
 void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const {
-    jsonKey(context.writer(), schedulerName);
+    jsonString(context.writer(), schedulerName);
     renderJsonImpl(context);
 }
 
@@ -185,7 +187,7 @@ void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) c
     jsonKey(w, "subSchedulers");
     w.StartObject();
     for (const auto& [key, sub] : subSchedulers) {
-        jsonKey(w, key);
+        jsonString(w, key);
         sub->renderJsonImpl(context);
     }
     w.EndObject();

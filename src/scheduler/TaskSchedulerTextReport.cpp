@@ -63,14 +63,24 @@ std::string nameColumn(const TaskStat& stat, bool showKeys) {
     return showKeys ? stat.taskName() + stat.taskKey().toStrep() : stat.taskName();
 }
 
-void renderTaskRow(std::ostream& stream, const TaskStat& stat, std::size_t width, bool completed,
-                   bool showKeys) {
+// The row formats, parsed once per table: feeding a format that has been
+// printed starts it over.
+struct RowFormats {
+    explicit RowFormats(bool completed)
+        : row(completed ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
+                        : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s"),
+          decayAvg("%6.1f") {}
+    format row;
+    format decayAvg;
+};
+
+void renderTaskRow(std::ostream& stream, RowFormats& formats, const TaskStat& stat,
+                   std::size_t width, bool completed, bool showKeys) {
     const std::string name = nameColumn(stat, showKeys);
     const std::string padding(width - std::min(width, name.size()), ' ');
     const bool work = stat.taskWorkCountHighWaterMark().hasValue();
     const bool pending = stat.taskWorkPendingHighWaterMark().hasValue();
-    format row(completed ? "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %4u %10s %8s %6s %9s %10s"
-                         : "%s%s %2s %10u %13.3f %6.3f %7.3f %4u %4u %5u %10s %8s %6s %9s %10s");
+    format& row = formats.row;
     row % name % padding % stat.taskStatusString() % stat.taskRunCount() %
         seconds(stat.taskTotalRunTime()) % seconds(stat.taskLastSchedulingLatency()) %
         seconds(stat.taskSchedulingLatencyHighWaterMark()) % stat.taskQuantumViolation200() %
@@ -80,7 +90,7 @@ void renderTaskRow(std::ostream& stream, const TaskStat& stat, std::size_t width
         row % stat.taskCompletedCount();
     }
     row % (work ? std::to_string(stat.taskWorkCountTotal()) : std::string()) %
-        (work ? (format("%6.1f") % stat.taskWorkCountDecayAvg()).str() : std::string()) %
+        (work ? (formats.decayAvg % stat.taskWorkCountDecayAvg()).str() : std::string()) %
         (work ? markText(stat.taskWorkCountHighWaterMark()) : std::string()) %
         (pending ? std::to_string(stat.taskWorkPending()) : std::string()) %
         (pending ? markText(stat.taskWorkPendingHighWaterMark()) : std::string());
@@ -113,8 +123,9 @@ void statsRenderTextTasks(std::ostream& stream, const std::string& title,
                       "Total/DecayA/Max-WorkCount" % "Last/Max-WorkPending";
     }
     stream << "\n";
+    RowFormats formats(completed);
     for (const TaskStat* stat : sorted) {
-        renderTaskRow(stream, *stat, width, completed, showKeys);
+        renderTaskRow(stream, formats, *stat, width, completed, showKeys);
     }
 }
 
