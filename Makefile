@@ -24,7 +24,7 @@ build: configure
 # Builds only the library and the demo, so a newcomer sees it run at once.
 demo: configure
 	cmake --build $(BUILD) -j $(JOBS) --target velik_demo
-	$(BUILD)/examples/velik_demo
+	cd $(BUILD) && ./examples/velik_demo
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)

@@ -26,13 +26,14 @@
 // The program starts the server on an ephemeral loopback port, runs client
 // threads against it for a few seconds (plus some connections that go quiet
 // and are closed by the server), and prints what happened: requests served,
-// client-side latencies, and per task its runs, run times, worst scheduling
-// latency and quantum violations.
+// client-side latencies, and the runtime's text statistics report; it then
+// writes the JSON snapshot to a file through the asynchronous writer.
 //
-//   build/examples/velik_demo [seconds] [client threads] [connections each]
+//   build/examples/velik_demo [seconds] [client threads] [connections each] [json file]
 #include <Velik/Velik.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -127,58 +128,6 @@ class Store {
     std::map<std::string, Entry> entries_;
     std::string resumeAfter_;
     std::uint64_t evicted_ = 0;
-};
-
-// ---------------------------------------------------------------- the figures
-
-// What the runtime measured, summed per task name: tasks still registered
-// are added at the end, tasks that went away (closed connections) as they go.
-class TaskTable {
-  public:
-    void add(const Velik::TaskImpl& task) {
-        Row& row = rows_[task.taskStatsName().str()];
-        row.scheduler = task.scheduler()->schedulerName().str();
-        row.priority = Velik::oneChar(task.taskPriority());
-        row.tasks += 1;
-        row.runs += task.taskRunCount();
-        row.work += task.workCountTotal();
-        row.qv200 += task.qv200();
-        row.qv500 += task.qv500();
-        row.totalMs += static_cast<double>(task.taskTotalRunTime().count()) / 1e6;
-        row.maxUs = std::max(row.maxUs, static_cast<double>(task.taskMaxRunTime().count()) / 1e3);
-        row.worstLatencyUs =
-            std::max(row.worstLatencyUs,
-                     static_cast<double>(task.schedulingLatencyHighWaterMark().count()) / 1e3);
-    }
-    void addRegistered(const Velik::TaskSchedulerRoot& root) {
-        for (const Velik::TaskScheduler* scheduler : root.schedulers()) {
-            for (const Velik::TaskImpl& task : scheduler->tasks()) {
-                add(task);
-            }
-        }
-    }
-    void print() const {
-        std::printf("\n%-22s %-12s %3s %6s %8s %8s %9s %8s %12s %5s %5s\n", "task", "scheduler",
-                    "pri", "tasks", "runs", "work", "total ms", "max us", "worst lat us", "qv200",
-                    "qv500");
-        for (const auto& [name, r] : rows_) {
-            std::printf(
-                "%-22s %-12s %3c %6llu %8llu %8llu %9.1f %8.1f %12.1f %5llu %5llu\n", name.c_str(),
-                r.scheduler.c_str(), r.priority, static_cast<unsigned long long>(r.tasks),
-                static_cast<unsigned long long>(r.runs), static_cast<unsigned long long>(r.work),
-                r.totalMs, r.maxUs, r.worstLatencyUs, static_cast<unsigned long long>(r.qv200),
-                static_cast<unsigned long long>(r.qv500));
-        }
-    }
-
-  private:
-    struct Row {
-        std::string scheduler;
-        char priority = ' ';
-        std::uint64_t tasks = 0, runs = 0, work = 0, qv200 = 0, qv500 = 0;
-        double totalMs = 0, maxUs = 0, worstLatencyUs = 0;
-    };
-    std::map<std::string, Row> rows_;
 };
 
 // ---------------------------------------------------------------- the server
@@ -316,12 +265,8 @@ class Server {
     // Drops the server's reference: a connection closing itself from its own
     // run stays alive until that run ends.
     void closed(int fd, bool idle) {
-        const Connection& connection = *open_.at(fd);
-        finished_.add(*connection.readTask());
-        if (connection.writeTask()) {
-            finished_.add(*connection.writeTask());
-        }
-        finished_.add(connection.idleTimer());
+        // The connection's figures live on in the scheduler's completed
+        // statistics, one line per task name however many connections came.
         open_.erase(fd);
         idleClosed_ += idle;
     }
@@ -332,7 +277,6 @@ class Server {
     std::size_t openCount() const { return open_.size(); }
     std::uint64_t acceptedCount() const { return acceptedCount_; }
     std::uint64_t idleClosed() const { return idleClosed_; }
-    const TaskTable& finished() const { return finished_; }
     const std::shared_ptr<Velik::TaskSchedulerRoot>& root() const { return root_; }
     double startTime() const { return startTime_; }
 
@@ -347,7 +291,6 @@ class Server {
     std::unordered_map<int, std::shared_ptr<Connection>> open_;
     std::uint64_t acceptedCount_ = 0;
     std::uint64_t idleClosed_ = 0;
-    TaskTable finished_;
 };
 
 Connection::Connection(Server& server, std::shared_ptr<Velik::TaskScheduler> group, int fd)
@@ -575,6 +518,7 @@ int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
     const int threads = argc > 2 ? std::atoi(argv[2]) : 4;
     const int perThread = argc > 3 ? std::atoi(argv[3]) : 50;
+    const std::string jsonPath = argc > 4 ? argv[4] : "velik_demo.json";
     constexpr int quiet = 20;
 
     auto root = Velik::schedulerRootVelik();
@@ -638,9 +582,30 @@ int main(int argc, char** argv) {
         static_cast<unsigned long long>(server.acceptedCount()),
         static_cast<unsigned long long>(server.idleClosed()), quietClosed.load(), quiet,
         server.store().size(), static_cast<unsigned long long>(server.store().evicted()));
-    TaskTable table = server.finished();
-    table.addRegistered(*root);
-    table.print();
     server.stop();
+    Velik::Platform::doEventLoop(0.05);
+
+    // The runtime's own report: per priority, then per task, sorted by run
+    // time; closed connections appear among the completed tasks.
+    std::printf("\n");
+    std::fflush(stdout);
+    root->statsRenderTextForDebug(STDOUT_FILENO, false, true, false, false);
+
+    // The same figures as JSON, written by the runtime's own tasks while the
+    // loop runs, as a daemon would answer a request for them on a socket.
+    const int json = ::open(jsonPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (json < 0) {
+        std::perror(jsonPath.c_str());
+        return 1;
+    }
+    bool written = false;
+    root->snapshotRenderJsonAsync(json, root->snapshot(false, true, true), [&] {
+        ::close(json);
+        written = true;
+    });
+    while (!written) {
+        Velik::Platform::doEventLoop(0.01);
+    }
+    std::printf("\nJSON snapshot written to %s\n", jsonPath.c_str());
     return all.errors == 0 ? 0 : 1;
 }

@@ -48,6 +48,7 @@ namespace Velik {
 
 class TaskScheduler;
 class TaskSchedulerRoot;
+class TaskStat;
 
 // Identifies a task in statistics tables: its address.
 class TaskKey {
@@ -251,6 +252,8 @@ class TaskImpl : public _TaskBase {
 
     // Zeroes every counter, clears the marks, then `handleResetStats()`.
     void taskResetStats();
+    // A copy of the counters under the stats name, with `taskStatus()`.
+    TaskStat getStats() const;
 
     TaskKey taskKey() const { return TaskKey(this); }
     TaskTimePoint taskScheduledTime() const { return taskScheduledTime_; }

@@ -19,19 +19,27 @@
 #include <Velik/TaskPriority.h>
 #include <Velik/TaskRunQueue.h>
 #include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskSchedulerQueueStats.h>
+#include <Velik/TaskStat.h>
 #include <Velik/TaskTime.h>
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace Velik {
 
 class TaskSchedulerRoot;
+class TaskSchedulerPrintContext;
+class TaskSchedulerSnapshot;
+class SnapshotRenderJsonTask;
 
 class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
   public:
@@ -46,8 +54,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     TaskScheduler(const TaskScheduler&) = delete;
     TaskScheduler& operator=(const TaskScheduler&) = delete;
 
-    // Whether a sliced statistics reset is under way.
-    virtual bool resetStatsInProgress() const { return false; }
+    // Whether a sliced statistics reset (`resetStats`) is under way.
+    virtual bool resetStatsInProgress() const;
     // Asks to be run soon (once; repeated requests may coalesce).
     virtual void requestSchedulerRun() = 0;
     // Called when the set of tasks with forced test yield turns empty or
@@ -135,6 +143,79 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     // Records a scheduler event in the history.
     void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
 
+    // --- Statistics ---
+
+    // The task that resets statistics a slice at a time (see `resetStats`).
+    class ResetStatsTask;
+    // Finished tasks' records, summed per stats name.
+    using CompletedTaskStats = std::unordered_map<ConstStringRef, TaskStat>;
+
+    // One entry per priority, 0 to 4: runnable, idle (registered but not
+    // runnable), completed tasks and runs.
+    TaskSchedulerQueueStats queueStats() const;
+    // Appends a record per registered task, in list order (unsorted). Unless
+    // `includeNoRuns`, tasks that never ran are left out; returns how many.
+    std::uint32_t getTaskStats(std::vector<TaskStat>* out, bool includeNoRuns) const;
+    // Appends the completed records (unsorted), likewise filtered.
+    void getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRuns) const;
+    const CompletedTaskStats& completedTaskStats() const { return completedTaskStats_; }
+
+    // Adds `stat` into the completed record of `name`, creating it if needed.
+    void completedTaskStatsInc(const ConstStringRef& name, TaskStat stat);
+    // Folds a task being deleted into the completed records, if it is marked
+    // with `includeInCompletedTaskIs(true)`, and moves it from the registered
+    // to the completed count of its priority.
+    void updateCompletedTaskStats(TaskImpl* task);
+
+    // Resets the run counters of the queues, the maximum slip, and forgets
+    // the completed records.
+    void clearStatsCommon();
+    // `clearStatsCommon` and a reset of every task, all at once. Cancels a
+    // sliced reset under way.
+    void clearStats();
+    // The same spread over runs of a `ResetStatsTask` ("<scheduler>;ResetStats"),
+    // each resetting tasks until its quantum is used up, so that a scheduler
+    // with many tasks does not stall. A reset under way starts over.
+    void resetStats();
+    // One slice of the reset: the run of the `ResetStatsTask`.
+    void handleResetStatsTaskRun();
+    // The reset task while a reset is under way, else null.
+    TaskImpl* resetStatsTaskForTest() const;
+
+    // --- Snapshots and JSON (see TaskSchedulerSnapshot.h for the shape) ---
+
+    // This scheduler's statistics and, through its task groups, those of the
+    // schedulers nested in it. `includeNoRuns`: list tasks that never ran;
+    // `includeCompleted`: the completed records; `includeHistory`: a copy of
+    // the root's history (on the root's snapshot only).
+    std::shared_ptr<TaskSchedulerSnapshot> snapshot(bool includeNoRuns, bool includeCompleted,
+                                                    bool includeHistory) const;
+    // A print context on `stream`, with the document opened.
+    static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(std::ostream& stream);
+    // The same on a blocking descriptor (see `FdToStream`), closed with the
+    // context if `closeFd`.
+    static std::unique_ptr<TaskSchedulerPrintContext> PrintContextIs(int fd, bool closeFd);
+    // The whole document for this scheduler's snapshot, synchronously; the
+    // bools as for `snapshot`.
+    void statsRenderJson(std::ostream& stream, bool includeNoRuns, bool includeCompleted,
+                         bool includeHistory) const;
+    std::string statsRenderJsonToString(bool includeNoRuns, bool includeCompleted,
+                                        bool includeHistory) const;
+    // The same to a blocking descriptor, which stays open. Blocks the thread
+    // until the reader has taken everything: for tests and debugging.
+    void statsRenderJsonToBlockingFdForTest(int fd, bool includeNoRuns, bool includeCompleted,
+                                            bool includeHistory) const;
+    // Writes the document of `snapshot` (or of `snapshots`, one member each)
+    // to `fd` in the background, by tasks of this scheduler (see
+    // SnapshotRenderJson.h), then calls `done` if given. Switches `fd` to
+    // non-blocking mode. The returned task need not be kept.
+    std::shared_ptr<SnapshotRenderJsonTask> snapshotRenderJsonAsync(
+        int fd, std::shared_ptr<const TaskSchedulerSnapshot> snapshot,
+        std::function<void()> done = {});
+    std::shared_ptr<SnapshotRenderJsonTask> snapshotRenderJsonAsync(
+        int fd, std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots,
+        std::function<void()> done = {});
+
   private:
     friend class TaskImpl;
 
@@ -157,6 +238,12 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     bool schedulerHasRunnableTasks_ = false;
     std::shared_ptr<_TaskBase> currentlyRunning_;
     std::unordered_set<TaskImpl*> forceYieldTasks_;
+    CompletedTaskStats completedTaskStats_;
+    // Where the sliced reset resumes; linked only between slices.
+    TaskList::Node resetStatsBookmark_{TaskList::Node::bookmark};
+    // Held while a sliced reset is under way (the task holds this scheduler
+    // in turn: the cycle ends when the reset does).
+    std::shared_ptr<ResetStatsTask> resetStatsTask_;
 };
 
 // Prints the scheduler's name.

@@ -131,6 +131,24 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     void historyRenderTextForDebugStdErr() const;
     void historyRenderTextForDebug(int fd) const;
 
+    // --- Text statistics report (see TaskSchedulerTextReport.h) ---
+
+    // The queue statistics of every scheduler of the root, merged.
+    TaskSchedulerQueueStats queueStatsRoot() const;
+    // One report for all schedulers of the root, followed by the history
+    // text when `includeHistory`. `includeNoRuns` lists tasks that never ran
+    // (otherwise they are counted as skipped), `includeCompleted` adds the
+    // completed table, `showKeys` appends task keys to live task names.
+    void statsRenderTextForDebug(std::ostream& stream, bool includeNoRuns, bool includeCompleted,
+                                 bool includeHistory, bool showKeys) const;
+    // The same to a blocking descriptor (see `FdToStream`), left open.
+    void statsRenderTextForDebug(int fd, bool includeNoRuns, bool includeCompleted,
+                                 bool includeHistory, bool showKeys) const;
+    std::string statsRenderTextForDebugToString(bool includeNoRuns, bool includeCompleted,
+                                                bool includeHistory, bool showKeys) const;
+    // Everything but the keys, to standard error.
+    void statsRenderTextForDebugStdErr() const;
+
   private:
     // The checks for a call from a thread other than the root's.
     void sanityCheckOtherThread() const;

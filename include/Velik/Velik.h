@@ -11,6 +11,7 @@
 #include <Velik/EventPriority.h>
 #include <Velik/Exception.h>
 #include <Velik/FastForward.h>
+#include <Velik/FdToStream.h>
 #include <Velik/FileDescriptorTask.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
@@ -29,6 +30,7 @@
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
+#include <Velik/SnapshotRenderJson.h>
 #include <Velik/Task.h>
 #include <Velik/TaskControl.h>
 #include <Velik/TaskGroup.h>
@@ -38,7 +40,12 @@
 #include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerEventType.h>
 #include <Velik/TaskSchedulerHistory.h>
+#include <Velik/TaskSchedulerPrintContext.h>
+#include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include <Velik/TaskSchedulerSnapshot.h>
+#include <Velik/TaskSchedulerTextReport.h>
+#include <Velik/TaskStat.h>
 #include <Velik/TaskStatus.h>
 #include <Velik/TaskTime.h>
 #include <Velik/Thread.h>

@@ -74,14 +74,18 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
                 task->taskDisplayName());
     VELIK_CLASS_ASSERT(!task->taskRunQueueLink_.isLinked(), "Task: {} scheduled on unregister",
                        task->taskDisplayName());
-    // The completed-task statistics fold the task in here once they exist.
     VELIK_CLASS_ASSERT(task->taskRegisteredLink_.isLinked(), "Task: {} not registered",
                        task->taskDisplayName());
+    // Moves a marked task from the registered to the completed count; after
+    // the check above, so a task is never folded in twice.
+    updateCompletedTaskStats(task);
     if (forceYieldTasks_.count(task)) {
         taskForceYieldInTestNotify(task, false);
     }
     TaskList::remove(*task);
-    tasksPerPriorityDec(task->taskPriority());
+    if (!task->includeInCompletedTask()) {
+        tasksPerPriorityDec(task->taskPriority());
+    }
     task->recordHistory(now, TaskSchedulerEventType::del);
 }
 

@@ -1,0 +1,225 @@
+// Asynchronous snapshot output through a pipe the test reads by hand: slow
+// readers, vanished readers, and the blocking descriptor stream.
+#include <Velik/FdToStream.h>
+#include <Velik/PlatformSelection.h>
+#include <Velik/SnapshotRenderJson.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+
+#include "scheduler/ReportFixture.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace {
+
+using Velik::TaskPriority;
+
+struct Pipe {
+    Pipe() {
+        EXPECT_EQ(pipe(fds), 0);
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);  // the test's reads never wait
+        fcntl(fds[1], F_SETPIPE_SZ, 4096);   // a slow reader fills it soon
+    }
+    ~Pipe() {
+        closeEnd(0);
+        closeEnd(1);
+    }
+    // A socket pair with small buffers instead.
+    void useSocket() {
+        closeEnd(0);
+        closeEnd(1);
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        const int small = 4096;
+        setsockopt(fds[1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        setsockopt(fds[0], SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    }
+    void closeEnd(int i) {
+        if (fds[i] >= 0) {
+            close(fds[i]);
+            fds[i] = -1;
+        }
+    }
+    // Up to `most` bytes of what is waiting.
+    std::string read(std::size_t most) {
+        std::string got(most, '\0');
+        const ssize_t n = ::read(fds[0], got.data(), most);
+        got.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        return got;
+    }
+    int fds[2] = {-1, -1};
+};
+
+class AsyncJsonTest : public VelikTest::ReportTest {
+  protected:
+    void SetUp() override {
+        ReportTest::SetUp();
+        for (int i = 0; i < 200; ++i) {  // some 70 kB of JSON
+            bulk.push_back(task(TaskPriority::low, "bulk" + std::to_string(i)));
+        }
+    }
+    void TearDown() override {
+        bulk.clear();
+        ReportTest::TearDown();
+    }
+
+    // What a synchronous render of the same snapshots writes.
+    static std::string documentOf(
+        const std::vector<std::shared_ptr<const Velik::TaskSchedulerSnapshot>>& snaps) {
+        std::ostringstream out;
+        auto context = Velik::TaskScheduler::PrintContextIs(out);
+        for (const auto& s : snaps) {
+            s->renderJson(*context);
+        }
+        context.reset();
+        return out.str();
+    }
+
+    // Runs the scheduler; whenever the writer waits for writability, reads
+    // `chunk` bytes (none once `readerGone`) and reports the pipe writable.
+    std::string pump(Velik::SnapshotRenderJsonTask& render, std::size_t chunk) {
+        std::string out;
+        for (int round = 0; round < 100000 && !render.done(); ++round) {
+            runUntilIdle();
+            auto& writer = *render.writeTask();
+            if (!render.done() && writer.taskWatchWritable()) {
+                out += pipe.fds[0] >= 0 ? pipe.read(chunk) : "";
+                writer.writeFdEvent(writer.taskWatchFd());
+            }
+        }
+        EXPECT_TRUE(render.done());
+        return pipe.fds[0] >= 0 ? out + pipe.read(1 << 20) : out;
+    }
+
+    Pipe pipe;
+    std::vector<std::shared_ptr<VelikTest::ProbeTask>> bulk;
+    int doneCalls = 0;
+};
+
+TEST_F(AsyncJsonTest, SlowReaderGetsTheWholeDocumentInOrder) {
+    std::vector<std::shared_ptr<const Velik::TaskSchedulerSnapshot>> snaps{
+        root->snapshot(true, true, true), pool->snapshot(true, true, false)};
+    root->taskTestYieldRatioIs(3);  // the writer also yields now and then
+    auto render = root->snapshotRenderJsonAsync(pipe.fds[1], snaps, [&] { ++doneCalls; });
+    EXPECT_EQ(render->taskName().str(),
+              "TaskSchedulerRenderJson-fd:" + std::to_string(pipe.fds[1]));
+    EXPECT_EQ(render->writeTask()->taskName().str(), render->taskName().str() + ":FdWrite");
+    EXPECT_FALSE(render->writeTask()->taskWatchReadable());
+    EXPECT_NE(fcntl(pipe.fds[1], F_GETFL) & O_NONBLOCK, 0);
+
+    EXPECT_EQ(pump(*render, 1000), documentOf(snaps));
+    EXPECT_EQ(doneCalls, 1);
+    auto& writer = *render->writeTask();
+    EXPECT_GT(writer.taskWorkPendingWritableHighWaterMark().value(), 4096u);  // it waited
+    EXPECT_EQ(writer.taskWorkCountWritableTotal(), documentOf(snaps).size());
+    EXPECT_EQ(writer.taskWatchFd(), -1);  // watching stopped at the end
+    writer.writeStrIs("unwritten");
+    EXPECT_ASSERT_TEXT(render->taskRunFromTest(), "Executing before previous write completed.");
+}
+
+TEST_F(AsyncJsonTest, VanishedReaderEndsTheWriteQuietlyWithoutSigpipe) {
+    const auto before = signal(SIGPIPE, SIG_DFL);  // a SIGPIPE would kill the test
+    for (bool socket : {false, true}) {
+        if (socket) {
+            pipe.useSocket();
+        }
+        auto render = root->snapshotRenderJsonAsync(pipe.fds[1], root->snapshot(true, true, true),
+                                                    [&] { ++doneCalls; });
+        runUntilIdle();
+        render->writeTask()->writeFdEvent(pipe.fds[1]);
+        runUntilIdle();  // the buffer is full now
+        EXPECT_TRUE(render->writeTask()->taskWatchWritable()) << socket;
+        EXPECT_EQ(pipe.read(15), R"({"schedulers":{)");
+        pipe.closeEnd(0);
+        pump(*render, 0);
+    }
+    EXPECT_EQ(doneCalls, 2);                      // the completion still runs
+    EXPECT_EQ(signal(SIGPIPE, before), SIG_DFL);  // the disposition was left alone
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+}
+
+TEST_F(AsyncJsonTest, WriteTaskEdgeCases) {
+    int completions = 0;
+    auto writer = std::make_shared<Velik::SnapshotWriteJsonTask>(
+        root, TaskPriority::low, "w", pipe.fds[1], [&] { ++completions; });
+    writer->writeStrIs("");
+    writer->taskWatchWritableIs(true);
+    writer->writeFdEvent(pipe.fds[1]);
+    runUntilIdle();
+    EXPECT_EQ(completions, 1);  // an empty string completes at once
+
+    writer->writeStrIs(std::string(10000, 'x'));
+    EXPECT_ASSERT_TEXT(writer->writeStrIs("y"),
+                       "Previous write not complete, at offset 0 of 10000");
+    EXPECT_ASSERT_TEXT(writer->taskExecuteReadable(), "We never register for readable events");
+    writer->scheduleTaskWritable();
+    runUntilIdle();  // 4096 bytes fit, then EAGAIN: waits for writability
+    EXPECT_EQ(writer->writeOffset(), 4096u);
+    EXPECT_TRUE(writer->taskWatchWritable());
+    EXPECT_EQ(writer->taskWorkPendingWritable(), 10000u - 4096u);
+
+    pipe.closeEnd(0);
+    pipe.closeEnd(1);  // EBADF: dropped as a vanished reader is
+    writer->scheduleTaskWritable();
+    runUntilIdle();
+    EXPECT_EQ(completions, 2);
+    EXPECT_TRUE(writer->writeComplete());
+}
+
+TEST_F(AsyncJsonTest, BlockingStreamsRefuseNonBlockingDescriptors) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    root->statsRenderJsonToBlockingFdForTest(fds[1], false, false, false);
+    root->statsRenderTextForDebug(fds[1], false, false, false, false);
+    close(fds[1]);
+    std::string got(1 << 16, '\0');
+    got.resize(static_cast<std::size_t>(read(fds[0], got.data(), got.size())));
+    close(fds[0]);
+    EXPECT_EQ(got, root->statsRenderJsonToString(false, false, false) +
+                       root->statsRenderTextForDebugToString(false, false, false, false));
+
+    EXPECT_ASSERT_TEXT(Velik::FdToStream(pipe.fds[0], false),
+                       fmt::format("FileDescriptor {} flags 0x{:x} is non-blocking, not supported",
+                                   pipe.fds[0], fcntl(pipe.fds[0], F_GETFL)));
+
+    ASSERT_EQ(::pipe(fds), 0);  // a blocking write to a closed pipe only fails the stream
+    close(fds[0]);
+    Velik::FdToStream out(fds[1], true);
+    out << std::string(100000, 'x') << std::flush;
+    EXPECT_TRUE(out.bad());
+}
+
+// A standard tool reads what the writer sends through a real pipe, with the
+// platform's own loop delivering writability.
+TEST(SnapshotJq, JqReadsTheSnapshot) {
+    if (std::system("command -v jq >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "jq is not installed";
+    }
+    auto root = Velik::schedulerRootVelik();
+    auto group = Velik::TaskGroupIs("jqGroup", TaskPriority::normal, false, root);
+    auto job = std::make_shared<VelikTest::ProbeTask>(group.get(), TaskPriority::normal, "job\"1");
+    job->body = [](VelikTest::ProbeTask& self) { self.taskWorkCountInc(3); };
+    job->scheduleTask();
+    Velik::Platform::doEventLoop(0.01);
+
+    // jq's exit status says whether the condition held.
+    const std::string check =
+        R"(.schedulers.main.subSchedulers[] | .tasks.tasks[0] | .name == "job\"1" and .workCount.total == 3)";
+    FILE* jq = popen(fmt::format("jq -e '{}' >/dev/null", check).c_str(), "w");
+    ASSERT_NE(jq, nullptr);
+    bool written = false;
+    root->snapshotRenderJsonAsync(fileno(jq), root->snapshot(false, true, true),
+                                  [&] { written = true; });
+    for (int i = 0; i < 500 && !written; ++i) {
+        Velik::Platform::doEventLoop(0.01);
+    }
+    EXPECT_TRUE(written);
+    EXPECT_EQ(pclose(jq), 0);
+}
+
+}  // namespace
