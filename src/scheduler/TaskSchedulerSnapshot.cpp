@@ -155,7 +155,7 @@ void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& conte
         w.Int64(event.time.time_since_epoch().count());
         member(w, "eventType", std::string_view(event.eventTypeDisplay()));
         if (!event.name.str().empty()) {
-            member(w, "eventId", std::string_view(event.name.str()));
+            member(w, "eventId", std::string_view(event.displayName()));
         }
         w.EndObject();
     }

@@ -43,7 +43,7 @@ Maximum scheduler slip 0.001000 seconds
         R"(TaskName       SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs Total/DecayA/Max-WorkCount Last/Max-WorkPending
 timer          Tl          1         0.045  0.000   0.000    1    0    45                                                
 worker          n          2         0.006  0.001   0.001    0    0     3         10      5.0      5         2          2
-TaskGroup;pool  n          1         0.004  0.002   0.002    0    0     3          3      3.0      3         0          0
+TaskGroup;pool  n          1         0.004  0.000   0.000    0    0     3          3      3.0      3         0          0
 a               n          1         0.002  0.000   0.000    0    0     2                                                
 b               n          1         0.002  0.002   0.002    0    0     1                                                
 conn:read       n          1         0.001  0.000   0.000    0    0     0         10     10.0     10                     
