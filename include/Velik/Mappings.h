@@ -65,6 +65,7 @@ class MappingInfos {
     // segments), or a default record.
     MappingInfo find(const std::string& path, unsigned int offset) const;
 
+    bool operator==(const MappingInfos&) const = default;
     bool empty() const { return infos_.empty(); }
     size_t size() const { return infos_.size(); }
     const MappingInfo& operator[](size_t index) const { return infos_[index]; }
