@@ -8,7 +8,8 @@
 //
 // The hashes are the word-at-a-time FNV-1a of `Impl::HashMix`: they differ
 // from published FNV-1a values and are stable across processes and releases.
-// All functions are pure and may be called from any thread.
+// All functions are pure and may be called from any thread, except `mkpath`,
+// which changes the process umask while it runs.
 #pragma once
 
 #include <cstddef>
@@ -40,5 +41,16 @@ std::string base64Encode(uint32_t value);
 // p, where p is `path` without its trailing slashes. For "/var/run/sock/",
 // "Reader", false: "Reader-" + base64Encode(hash("/var/run/sock")) + "-sock".
 std::string traceHandleName(std::string path, const std::string& name, bool temporary);
+
+// Creates the directory `path` and any missing ancestors, each with exactly
+// `mode` (the umask is set to 0 for the duration of the call and restored on
+// every way out). Returns 0 on success, including when `path` already exists
+// (an existing directory keeps its mode). Otherwise returns -1 with `errno` as
+// the failing `mkdir` left it: ENOTDIR for a path under a regular file,
+// ENOENT for an empty path. A trailing "/" is accepted.
+//
+// The umask is process-wide: files created by other threads while this runs
+// get their modes unmasked.
+int mkpath(const std::string& path, unsigned int mode);
 
 }  // namespace Velik::Util

@@ -7,12 +7,14 @@
 #include <Velik/ConstStringCache.h>
 #include <Velik/Counters.h>
 #include <Velik/Debug.h>
+#include <Velik/DirNode.h>
 #include <Velik/Errno.h>
 #include <Velik/EventPriority.h>
 #include <Velik/Exception.h>
 #include <Velik/FastForward.h>
 #include <Velik/FdToStream.h>
 #include <Velik/FileDescriptorTask.h>
+#include <Velik/FileLock.h>
 #include <Velik/FmtUtil.h>
 #include <Velik/Fmtrace.h>
 #include <Velik/ForkHandler.h>
@@ -26,6 +28,7 @@
 #include <Velik/LibeventFactory.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
+#include <Velik/Mappings.h>
 #include <Velik/Platform.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>

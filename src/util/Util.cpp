@@ -1,6 +1,13 @@
 #include "Velik/Util.h"
 
+#include "Velik/Debug.h"
+#include "Velik/Fmtrace.h"
 #include "Velik/HashMix.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <memory>
 
 namespace Velik::Util {
 
@@ -15,7 +22,55 @@ static_assert(sizeof(nameCodeAlphabet) == 64 + 1);
 
 constexpr size_t nameCodeLength = 6;
 
+Platform::DebugHandler* utilTrace() {
+    static const std::shared_ptr<Platform::DebugHandler> handle =
+        Platform::getDebugHandler("VelikUtil");
+    return handle.get();
+}
+
+// Sets the umask to 0 so modes apply exactly, and puts the old one back
+// however the scope is left.
+class ZeroUmask {
+  public:
+    ZeroUmask() : previous_(::umask(0)) {}
+    ~ZeroUmask() { ::umask(previous_); }
+    ZeroUmask(const ZeroUmask&) = delete;
+    ZeroUmask& operator=(const ZeroUmask&) = delete;
+
+  private:
+    mode_t previous_;
+};
+
+// mkpath without the umask handling, which the outermost call does once.
+int makePath(const std::string& path, unsigned int mode) {
+    VELIK_FTRACE(utilTrace(), 9, "creating path: {} mode: {:o}", path, mode);
+    if (::mkdir(path.c_str(), mode) == 0 || errno == EEXIST) {
+        return 0;
+    }
+    if (errno != ENOENT) {
+        return -1;
+    }
+    const size_t lastSlash = path.rfind('/');
+    if (lastSlash == std::string::npos) {
+        // No parent to make: recursing would only retry this same path.
+        return -1;
+    }
+    if (makePath(path.substr(0, lastSlash), mode) != 0) {
+        return -1;
+    }
+    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST) {
+        return -1;
+    }
+    ::chmod(path.c_str(), mode);
+    return 0;
+}
+
 }  // namespace
+
+int mkpath(const std::string& path, unsigned int mode) {
+    ZeroUmask zeroUmask;
+    return makePath(path, mode);
+}
 
 uint32_t hash(const void* data, size_t length) noexcept {
     return Hash32(Hash32::offsetBasis).mixInline(data, length).value();

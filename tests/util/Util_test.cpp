@@ -1,8 +1,17 @@
 #include "Velik/Util.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <filesystem>
+
+#include <cerrno>
+#include <fstream>
 #include <string>
+#include <tuple>
+#include <vector>
+
+#include "util/Scratch.h"
 
 namespace {
 
@@ -44,6 +53,38 @@ TEST(UtilTest, TraceHandleNameHashesThePathWithoutTrailingSlashes) {
     // Nothing remains of these: the hash of no bytes and no base name.
     EXPECT_EQ(traceHandleName("///", "W", false), "W-F3JHBC-");
     EXPECT_EQ(traceHandleName("", "W", true), "WTemp-F3JHBC-");
+}
+
+unsigned modeOf(const std::string& path) {
+    return unsigned(std::filesystem::status(path).permissions());
+}
+
+// Under a restrictive umask, which mkpath must neither apply nor leave
+// changed, whichever way it returns.
+TEST(MkpathTest, CreatesParentsWithTheExactModeAndReportsTheFailingMkdir) {
+    VelikTest::Scratch dir;
+    ASSERT_EQ(mkdir((dir / "old").c_str(), 0700), 0);
+    std::ofstream(dir / "file") << "x";
+    const mode_t callerUmask = umask(077);
+    const std::tuple<std::string, int, std::vector<std::string>> cases[] = {
+        {"old", 0, {}},  // exists: keeps its mode
+        {"a/b/c", 0, {"a", "a/b", "a/b/c"}},
+        {"t/u/", 0, {"t", "t/u"}},  // the last mkdir finds "t/u/" made
+        {"file/x/y", ENOTDIR, {}},
+    };
+    for (const auto& [path, error, made] : cases) {
+        errno = 0;
+        EXPECT_EQ(Velik::Util::mkpath(dir / path, 0775), error ? -1 : 0) << path;
+        EXPECT_EQ(error ? errno : 0, error) << path;
+        for (const std::string& name : made) {
+            EXPECT_EQ(modeOf(dir / name), 0775u) << name;
+        }
+        EXPECT_EQ(umask(077), 077u) << path;
+    }
+    EXPECT_EQ(modeOf(dir / "old"), 0700u);
+    EXPECT_EQ(Velik::Util::mkpath("", 0775), -1);  // no "/" left to recurse on
+    EXPECT_EQ(errno, ENOENT);
+    umask(callerUmask);
 }
 
 }  // namespace
