@@ -60,7 +60,7 @@ std::optional<std::string> readPath(const std::string& text, size_t position) {
         position + size_t(used) != text.size()) {
         return std::nullopt;
     }
-    word.resize(size_t(used));
+    word.resize(word.find('\0'));  // `used` also counts any tabs before the word
     return word;
 }
 
