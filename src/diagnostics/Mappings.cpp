@@ -131,7 +131,7 @@ MappingInfos PidMappings::populate(int pid) {
         }
         infos.insert(*info);
     }
-    // A process that ends while its map is read can fail the read part way.
+    // A process that ends while its map is read can fail the read midway.
     if (const int error = errno; std::ferror(file.get())) {
         RuntimeException::throwException(
             fmt::format("failed to read {} errno: {}", fileName, strerror(error)));
