@@ -60,7 +60,7 @@ std::optional<std::string> readPath(const std::string& text, size_t position) {
         position + size_t(used) != text.size()) {
         return std::nullopt;
     }
-    word.resize(size_t(used));
+    word.resize(word.find('\0'));  // `used` also counts any tabs before the word
     return word;
 }
 
@@ -131,7 +131,7 @@ MappingInfos PidMappings::populate(int pid) {
         }
         infos.insert(*info);
     }
-    // A process that ends while its map is read can fail the read part way.
+    // A process that ends while its map is read can fail the read midway.
     if (const int error = errno; std::ferror(file.get())) {
         RuntimeException::throwException(
             fmt::format("failed to read {} errno: {}", fileName, strerror(error)));

@@ -23,6 +23,7 @@ TEST(MappingsTest, ParsesOneWholeRecordPerLine) {
               "major:0x8 minor:0x1 inode:0x1234 path:/usr/lib/libfoo.so }");
     EXPECT_EQ(Velik::parseMappingLine("1000-2000 rw-p 0 00:00 0   \n"),
               (MappingInfo{0x1000, 0x2000, "rw-p", 0, 0, 0, 0, ""}));
+    EXPECT_EQ(Velik::parseMappingLine("1-2 r 0 0:0 0 \t/x")->path, "/x");
     // Each would have cut the list short or misread it.
     const std::string_view notOneRecord[] = {"",
                                              "1-2 r 0 0:0",
