@@ -10,6 +10,7 @@
 #include <Velik/Task.h>
 #include <Velik/TaskSchedulerHistory.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include "HandDrivenRoot.h"
 
 #include "Kiv/Ticks.h"
 
@@ -95,18 +96,7 @@ namespace {
 
 using Velik::TaskPriority;
 
-class NullCallbackControl : public Velik::Platform::CallbackControl {
-  public:
-    void requestCallback() override {}
-    void cancelCallback() override {}
-    bool pendingCallback() const override { return false; }
-};
-
-std::shared_ptr<Velik::TaskSchedulerRoot> makeRoot() {
-    return std::make_shared<Velik::TaskSchedulerRoot>(
-        "bench",
-        [](Velik::Platform::CallbackHandler*) { return std::make_shared<NullCallbackControl>(); });
-}
+using VelikBench::makeRoot;
 
 // Reschedules itself until its quantum is used up.
 class Busy : public Velik::Task {

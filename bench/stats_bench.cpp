@@ -9,6 +9,7 @@
 #include <Velik/TaskSchedulerSnapshot.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include "HandDrivenRoot.h"
 
 #include <benchmark/benchmark.h>
 
@@ -30,18 +31,7 @@ double msSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-class NullCallbackControl : public Velik::Platform::CallbackControl {
-  public:
-    void requestCallback() override {}
-    void cancelCallback() override {}
-    bool pendingCallback() const override { return false; }
-};
-
-std::shared_ptr<Velik::TaskSchedulerRoot> makeRoot() {
-    return std::make_shared<Velik::TaskSchedulerRoot>(
-        "bench",
-        [](Velik::Platform::CallbackHandler*) { return std::make_shared<NullCallbackControl>(); });
-}
+using VelikBench::makeRoot;
 
 class Worker : public Velik::Task {
   public:
