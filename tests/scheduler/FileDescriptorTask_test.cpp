@@ -84,7 +84,6 @@ TEST_F(FdTaskTest, WriteSideIsMadeOnDemandWithTheReadSidesSettings) {
         return std::make_shared<VelikTest::CountingCallbackControl>();
     });
     EXPECT_THROW(ProbeFd(&unshared, "x", &log), std::bad_weak_ptr);
-
 }
 
 TEST_F(FdTaskTest, NotificationsQueueTheSidesAndWritabilityIsOneShot) {
