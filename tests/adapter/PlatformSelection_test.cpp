@@ -35,23 +35,6 @@ Kiv::ActivityManagerConfig* config() {
     return Kiv::activityManager()->config();
 }
 
-// What the contract tests cannot see of the framework controls: their
-// descriptor object's name and their clock. The framework clock has no
-// priorities: a strict-high request is a clock timer all the same.
-TEST(PlatformSelection, FrameworkControlsWithoutThreadLocalSingletons) {
-    NullHandler handler;
-    ASSERT_FALSE(hasThreadLocalSingletons());
-    auto fd = std::dynamic_pointer_cast<KivVelik::FileDescriptor>(Platform::getFdControl(&handler));
-    ASSERT_TRUE(fd);
-    EXPECT_EQ(fd->descriptor()->name(), "PlatformFd");
-    auto timer = std::dynamic_pointer_cast<KivVelik::ClockTimer>(
-        Platform::getTimerControl(&handler, Platform::eventPriorityStrictHigh));
-    ASSERT_TRUE(timer);
-    EXPECT_EQ(timer->clock(), config()->clock());
-    EXPECT_TRUE(
-        std::dynamic_pointer_cast<KivVelik::Callback>(Platform::getCallbackControl(&handler)));
-}
-
 // A timed framework loop sets the execution time, which then also limits
 // later untimed runs until it is changed.
 TEST(FrameworkLoop, TimedLoopSetsTheExecutionTime) {

@@ -5,6 +5,7 @@
 #include "foundation/ChildProcess.h"
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
+#include "platform/Pipe.h"
 
 #include <Velik/ForkHandler.h>
 #include <Velik/LibeventFactory.h>
@@ -66,19 +67,18 @@ TEST(LibeventBase, OneLazyBasePerThread) {
 // control wants reads without being asked.
 TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
     onLoopThread([] {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
+        VelikTest::Pipe pipe;
         struct Reader : Platform::FdEventHandler {
             int reads = 0;
             void readFdEvent(int) override { ++reads; }
             void writeFdEvent(int) override {}
         } handler;
         auto control = getLeFdControl(&handler);
-        control->setFd(fds[0]);
+        control->setFd(pipe.fds[0]);
         event_base* base = leEventBase();
         VelikTest::ChildResult child = VelikTest::runInChild([&] {
             leForkReinit();
-            ASSERT_EQ(write(fds[1], "x", 1), 1);
+            pipe.put();
             loopPass();
             _exit(Platform::isForkedChild() && leEventBase() == base && handler.reads == 1 ? 0 : 1);
         });
@@ -87,8 +87,6 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
         loopPass();  // the child's byte is in the shared pipe
         EXPECT_EQ(handler.reads, 1);
         control.reset();
-        close(fds[0]);
-        close(fds[1]);
     });
 }
 

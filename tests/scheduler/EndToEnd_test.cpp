@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "platform/Families.h"
+#include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
@@ -58,12 +59,11 @@ TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
         };
 
         auto timer = Velik::Platform::getTimerControl(&handler);
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
+        VelikTest::Pipe pipe;
         handler.control = Velik::Platform::getFdControl(&handler);
-        handler.control->setFd(fds[0]);
+        handler.control->setFd(pipe.fds[0]);
         handler.control->setReads(true);
-        ASSERT_EQ(write(fds[1], "x", 1), 1);
+        pipe.put();
 
         task->scheduleTask();
         timer->setTimeout(0.0);
@@ -73,8 +73,6 @@ TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
         EXPECT_EQ(std::count(log.begin(), log.end(), "timer"), 1);
         EXPECT_EQ(std::count(log.begin(), log.end(), "fd"), 1);
         handler.control->delFd();
-        close(fds[0]);
-        close(fds[1]);
     });
 }
 

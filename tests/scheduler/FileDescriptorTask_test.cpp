@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
@@ -33,17 +34,11 @@ class ProbeFd : public Velik::FileDescriptorTask {
     Lines* log_;
 };
 
-struct SocketPair {
-    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
-    ~SocketPair() {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    int fds[2];
-};
-
-class FdTaskTest : public VelikTest::SchedulerTest, public SocketPair {
+class FdTaskTest : public VelikTest::SchedulerTest {
   protected:
+    VelikTest::Pipe sockets{true};
+    int* fds = sockets.fds;
+
     std::shared_ptr<ProbeFd> make(const std::string& name = "fd") {
         return std::make_shared<ProbeFd>(root, name, &log);
     }

@@ -4,7 +4,6 @@
 #include <Velik/SnapshotRenderJson.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 
 #include "scheduler/ReportFixture.h"
 
@@ -14,15 +13,11 @@ namespace {
 
 using Velik::TaskPriority;
 
-struct Pipe {
+// The test's reads never wait, and a slow reader fills the buffer soon.
+struct Pipe : VelikTest::Pipe {
     Pipe() {
-        EXPECT_EQ(pipe(fds), 0);
-        fcntl(fds[0], F_SETFL, O_NONBLOCK);  // the test's reads never wait
-        fcntl(fds[1], F_SETPIPE_SZ, 4096);   // a slow reader fills it soon
-    }
-    ~Pipe() {
-        closeEnd(0);
-        closeEnd(1);
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        fcntl(fds[1], F_SETPIPE_SZ, 4096);
     }
     // A socket pair with small buffers instead.
     void useSocket() {
@@ -34,12 +29,6 @@ struct Pipe {
         setsockopt(fds[0], SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
         fcntl(fds[0], F_SETFL, O_NONBLOCK);
     }
-    void closeEnd(int i) {
-        if (fds[i] >= 0) {
-            close(fds[i]);
-            fds[i] = -1;
-        }
-    }
     // Up to `most` bytes of what is waiting.
     std::string read(std::size_t most) {
         std::string got(most, '\0');
@@ -47,7 +36,6 @@ struct Pipe {
         got.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
         return got;
     }
-    int fds[2] = {-1, -1};
 };
 
 class AsyncJsonTest : public VelikTest::ReportTest {
