@@ -1,12 +1,9 @@
-// Which family the platform factories return, how the framework loop is
-// limited, and the framework's virtual-time switch.
+// How the framework loop is limited, and the framework's virtual-time switch.
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
 
 #include <Velik/FastForward.h>
-#include <Velik/KivPlatform.h>
 #include <Velik/PlatformSelection.h>
-#include <Velik/Thread.h>
 #include <Velik/Time.h>
 
 #include <Kiv/ActivityManager.h>
@@ -23,12 +20,9 @@ using testing::MatchesRegex;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-struct NullHandler : Platform::TimeoutHandler, Platform::CallbackHandler, Platform::FdEventHandler {
+struct NullHandler : Platform::TimeoutHandler {
     int timeouts = 0;
     void timeout() override { ++timeouts; }
-    void callback() override {}
-    void readFdEvent(int) override {}
-    void writeFdEvent(int) override {}
 };
 
 Kiv::ActivityManagerConfig* config() {
