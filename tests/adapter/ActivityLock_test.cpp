@@ -13,17 +13,22 @@ using Velik::Platform::loco;
 using Velik::Platform::LocoGuard;
 
 // Taking the lock again on the thread that holds it is answered, not thrown,
-// and releases nothing: only the outermost holder lets go.
+// and releases nothing: only the outermost holder lets go. Another thread's
+// unlock is refused without effect.
 TEST(ActivityLockTest, ReLockByHolderIsToleratedAndReleasesNothing) {
     Kiv::ActivityLock raw;
     KivVelik::ActivityLock lock(raw);
     EXPECT_EQ(lock.lock(), 0);
     EXPECT_EQ(lock.lock(), EDEADLK);
+    int foreign = -1;
+    std::thread([&] { foreign = raw.unlock(); }).join();
+    EXPECT_EQ(foreign, EPERM);
     EXPECT_TRUE(lock.owns_lock());
     lock.unlock();
     EXPECT_FALSE(lock.owns_lock());
     EXPECT_EQ(raw.lock(), 0) << "the framework lock is free again";
-    raw.unlock();
+    EXPECT_EQ(raw.unlock(), 0);
+    EXPECT_EQ(raw.unlock(), EPERM);
 
     {
         LocoGuard outer;

@@ -7,8 +7,9 @@
 
 #include <Kiv/ActivityManager.h>
 
+#include "platform/Pipe.h"
+
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <limits>
 #include <stdexcept>
@@ -18,16 +19,9 @@ namespace {
 
 using namespace Velik;
 
-struct Pipe {
-    int fds[2];
-    Pipe() {
-        EXPECT_EQ(pipe(fds), 0);
-        EXPECT_EQ(write(fds[1], "x", 1), 1);
-    }
-    ~Pipe() {
-        close(fds[0]);
-        close(fds[1]);
-    }
+// A pipe with a byte waiting.
+struct Pipe : VelikTest::Pipe {
+    Pipe() { put(); }
 };
 
 // Throws from every notification; every hook swallows.

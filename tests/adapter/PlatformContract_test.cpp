@@ -4,8 +4,8 @@
 // (on a thread with thread-local singletons, under libevent fast-forward).
 // Every control comes from the platform factories.
 #include "platform/Families.h"
+#include "platform/Pipe.h"
 
-#include <Velik/FastForward.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
@@ -14,7 +14,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <functional>
 #include <limits>
@@ -26,6 +25,7 @@ namespace {
 
 using namespace Velik;
 using Platform::doEventLoop;
+using VelikTest::Pipe;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
@@ -52,18 +52,6 @@ using PlatformContract = VelikTest::FamilyTest;
 INSTANTIATE_TEST_SUITE_P(Families, PlatformContract,
                          testing::Values(VelikTest::Family::framework, VelikTest::Family::libevent),
                          VelikTest::familyName);
-
-struct Pipe {
-    int fds[2];
-    Pipe() { EXPECT_EQ(pipe(fds), 0); }
-    ~Pipe() {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    int readEnd() const { return fds[0]; }
-    int writeEnd() const { return fds[1]; }
-    void put() { EXPECT_EQ(write(fds[1], "x", 1), 1); }
-};
 
 // Logs every notification ("r<fd>", "w<fd>", "t", "c"); reads, expiries and
 // callbacks run `inside` and then throw when `throws` is set, and every
@@ -112,23 +100,23 @@ TEST_P(PlatformContract, ReadsArePersistentWritesOneShot) {
         auto control = Platform::getFdControl(&handler);
         EXPECT_EQ(control->getFd(), -1);
         control->setReads(true);
-        control->setFd(p.readEnd());
+        control->setFd(p.fds[0]);
         p.put();
         pass();
         pass();
         pass();
-        std::string r = "r" + std::to_string(p.readEnd());
+        std::string r = "r" + std::to_string(p.fds[0]);
         EXPECT_EQ(handler.log, (Log{r, r, r}));
 
         // Binding the always-writable end replaces the read end; one
         // delivery per request.
         handler.log.clear();
         control->setReads(false);
-        control->setFd(p.writeEnd());
+        control->setFd(p.fds[1]);
         control->setWrites(true);
         pass();
         pass();
-        std::string w = "w" + std::to_string(p.writeEnd());
+        std::string w = "w" + std::to_string(p.fds[1]);
         EXPECT_EQ(handler.log, (Log{w}));
         control->setWrites(true);
         pass();
@@ -152,15 +140,15 @@ TEST_P(PlatformContract, BindingClearingDeletingAndDestroying) {
         control->setWrites(true);
         pass();
         EXPECT_TRUE(handler.log.empty());
-        ASSERT_FALSE(fcntl(p.readEnd(), F_GETFL) & O_NONBLOCK);
-        control->setFd(p.readEnd());
-        EXPECT_TRUE(fcntl(p.readEnd(), F_GETFL) & O_NONBLOCK);
+        ASSERT_FALSE(fcntl(p.fds[0], F_GETFL) & O_NONBLOCK);
+        control->setFd(p.fds[0]);
+        EXPECT_TRUE(fcntl(p.fds[0], F_GETFL) & O_NONBLOCK);
         pass();
         // A pipe's read end is never writable: reads only.
-        EXPECT_EQ(handler.log, (Log{"r" + std::to_string(p.readEnd())}));
+        EXPECT_EQ(handler.log, (Log{"r" + std::to_string(p.fds[0])}));
 
         control->clearEvents();
-        EXPECT_EQ(control->getFd(), p.readEnd());
+        EXPECT_EQ(control->getFd(), p.fds[0]);
         pass();
         EXPECT_EQ(handler.log.size(), 1u);
         control->setReads(true);  // re-arms on the kept descriptor
@@ -170,11 +158,11 @@ TEST_P(PlatformContract, BindingClearingDeletingAndDestroying) {
         EXPECT_EQ(control->getFd(), -1);
         pass();
         control->setReads(true);
-        control->setFd(p.readEnd());
+        control->setFd(p.fds[0]);
         control.reset();
         pass();
         EXPECT_EQ(handler.log.size(), 2u);
-        EXPECT_GE(fcntl(p.readEnd(), F_GETFL), 0);
+        EXPECT_GE(fcntl(p.fds[0], F_GETFL), 0);
     });
 }
 
@@ -187,10 +175,10 @@ TEST_P(PlatformContract, FdExceptionHook) {
         handler.swallow = true;
         auto control = Platform::getFdControl(&handler);
         control->setReads(true);
-        control->setFd(p.readEnd());
+        control->setFd(p.fds[0]);
         pass();
         pass();
-        EXPECT_EQ(handler.hookFds, (std::vector<int>{p.readEnd(), p.readEnd()}));
+        EXPECT_EQ(handler.hookFds, (std::vector<int>{p.fds[0], p.fds[0]}));
 
         handler.swallow = false;
         EXPECT_THROW(doEventLoop(10.0), std::runtime_error);

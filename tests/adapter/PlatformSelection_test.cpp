@@ -1,12 +1,9 @@
-// Which family the platform factories return, how the framework loop is
-// limited, and the framework's virtual-time switch.
+// How the framework loop is limited, and the framework's virtual-time switch.
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
 
 #include <Velik/FastForward.h>
-#include <Velik/KivPlatform.h>
 #include <Velik/PlatformSelection.h>
-#include <Velik/Thread.h>
 #include <Velik/Time.h>
 
 #include <Kiv/ActivityManager.h>
@@ -23,33 +20,13 @@ using testing::MatchesRegex;
 
 constexpr double never = std::numeric_limits<double>::infinity();
 
-struct NullHandler : Platform::TimeoutHandler, Platform::CallbackHandler, Platform::FdEventHandler {
+struct NullHandler : Platform::TimeoutHandler {
     int timeouts = 0;
     void timeout() override { ++timeouts; }
-    void callback() override {}
-    void readFdEvent(int) override {}
-    void writeFdEvent(int) override {}
 };
 
 Kiv::ActivityManagerConfig* config() {
     return Kiv::activityManager()->config();
-}
-
-// What the contract tests cannot see of the framework controls: their
-// descriptor object's name and their clock. The framework clock has no
-// priorities: a strict-high request is a clock timer all the same.
-TEST(PlatformSelection, FrameworkControlsWithoutThreadLocalSingletons) {
-    NullHandler handler;
-    ASSERT_FALSE(hasThreadLocalSingletons());
-    auto fd = std::dynamic_pointer_cast<KivVelik::FileDescriptor>(Platform::getFdControl(&handler));
-    ASSERT_TRUE(fd);
-    EXPECT_EQ(fd->descriptor()->name(), "PlatformFd");
-    auto timer = std::dynamic_pointer_cast<KivVelik::ClockTimer>(
-        Platform::getTimerControl(&handler, Platform::eventPriorityStrictHigh));
-    ASSERT_TRUE(timer);
-    EXPECT_EQ(timer->clock(), config()->clock());
-    EXPECT_TRUE(
-        std::dynamic_pointer_cast<KivVelik::Callback>(Platform::getCallbackControl(&handler)));
 }
 
 // A timed framework loop sets the execution time, which then also limits

@@ -41,15 +41,6 @@ TEST_F(TraceControls, SetupAndClearAppendToTraceAndTheMapListsTheSettingsInOrder
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "CtlTest/2\nCtlTest2\n-CtlTest\n-CtlTest2\n");
 }
 
-TEST_F(TraceControls, TraceFormatSetAndClearedToEmpty) {
-    setTraceFormat(nullptr);
-    EXPECT_EQ(env("TRACEFORMAT"), "<unset>");
-    setTraceFormat("%f %m");
-    EXPECT_EQ(env("TRACEFORMAT"), "%f %m");
-    clearTraceFormat();
-    EXPECT_EQ(env("TRACEFORMAT"), "");
-}
-
 TEST(DebuggableTest, HandlerNotOwnedBySharedPointerIsRefused) {
     auto h = getDebugHandler("Dbg");
     EXPECT_EQ(Velik::Debuggable(*h).debugHandler(), h);

@@ -1,4 +1,3 @@
-#include <Velik/BacktraceTracker.h>
 #include <Velik/Errno.h>
 #include <Velik/Exception.h>
 #include <Velik/TypeName.h>
@@ -46,23 +45,6 @@ TEST(ExceptionTest, EachThrowExceptionThrowsExactlyItsOwnClass) {
         Velik::UnimplementedException, Velik::InvalidInitializeException, Velik::RuntimeException,
         Velik::OutOfRangeException, Velik::CorruptionDetectedException, Velik::InvalidSizeException,
         Velik::AssertException>();
-}
-
-TEST(ExceptionTest, EveryConstructedExceptionIsTrackedWhileTrackingIsOn) {
-    using Velik::BacktraceTracker;
-    BacktraceTracker::clear();
-    Velik::RuntimeException("off");
-    BacktraceTracker::enabledIs(true);
-    Velik::RuntimeException("never thrown");
-    Velik::Exception("bare", false);
-    const auto tracked = BacktraceTracker::tracked();
-    BacktraceTracker::enabledIs(false);
-    BacktraceTracker::clear();
-    ASSERT_EQ(tracked.size(), 2u);
-    EXPECT_EQ(tracked[0].message(), "never thrown");
-    EXPECT_GT(tracked[0].backtrace().count(), 0u);
-    EXPECT_EQ(tracked[1].message(), "bare");
-    EXPECT_EQ(tracked[1].backtrace().count(), 0u);
 }
 
 TEST(StrerrorTest, GivesTheSystemTextLeavesErrnoAloneAndKeepsABufferPerThread) {

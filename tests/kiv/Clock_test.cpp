@@ -82,21 +82,4 @@ TEST_F(ClockTest, NotifieeDestroysItselfAndAnotherDueFromOnTime) {
     EXPECT_FALSE(suicidal);
 }
 
-TEST_F(ClockTest, NotifieeKeepsItsTimeAcrossClocksAndIsDisarmedWithItsClock) {
-    Timer moving, stranded;
-    {
-        Kiv::Clock local;
-        for (Timer* timer : {&moving, &stranded}) {
-            timer->notifierIs(&local);
-            timer->timeMinIs(0.0);
-        }
-        moving.notifierIs(kivClock());
-        EXPECT_EQ(local.armedCount(), 1u);
-    }
-    EXPECT_EQ(stranded.notifier(), nullptr);
-    EXPECT_EQ(stranded.timeMin(), kNever);
-    Kiv::System::doRun();
-    EXPECT_EQ(moving.deliveries, 1);
-}
-
 }  // namespace

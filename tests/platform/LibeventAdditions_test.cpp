@@ -2,6 +2,8 @@
 // pending time-out is seen and moved, exactly and in order.
 #include <Velik/LibeventAdditions.h>
 
+#include "platform/Pipe.h"
+
 #include <event2/event_struct.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,14 +17,11 @@ namespace {
 
 class AdditionsTest : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_EQ(pipe(fds), 0); }
     void TearDown() override {
         for (auto& ev : events) {
             event_del(&ev->ev);
         }
         event_base_free(base);
-        close(fds[0]);
-        close(fds[1]);
     }
 
     struct Named {
@@ -56,7 +55,8 @@ class AdditionsTest : public testing::Test {
     void onePass() { event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK); }
 
     event_base* base = event_base_new();
-    int fds[2];
+    VelikTest::Pipe pipe;
+    int* fds = pipe.fds;
     std::vector<std::unique_ptr<Named>> events;
     std::vector<std::string> log;
 };
@@ -98,7 +98,7 @@ TEST_F(AdditionsTest, SubtractMovesEveryTimerByExactlyTheOffset) {
         EXPECT_EQ(timed[i]->ev_timeout.tv_sec, expected.tv_sec) << i;
         EXPECT_EQ(timed[i]->ev_timeout.tv_usec, expected.tv_usec) << i;
     }
-    ASSERT_EQ(write(fds[1], "x", 1), 1);
+    pipe.put();
     onePass();
     std::sort(log.begin(), log.end());
     EXPECT_EQ(log, (std::vector<std::string>{"d!", "reader!"}));

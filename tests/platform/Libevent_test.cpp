@@ -5,28 +5,27 @@
 #include "foundation/ChildProcess.h"
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
+#include "platform/Pipe.h"
 
 #include <Velik/ForkHandler.h>
 #include <Velik/LibeventFactory.h>
 #include <Velik/PlatformSelection.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 using namespace Velik;
+using testing::HasSubstr;
 using VelikTest::assertMessageOf;
 using VelikTest::loopPass;
 using VelikTest::onLoopThread;
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 TEST(LibeventBase, OneLazyBasePerThread) {
     onLoopThread([] {
@@ -42,18 +41,18 @@ TEST(LibeventBase, OneLazyBasePerThread) {
         EXPECT_TRUE(event_base_get_features(base) & EV_FEATURE_ET);
 
         event_base* other = leCreateBase();
-        EXPECT_TRUE(contains(assertMessageOf([&] { leRegisterBase(other); }),
-                             fmt::format("Tried to register a base:{} but a thread_local  base "
-                                         "already exists: {}",
-                                         fmt::ptr(other), fmt::ptr(base))));
+        EXPECT_THAT(assertMessageOf([&] { leRegisterBase(other); }),
+                    HasSubstr(fmt::format("Tried to register a base:{} but a thread_local  base "
+                                          "already exists: {}",
+                                          fmt::ptr(other), fmt::ptr(base))));
         event_base_free(other);
         event ev;
         event_assign(&ev, base, -1, 0, nullptr, nullptr);
-        EXPECT_TRUE(
-            contains(assertMessageOf(
-                         [&] { eventPrioritySet(&ev, static_cast<Platform::EventPriority>(2)); }),
-                     fmt::format("Failed to set priority on {} to Invalid EventPriority=2 rc -1",
-                                 fmt::ptr(&ev))));
+        EXPECT_THAT(
+            assertMessageOf(
+                [&] { eventPrioritySet(&ev, static_cast<Platform::EventPriority>(2)); }),
+            HasSubstr(fmt::format("Failed to set priority on {} to Invalid EventPriority=2 rc -1",
+                                  fmt::ptr(&ev))));
 
         leFree();
         EXPECT_FALSE(leInitialized());
@@ -68,19 +67,18 @@ TEST(LibeventBase, OneLazyBasePerThread) {
 // control wants reads without being asked.
 TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
     onLoopThread([] {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
+        VelikTest::Pipe pipe;
         struct Reader : Platform::FdEventHandler {
             int reads = 0;
             void readFdEvent(int) override { ++reads; }
             void writeFdEvent(int) override {}
         } handler;
         auto control = getLeFdControl(&handler);
-        control->setFd(fds[0]);
+        control->setFd(pipe.fds[0]);
         event_base* base = leEventBase();
         VelikTest::ChildResult child = VelikTest::runInChild([&] {
             leForkReinit();
-            ASSERT_EQ(write(fds[1], "x", 1), 1);
+            pipe.put();
             loopPass();
             _exit(Platform::isForkedChild() && leEventBase() == base && handler.reads == 1 ? 0 : 1);
         });
@@ -89,28 +87,27 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
         loopPass();  // the child's byte is in the shared pipe
         EXPECT_EQ(handler.reads, 1);
         control.reset();
-        close(fds[0]);
-        close(fds[1]);
     });
 }
 
 TEST(LibeventLog, SeveritiesMapOntoTraceLevelsAndFatalErrorsAssert) {
-    auto traced = [](const char* levels, int severity) {
+    const std::tuple<const char*, int, bool> cases[] = {
+        {"VelikLibevent/1", EVENT_LOG_WARN, true},  {"VelikLibevent/0", EVENT_LOG_WARN, false},
+        {"VelikLibevent/0", EVENT_LOG_ERR, true},   {"VelikLibevent/8", EVENT_LOG_DEBUG, false},
+        {"VelikLibevent/9", EVENT_LOG_DEBUG, true},
+    };
+    for (const auto& [levels, severity, traced] : cases) {
         Platform::setupVelikDebug(levels);
         testing::internal::CaptureStderr();
         le_debug_cb(severity, "libevent says");
         Platform::clearVelikDebug("VelikLibevent");
-        return contains(testing::internal::GetCapturedStderr(), "libevent says");
-    };
-    EXPECT_TRUE(traced("VelikLibevent/1", EVENT_LOG_WARN));
-    EXPECT_FALSE(traced("VelikLibevent/0", EVENT_LOG_WARN));
-    EXPECT_TRUE(traced("VelikLibevent/0", EVENT_LOG_ERR));
-    EXPECT_FALSE(traced("VelikLibevent/8", EVENT_LOG_DEBUG));
-    EXPECT_TRUE(traced("VelikLibevent/9", EVENT_LOG_DEBUG));
-
-    EXPECT_TRUE(contains(assertMessageOf([] { le_debug_cb(4, "odd"); }),
-                         "invalid libevent severity:4 msg:odd"));
-    EXPECT_TRUE(contains(assertMessageOf([] { le_fatal_cb(42); }), "libevent fatal error:42"));
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("libevent says") != std::string::npos,
+                  traced)
+            << levels << " " << severity;
+    }
+    EXPECT_THAT(assertMessageOf([] { le_debug_cb(4, "odd"); }),
+                HasSubstr("invalid libevent severity:4 msg:odd"));
+    EXPECT_THAT(assertMessageOf([] { le_fatal_cb(42); }), HasSubstr("libevent fatal error:42"));
 }
 
 TEST(LibeventFdControlDeathTest, ClosedDescriptorAborts) {

@@ -11,7 +11,7 @@
 #include <Velik/Time.h>
 #include <Velik/TimerWheel.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cmath>
@@ -26,14 +26,11 @@
 namespace {
 
 using namespace Velik;
+using testing::HasSubstr;
 using VelikTest::assertMessageOf;
 using VelikTest::onLoopThread;
 
 constexpr double never = std::numeric_limits<double>::infinity();
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 // Ids in delivery order.
 using Order = std::vector<int>;
@@ -129,17 +126,16 @@ TEST(TimerWheelEvent, StateBitsAndTheirTransitions) {
     EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x04);
     ev.stateIs(TimerWheelState::inTimerWheel);
     EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x08);
-    EXPECT_TRUE(
-        contains(assertMessageOf([&] { ev.stateIs(TimerWheelState::inTimersExpiryingSoon); }),
-                 "TimerWheelEvent::stateIs() State change inTimerWheel -> "
-                 "inTimersExpiryingSoon must go via notLinked"));
+    EXPECT_THAT(assertMessageOf([&] { ev.stateIs(TimerWheelState::inTimersExpiryingSoon); }),
+                HasSubstr("TimerWheelEvent::stateIs() State change inTimerWheel -> "
+                          "inTimersExpiryingSoon must go via notLinked"));
     EXPECT_EQ(ev.state(), TimerWheelState::inTimerWheel);
     ev.stateIs(TimerWheelState::notLinked);
     ev.stateIs(TimerWheelState::inTimersExpiryingSoon);
     EXPECT_EQ(ev.linkFlags(), TIMEOUT_ABS | 0x10);
     ev.stateIs(TimerWheelState::notLinked);
-    EXPECT_TRUE(contains(assertMessageOf([&] { ev.stateIs(static_cast<TimerWheelState>(3)); }),
-                         "invalid state 3"));
+    EXPECT_THAT(assertMessageOf([&] { ev.stateIs(static_cast<TimerWheelState>(3)); }),
+                HasSubstr("invalid state 3"));
     EXPECT_EQ(ev.state(), TimerWheelState::notLinked);
 }
 
@@ -223,50 +219,6 @@ TEST_F(TimerWheelLibevent, ChurningTimersAreNeverEarlyAndComeInTimeOrder) {
         EXPECT_GT(stopped, 0);
         EXPECT_EQ(delivered.size(), probes.size() + probes.size() / 10 - stopped);
         EXPECT_TRUE(std::is_sorted(delivered.begin(), delivered.end()));
-        EXPECT_EQ(wheel->masterTimerExpiry(), never);
-    });
-}
-
-// A million timers, restarted at random before any is due: each comes once,
-// never before its exact time, and all in time order.
-TEST_F(TimerWheelLibevent, AMillionRestartedTimersComeOnceAndNeverEarly) {
-    onLoopThread([] {
-        struct Tally {
-            std::size_t delivered = 0;
-            std::size_t early = 0;
-            double lastDue = 0.0;
-            bool ordered = true;
-        } tally;
-        struct Lean : TimerWheelEvent {
-            Tally* tally = nullptr;
-            double due = never;
-            void timeout() override {
-                ++tally->delivered;
-                tally->early += Velik::time() < due;
-                tally->ordered = tally->ordered && due >= tally->lastDue;
-                tally->lastDue = due;
-            }
-        };
-        constexpr std::size_t count = 1'000'000;
-        std::vector<Lean> timers(count);
-        auto wheel = std::make_shared<TimerWheel>();
-        std::mt19937_64 random(5);
-        std::uniform_real_distribution<double> delay(0.0, 60.0);
-        auto start = [&](Lean& timer) {
-            timer.setTimeout(wheel, delay(random));
-            timer.due = timer.expirationTime();
-        };
-        for (Lean& timer : timers) {
-            timer.tally = &tally;
-            start(timer);
-        }
-        for (std::size_t i = 0; i < count; ++i) {
-            start(timers[random() % count]);
-        }
-        doLeEventLoop(61.0);
-        EXPECT_EQ(tally.delivered, count);
-        EXPECT_EQ(tally.early, 0u);
-        EXPECT_TRUE(tally.ordered);
         EXPECT_EQ(wheel->masterTimerExpiry(), never);
     });
 }
@@ -436,19 +388,6 @@ TEST(TimerWheelSingleton, ProcessWheelOnTheFrameworkThreadWheelsApart) {
     std::shared_ptr<TimerWheel> processWheel = getTimerWheel();
     EXPECT_EQ(getTimerWheel(), processWheel);
     ASSERT_TRUE(dynamic_cast<KivVelik::ClockTimer*>(processWheel->masterTimer().get()));
-    struct Fired : Platform::TimeoutHandler {
-        double at = never;
-        void timeout() override { at = Velik::time(); }
-    } fired;
-    auto control = Platform::getTimerControl(&fired, processWheel);
-    Platform::setFastForward(true);
-    double start = Velik::time();
-    control->setTimeout(2.0);
-    Platform::doEventLoop();
-    Platform::setFastForward(false);
-    EXPECT_GE(fired.at - start, 2.0);
-    EXPECT_LT(fired.at - start, 2.05);
-
     std::thread([&] {
         useThreadLocalSingletons();
         // The thread's base must outlive its wheel, which goes at thread

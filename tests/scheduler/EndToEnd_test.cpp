@@ -2,15 +2,14 @@
 // platforms: the framework on the main thread, libevent on a thread with
 // thread-local singletons.
 #include <Velik/PlatformSelection.h>
-#include <Velik/TaskGroup.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <thread>
 
 #include "platform/Families.h"
+#include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
@@ -27,35 +26,24 @@ class EndToEnd : public testing::TestWithParam<Family> {
     void onPlatform(const std::function<void()>& body) { VelikTest::onFamily(GetParam(), body); }
 };
 
-class LoggingTimer : public Velik::Platform::TimeoutHandler {
-  public:
-    explicit LoggingTimer(std::vector<std::string>* log) : log_(log) {}
-    void timeout() override { log_->push_back("timer"); }
-
-  private:
-    std::vector<std::string>* log_;
-};
-
-class LoggingReader : public Velik::Platform::FdEventHandler {
-  public:
-    explicit LoggingReader(std::vector<std::string>* log) : log_(log) {}
+struct LoggingHandler : Velik::Platform::TimeoutHandler, Velik::Platform::FdEventHandler {
+    void timeout() override { log.push_back("timer"); }
     void readFdEvent(int fd) override {
         char buf[16];
         (void)!read(fd, buf, sizeof buf);
-        log_->push_back("fd");
+        log.push_back("fd");
         control->setReads(false);
     }
     void writeFdEvent(int) override {}
+    std::vector<std::string> log;
     std::shared_ptr<Velik::Platform::FdControl> control;
-
-  private:
-    std::vector<std::string>* log_;
 };
 
 TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
     onPlatform([] {
         auto root = Velik::schedulerRootVelik();
-        std::vector<std::string> log;
+        LoggingHandler handler;
+        const std::vector<std::string>& log = handler.log;
         auto task = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "t");
         // The task keeps rescheduling itself until the timer and the
         // descriptor have both been served, so neither may be starved by it;
@@ -70,15 +58,12 @@ TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
             }
         };
 
-        LoggingTimer timerHandler(&log);
-        auto timer = Velik::Platform::getTimerControl(&timerHandler);
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        LoggingReader reader(&log);
-        reader.control = Velik::Platform::getFdControl(&reader);
-        reader.control->setFd(fds[0]);
-        reader.control->setReads(true);
-        ASSERT_EQ(write(fds[1], "x", 1), 1);
+        auto timer = Velik::Platform::getTimerControl(&handler);
+        VelikTest::Pipe pipe;
+        handler.control = Velik::Platform::getFdControl(&handler);
+        handler.control->setFd(pipe.fds[0]);
+        handler.control->setReads(true);
+        pipe.put();
 
         task->scheduleTask();
         timer->setTimeout(0.0);
@@ -87,46 +72,7 @@ TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
         EXPECT_LT(slices, cap) << "the task starved the timer or the descriptor";
         EXPECT_EQ(std::count(log.begin(), log.end(), "timer"), 1);
         EXPECT_EQ(std::count(log.begin(), log.end(), "fd"), 1);
-        reader.control->delFd();
-        close(fds[0]);
-        close(fds[1]);
-    });
-}
-
-TEST_P(EndToEnd, PriorityOrderThroughTheLoop) {
-    onPlatform([] {
-        auto root = Velik::schedulerRootVelik();
-        std::vector<std::string> log;
-        auto low = std::make_shared<ProbeTask>(root.get(), TaskPriority::low, "low", &log);
-        auto high = std::make_shared<ProbeTask>(root.get(), TaskPriority::high, "high", &log);
-        auto scavenge = std::make_shared<ProbeTask>(root.get(), TaskPriority::scavenge, "s", &log);
-        // A group's task runs in its parent task's place.
-        auto group = Velik::TaskGroupIs("g", TaskPriority::normal, false, root);
-        auto grouped = std::make_shared<ProbeTask>(group.get(), TaskPriority::low, "grouped", &log);
-        grouped->scheduleTask();
-        scavenge->scheduleTask();
-        low->scheduleTask();
-        high->scheduleTask();
-        Velik::Platform::doEventLoop();
-        EXPECT_EQ(log, (std::vector<std::string>{"high", "grouped", "low", "s"}));
-        EXPECT_FALSE(group->parentTaskScheduled());
-    });
-}
-
-TEST_P(EndToEnd, TaskExceptionLeavesTheLoopAndTheRootStaysUsable) {
-    onPlatform([] {
-        auto root = Velik::schedulerRootVelik();
-        std::vector<std::string> log;
-        auto task = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "t", &log);
-        task->body = [](ProbeTask&) { throw std::runtime_error("task failed"); };
-        task->scheduleTask();
-        EXPECT_THROW(Velik::Platform::doEventLoop(), std::runtime_error);
-
-        task->body = nullptr;
-        task->scheduleTask();
-        Velik::Platform::doEventLoop();
-        EXPECT_EQ(log, (std::vector<std::string>{"t", "t"}));
-        EXPECT_FALSE(root->schedulerHasRunnableTasks());
+        handler.control->delFd();
     });
 }
 

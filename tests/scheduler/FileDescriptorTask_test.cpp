@@ -1,11 +1,10 @@
 #include <Velik/FileDescriptorTask.h>
-#include <Velik/PlatformSelection.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <stdexcept>
 
-#include "platform/LoopThread.h"
+#include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <gtest/gtest.h>
@@ -35,17 +34,11 @@ class ProbeFd : public Velik::FileDescriptorTask {
     Lines* log_;
 };
 
-struct SocketPair {
-    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0); }
-    ~SocketPair() {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    int fds[2];
-};
-
-class FdTaskTest : public VelikTest::SchedulerTest, public SocketPair {
+class FdTaskTest : public VelikTest::SchedulerTest {
   protected:
+    VelikTest::Pipe sockets{true};
+    int* fds = sockets.fds;
+
     std::shared_ptr<ProbeFd> make(const std::string& name = "fd") {
         return std::make_shared<ProbeFd>(root, name, &log);
     }
@@ -179,64 +172,5 @@ TEST_F(FdTaskDeathTest, NotificationsNotAskedForAbortEvenWhenAssertionsThrow) {
     t->taskWatchReadableIs(false);
     EXPECT_DEATH(t->readFdEvent(fds[0]), "readFdEvent\\(\\) called with taskWatchReadable off");
 }
-
-// One task on a socket, served by the platform's own loop: it reads what the
-// peer sent and writes three bytes, one per requested writability.
-class FdTaskEndToEnd : public testing::TestWithParam<bool> {};
-
-struct Watchdog : Velik::Platform::TimeoutHandler {
-    void timeout() override { expired(); }
-    std::function<void()> expired;
-};
-
-TEST_P(FdTaskEndToEnd, ReadsAndOneShotWritesThroughTheLoop) {
-    auto body = [] {
-        SocketPair pair;
-        const int* fds = pair.fds;
-        ASSERT_EQ(write(fds[1], "ping", 4), 4);
-        Lines log;
-        auto t = std::make_shared<ProbeFd>(Velik::schedulerRootVelik(), "e2e", &log);
-        Watchdog watchdog;  // ends a broken exchange instead of waiting forever
-        watchdog.expired = [&] { t->taskWatchFdDel(); };
-        auto timer = Velik::Platform::getTimerControl(&watchdog);
-        std::string got;
-        int sent = 0;
-        auto stopWhenDone = [&](ProbeFd& self) {
-            if (got == "ping" && sent == 3) {
-                self.taskWatchFdDel();
-                timer->delTimeout();
-            }
-        };
-        t->onRead = [&](ProbeFd& self) {
-            char buf[8];
-            const ssize_t n = std::max<ssize_t>(read(fds[0], buf, sizeof buf), 0);
-            got.append(buf, n);
-            self.taskWorkCountInc(n);
-            stopWhenDone(self);
-        };
-        t->onWrite = [&](ProbeFd& self) {
-            ASSERT_EQ(write(fds[0], "w", 1), 1);
-            self.taskWorkCountInc(1);
-            self.taskWatchWritableIs(++sent < 3);
-            stopWhenDone(self);
-        };
-        t->taskWatchFdIs(fds[0]);
-        t->taskWatchWritableIs(true);
-        timer->setTimeout(5.0);
-        Velik::Platform::doEventLoop();
-        EXPECT_EQ(got, "ping");
-        EXPECT_EQ(t->taskRunCountWritable(), 3u);
-        EXPECT_EQ(t->taskWorkCountReadableTotal(), 4u);  // each side counts its own work
-        EXPECT_EQ(t->taskWorkCountWritableTotal(), 3u);
-        char buf[8];
-        EXPECT_EQ(read(fds[1], buf, sizeof buf), 3);
-    };
-    GetParam() ? VelikTest::onLoopThread(body) : body();
-}
-
-INSTANTIATE_TEST_SUITE_P(BothPlatforms, FdTaskEndToEnd, testing::Bool(),
-                         [](const testing::TestParamInfo<bool>& info) {
-                             return info.param ? "Libevent" : "Framework";
-                         });
 
 }  // namespace

@@ -103,25 +103,4 @@ TEST(BookmarkList, WalksSkipBookmarksAndAnIteratorStartedOnOneLandsPastTheRun) {
     unlinkAll(r);
 }
 
-TEST(BookmarkList, PausedWalkSurvivesRemovalBeforeBookmark) {
-    Item a(1), b(2), c(3);
-    Registry r;
-    r.pushBack(a);
-    r.pushBack(b);
-    r.pushBack(c);
-    Bookmark mark(Bookmark::bookmark);
-    // The walk pauses after b; b and a go away meanwhile.
-    r.insertAfter(r.nodeOf(b), mark);
-    r.remove(b);
-    r.remove(a);
-    Values resumed;
-    Registry::Iterator it(r, &mark);
-    Registry::unlinkBookmark(mark);
-    for (; !it.atEnd(); ++it) {
-        resumed.push_back(it->value);
-    }
-    EXPECT_EQ(resumed, Values{3});
-    unlinkAll(r);
-}
-
 }  // namespace

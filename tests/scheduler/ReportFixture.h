@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
 namespace VelikTest {
@@ -34,7 +35,6 @@ class ReportTest : public SchedulerTest {
 
     void SetUp() override {
         SchedulerTest::SetUp();
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
         using P = Velik::TaskPriority;
 
         worker = task(P::normal, "worker");
@@ -82,13 +82,8 @@ class ReportTest : public SchedulerTest {
         root->clearHistory();
         idle = task(P::scavenge, "idle");
     }
-    void TearDown() override {
-        close(fds[0]);
-        close(fds[1]);
-        SchedulerTest::TearDown();
-    }
-
-    int fds[2] = {-1, -1};
+    Pipe sockets{true};
+    int* fds = sockets.fds;
     std::shared_ptr<ProbeTask> worker, idle;
     std::shared_ptr<ReportTimer> timer;
     std::shared_ptr<ReportFd> conn;

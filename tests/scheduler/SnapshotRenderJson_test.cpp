@@ -1,31 +1,23 @@
 // Asynchronous snapshot output through a pipe the test reads by hand: slow
 // readers, vanished readers, and the blocking descriptor stream.
 #include <Velik/FdToStream.h>
-#include <Velik/PlatformSelection.h>
 #include <Velik/SnapshotRenderJson.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 
 #include "scheduler/ReportFixture.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 namespace {
 
 using Velik::TaskPriority;
 
-struct Pipe {
+// The test's reads never wait, and a slow reader fills the buffer soon.
+struct Pipe : VelikTest::Pipe {
     Pipe() {
-        EXPECT_EQ(pipe(fds), 0);
-        fcntl(fds[0], F_SETFL, O_NONBLOCK);  // the test's reads never wait
-        fcntl(fds[1], F_SETPIPE_SZ, 4096);   // a slow reader fills it soon
-    }
-    ~Pipe() {
-        closeEnd(0);
-        closeEnd(1);
+        fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        fcntl(fds[1], F_SETPIPE_SZ, 4096);
     }
     // A socket pair with small buffers instead.
     void useSocket() {
@@ -37,12 +29,6 @@ struct Pipe {
         setsockopt(fds[0], SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
         fcntl(fds[0], F_SETFL, O_NONBLOCK);
     }
-    void closeEnd(int i) {
-        if (fds[i] >= 0) {
-            close(fds[i]);
-            fds[i] = -1;
-        }
-    }
     // Up to `most` bytes of what is waiting.
     std::string read(std::size_t most) {
         std::string got(most, '\0');
@@ -50,7 +36,6 @@ struct Pipe {
         got.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
         return got;
     }
-    int fds[2] = {-1, -1};
 };
 
 class AsyncJsonTest : public VelikTest::ReportTest {
@@ -192,34 +177,6 @@ TEST_F(AsyncJsonTest, BlockingStreamsRefuseNonBlockingDescriptors) {
     Velik::FdToStream out(fds[1], true);
     out << std::string(100000, 'x') << std::flush;
     EXPECT_TRUE(out.bad());
-}
-
-// A standard tool reads what the writer sends through a real pipe, with the
-// platform's own loop delivering writability.
-TEST(SnapshotJq, JqReadsTheSnapshot) {
-    if (std::system("command -v jq >/dev/null 2>&1") != 0) {
-        GTEST_SKIP() << "jq is not installed";
-    }
-    auto root = Velik::schedulerRootVelik();
-    auto group = Velik::TaskGroupIs("jqGroup", TaskPriority::normal, false, root);
-    auto job = std::make_shared<VelikTest::ProbeTask>(group.get(), TaskPriority::normal, "job\"1");
-    job->body = [](VelikTest::ProbeTask& self) { self.taskWorkCountInc(3); };
-    job->scheduleTask();
-    Velik::Platform::doEventLoop(0.01);
-
-    // jq's exit status says whether the condition held.
-    const std::string check =
-        R"(.schedulers.main.subSchedulers[] | .tasks.tasks[0] | .name == "job\"1" and .workCount.total == 3)";
-    FILE* jq = popen(fmt::format("jq -e '{}' >/dev/null", check).c_str(), "w");
-    ASSERT_NE(jq, nullptr);
-    bool written = false;
-    root->snapshotRenderJsonAsync(fileno(jq), root->snapshot(false, true, true),
-                                  [&] { written = true; });
-    for (int i = 0; i < 500 && !written; ++i) {
-        Velik::Platform::doEventLoop(0.01);
-    }
-    EXPECT_TRUE(written);
-    EXPECT_EQ(pclose(jq), 0);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <Velik/Time.h>
 
 #include "platform/Families.h"
+#include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
 #include <unistd.h>
@@ -108,13 +109,13 @@ TEST_P(TaskControl, CallbackRequestsCoalesceAndCancel) {
 
 TEST_P(TaskControl, DescriptorSidesAndClearEventsForgetsTheDescriptor) {
     run([] {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
+        VelikTest::Pipe pipe;
+        int* fds = pipe.fds;
         Recorder handler;
         auto control = Platform::getFdControl(&handler, handler.root, TaskPriority::normal, "pipe");
         control->setReads(true);
         control->setFd(fds[0]);
-        EXPECT_EQ(write(fds[1], "x", 1), 1);
+        pipe.put();
         passes();
         control->setReads(false);
         control->setFd(fds[1]);
@@ -123,8 +124,6 @@ TEST_P(TaskControl, DescriptorSidesAndClearEventsForgetsTheDescriptor) {
         EXPECT_EQ(handler.log, (std::vector<std::string>{"r@pipe:read", "w@pipe:write"}));
         control->clearEvents();
         EXPECT_EQ(control->getFd(), -1);
-        close(fds[0]);
-        close(fds[1]);
     });
 }
 

@@ -11,8 +11,6 @@
 namespace {
 
 using Velik::TaskPriority;
-using Velik::TaskTimeDuration;
-using VelikTest::advanceNs;
 using VelikTest::ProbeTask;
 
 class TaskSchedulerTest : public VelikTest::SchedulerTest {
@@ -77,23 +75,15 @@ TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
     }
 }
 
+// A run always requests the next; the run that finds nothing records idle
+// once, and later empty runs record nothing.
 TEST_F(TaskSchedulerTest, EveryRunRequestsTheNextAndIdleIsRecordedOnce) {
     auto t = task(TaskPriority::normal, "t");
     t->scheduleTask();
-    advanceNs(5'000);
     runOnce();
-    EXPECT_EQ(control->requests, 2);  // a run always requests the next
-    EXPECT_EQ(t->lastSchedulingLatency(), TaskTimeDuration(5'000));
-    EXPECT_EQ(root->maxSchedulerSlip(), TaskTimeDuration(5'000));
-    t->scheduleTask();
-    advanceNs(1'000);
+    EXPECT_EQ(control->requests, 2);
     runOnce();
-    EXPECT_EQ(t->lastSchedulingLatency(), TaskTimeDuration(1'000));
-    EXPECT_EQ(t->schedulingLatencyHighWaterMark(), TaskTimeDuration(5'000));
-    EXPECT_TRUE(control->pending);
-    runOnce();
-    EXPECT_FALSE(control->pending);
-    EXPECT_FALSE(root->schedulerHasRunnableTasks());
+    EXPECT_FALSE(control->pending || root->schedulerHasRunnableTasks());
     EXPECT_EQ(historyLines().front(), "schedulerIdle testRoot");
     const std::size_t events = root->history()->size();
     runOnce();

@@ -59,12 +59,6 @@ TEST_F(TaskTest, LifeOfATaskInTheHistory) {
                      "idle H t", "run end H t", "run start H t", "run end H t", "schedule H t",
                      "run start H t", "busy H t", "schedulerRunnable testRoot", "schedule H t",
                      "create H t"}));
-
-    // Unsuspending queues even a task that never asked.
-    auto quiet = task(TaskPriority::normal, "quiet");
-    quiet->taskSuspendedIs(true);
-    quiet->taskSuspendedIs(false);
-    EXPECT_TRUE(quiet->taskScheduled());
 }
 
 // A task that schedules itself again in its run is stamped with the run's

@@ -1,5 +1,5 @@
 // Timer tasks: the three states and their transitions, jitter draws, the
-// assertion texts, and delivery through the platform loop under virtual time.
+// assertion texts.
 #include <Velik/PlatformSelection.h>
 #include <Velik/Time.h>
 #include <Velik/TimerTask.h>
@@ -195,37 +195,5 @@ TEST_F(TimerTaskDeathTest, BadPercentageAborts) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(t->jitterOffset(1.0, 200), "TimerTask::jitterOffset\\(\\) maxJitterPercentage: ");
 }
-
-// Periodic timer tasks on the thread's root, through the platform's own loop,
-// under virtual time on both platforms.
-using TimerTaskLoop = VelikTest::FamilyTest;
-
-TEST_P(TimerTaskLoop, PeriodicTasksRunOnTimeThroughTheLoop) {
-    run([] {
-        auto root = Velik::schedulerRootVelik();
-        const double start = Velik::time();
-        std::vector<std::shared_ptr<ProbeTimer>> timers;
-        for (int i = 0; i < 3; ++i) {
-            auto tt = std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "tick");
-            tt->body = [](ProbeTimer& self) { self.scheduleTaskDelay(1.0); };
-            tt->scheduleTaskJitterUp(1.0, 10);
-            timers.push_back(tt);
-        }
-        Velik::Platform::doEventLoop(10.0);
-        for (const auto& tt : timers) {
-            ASSERT_GE(tt->runsAt.size(), 9u);
-            ASSERT_LE(tt->runsAt.size(), 10u);
-            EXPECT_GE(tt->runsAt[0], start + 1.0);
-            for (std::size_t i = 1; i < tt->runsAt.size(); ++i) {
-                EXPECT_GE(tt->runsAt[i] - tt->runsAt[i - 1], 1.0 - 1e-6);
-            }
-            tt->stopTimerTask();
-        }
-    });
-}
-
-INSTANTIATE_TEST_SUITE_P(Families, TimerTaskLoop,
-                         testing::Values(VelikTest::Family::framework, VelikTest::Family::libevent),
-                         VelikTest::familyName);
 
 }  // namespace
