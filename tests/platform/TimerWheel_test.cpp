@@ -223,6 +223,50 @@ TEST_F(TimerWheelLibevent, ChurningTimersAreNeverEarlyAndComeInTimeOrder) {
     });
 }
 
+// A million timers, restarted at random before any is due: each comes once,
+// never before its exact time, and all in time order.
+TEST_F(TimerWheelLibevent, AMillionRestartedTimersComeOnceAndNeverEarly) {
+    onLoopThread([] {
+        struct Tally {
+            std::size_t delivered = 0;
+            std::size_t early = 0;
+            double lastDue = 0.0;
+            bool ordered = true;
+        } tally;
+        struct Lean : TimerWheelEvent {
+            Tally* tally = nullptr;
+            double due = never;
+            void timeout() override {
+                ++tally->delivered;
+                tally->early += Velik::time() < due;
+                tally->ordered = tally->ordered && due >= tally->lastDue;
+                tally->lastDue = due;
+            }
+        };
+        constexpr std::size_t count = 1'000'000;
+        std::vector<Lean> timers(count);
+        auto wheel = std::make_shared<TimerWheel>();
+        std::mt19937_64 random(5);
+        std::uniform_real_distribution<double> delay(0.0, 60.0);
+        auto start = [&](Lean& timer) {
+            timer.setTimeout(wheel, delay(random));
+            timer.due = timer.expirationTime();
+        };
+        for (Lean& timer : timers) {
+            timer.tally = &tally;
+            start(timer);
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            start(timers[random() % count]);
+        }
+        doLeEventLoop(61.0);
+        EXPECT_EQ(tally.delivered, count);
+        EXPECT_EQ(tally.early, 0u);
+        EXPECT_TRUE(tally.ordered);
+        EXPECT_EQ(wheel->masterTimerExpiry(), never);
+    });
+}
+
 // Timers parked for one instant come in the order they were started, and
 // restarting one for the instant it has keeps its place and writes no start
 // trace. The first may stop one parked behind it and start another for now.
