@@ -200,7 +200,10 @@ TEST_F(TimerWheelLibevent, ChurningTimersAreNeverEarlyAndComeInTimeOrder) {
             probes[i].onExpiry = [&, i] {
                 Probe& self = probes[i];
                 EXPECT_GE(self.lateness.back(), 0.0) << i;
-                EXPECT_LT(self.lateness.back(), 0.05) << i;
+                // Virtual time still flows with the wall clock, so a loaded
+                // machine adds lateness; a slot filed a wheel level too high
+                // would be seconds late.
+                EXPECT_LT(self.lateness.back(), 0.5) << i;
                 delivered.push_back(self.due);
                 if (i % 10 == 0) {
                     if (probes[i + 1].state() != TimerWheelState::notLinked) {
