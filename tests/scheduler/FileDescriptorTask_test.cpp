@@ -240,3 +240,64 @@ INSTANTIATE_TEST_SUITE_P(BothPlatforms, FdTaskEndToEnd, testing::Bool(),
                          });
 
 }  // namespace
+
+namespace {
+
+// A descriptor reported again while its read side waits is not reported on
+// every later pass: with one task run per pass, many waiting descriptors
+// would otherwise be reported over and over. Interest comes back when the
+// side runs, so data left unread is still seen.
+TEST(FdTaskLibevent, RepeatedReportsPauseReadInterestUntilTheSideRuns) {
+    VelikTest::onLoopThread([] {
+        struct Counting : ProbeFd {
+            using ProbeFd::ProbeFd;
+            void readFdEvent(int fd) override {
+                ++reports;
+                ProbeFd::readFdEvent(fd);
+            }
+            int reports = 0;
+        };
+        constexpr int tasks = 40, bytes = 3;
+        std::vector<SocketPair> pairs(tasks);
+        std::vector<std::shared_ptr<Counting>> readers;
+        Lines log;
+        int left = tasks * bytes;
+        Watchdog watchdog;
+        auto timer = Velik::Platform::getTimerControl(&watchdog);
+        watchdog.expired = [&] {
+            for (auto& r : readers) {
+                r->taskWatchFdDel();
+            }
+        };
+        for (SocketPair& pair : pairs) {
+            ASSERT_EQ(write(pair.fds[1], "abc", bytes), bytes);
+            auto r = std::make_shared<Counting>(Velik::schedulerRootVelik(), "r", &log);
+            const int fd = pair.fds[0];
+            r->onRead = [&, fd, got = 0](ProbeFd& self) mutable {
+                char c;
+                ASSERT_EQ(read(fd, &c, 1), 1);  // one byte a run: the rest stays readable
+                --left;
+                if (++got == bytes) {
+                    self.taskWatchFdDel();
+                }
+                if (left == 0) {
+                    timer->delTimeout();
+                }
+            };
+            r->taskWatchFdIs(fd);
+            readers.push_back(r);
+        }
+        timer->setTimeout(5.0);
+        Velik::Platform::doEventLoop();
+        EXPECT_EQ(left, 0);
+        int reports = 0;
+        for (auto& r : readers) {
+            EXPECT_TRUE(r->taskWatchReadable());
+            reports += r->reports;
+        }
+        // At most the report that queues a run and two repeats per run.
+        EXPECT_LE(reports, 3 * tasks * bytes);
+    });
+}
+
+}  // namespace
