@@ -463,30 +463,4 @@ TEST(TimerWheelSingleton, ProcessWheelOnTheFrameworkThreadWheelsApart) {
     }).join();
 }
 
-// A restart to a later time leaves the timer filed where it was: the wheel
-// hands it back at the old tick, and it is filed again and delivered at the
-// new time, once. A restart to an earlier time moves it.
-TEST_F(TimerWheelLibevent, RestartsLaterAndEarlierAreDeliveredOnceAtTheNewTime) {
-    onLoopThread([] {
-        auto wheel = std::make_shared<TimerWheel>();
-        Order order;
-        Probe pushedBack(1, &order), pulledIn(2, &order), backThenIn(3, &order);
-        pushedBack.start(wheel, 1.0);
-        pushedBack.start(wheel, 5.0);
-        pulledIn.start(wheel, 4.0);
-        pulledIn.start(wheel, 2.0);
-        backThenIn.start(wheel, 3.0);
-        backThenIn.start(wheel, 8.0);
-        backThenIn.start(wheel, 6.0);  // still later than it is filed for
-        doLeEventLoop(10.0);
-        EXPECT_EQ(order, (Order{2, 1, 3}));
-        for (Probe* p : {&pushedBack, &pulledIn, &backThenIn}) {
-            ASSERT_EQ(p->lateness.size(), 1u) << p->id;
-            EXPECT_GE(p->lateness[0], 0.0) << p->id;
-            EXPECT_LT(p->lateness[0], 0.01) << p->id;
-        }
-        EXPECT_EQ(wheel->masterTimerExpiry(), never);
-    });
-}
-
 }  // namespace
