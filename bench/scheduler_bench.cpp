@@ -19,6 +19,7 @@
 #include "RoundTrip.h"
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -216,6 +217,57 @@ void BM_TaskShouldYieldClock(benchmark::State& state) {
     probe->taskRunFromTest();
 }
 BENCHMARK(BM_TaskShouldYieldClock);
+
+// Mode 0 as an inner loop pays for it: a loop step of some work (a short
+// chain of dependent arithmetic, about what a loop that checks every item
+// does per item) with and without the call, in alternating batches. The
+// tick read does not wait for earlier instructions, so beside work it
+// costs less than back to back. Counters: `work_ns` and `with_yield_ns`
+// per step, `added_ns` their difference.
+class YieldInWork : public Velik::Task {
+  public:
+    static constexpr int steps = 10'000;
+
+    YieldInWork(Velik::TaskScheduler* scheduler, benchmark::State& state)
+        : Task(scheduler, TaskPriority::normal, "yieldwork"), state_(state) {}
+    void taskExecute() override {
+        double work = 0, withYield = 0;
+        for (auto _ : state_) {
+            work += VelikBench::timed([&] { loop(false); });
+            withYield += VelikBench::timed([&] { loop(true); });
+        }
+        const double n = static_cast<double>(state_.iterations()) * steps;
+        state_.counters["work_ns"] = work / n;
+        state_.counters["with_yield_ns"] = withYield / n;
+        state_.counters["added_ns"] = (withYield - work) / n;
+    }
+
+  private:
+    void loop(bool check) {
+        std::uint64_t x = seed_;
+        for (int i = 0; i < steps; ++i) {
+            for (int k = 0; k < 8; ++k) {
+                x = x * 6364136223846793005ull + 1442695040888963407ull;
+            }
+            benchmark::DoNotOptimize(x);
+            if (check && taskShouldYield()) {
+                ++x;
+            }
+        }
+        seed_ = x;
+    }
+
+    benchmark::State& state_;
+    std::uint64_t seed_ = 1;
+};
+
+void BM_TaskShouldYieldInWork(benchmark::State& state) {
+    auto root = makeRoot();
+    auto probe = std::make_shared<YieldInWork>(root.get(), state);
+    probe->taskQuantumNoCheckIs(std::chrono::hours(1));
+    probe->taskRunFromTest();
+}
+BENCHMARK(BM_TaskShouldYieldInWork);
 
 // --- History ---
 

@@ -31,8 +31,9 @@
 //
 // Beside/Restart and Beside/StartStop put a million timer controls beside a
 // million libevent timers and the floor of a random restart (one random
-// write into a 64-byte record among a million), alternating batches in one
-// run.
+// write into a 64-byte record among a million; also with a library clock
+// read, and with the read through a pointer to a record of a control's
+// size), alternating batches in one run.
 //
 // bytes_per_timer: the object (sizeof) plus the wheel's fixed footprint
 // (`timeouts_footprint()`) / n; controls add the shared pointer's control
@@ -251,6 +252,12 @@ struct Beside {
     std::unique_ptr<event[]> events{new event[n]};
     std::unique_ptr<event[]> extraEvents{new event[kExtra]};
     std::vector<Record> records = std::vector<Record>(n, Record{});
+    // Records of a control's size, each its own allocation, reached through
+    // a vector of pointers as the controls are.
+    struct Big {
+        uint64_t words[16];
+    };
+    std::vector<std::unique_ptr<Big>> bigs;
     Rng rng{7};
 
     Beside() {
@@ -263,6 +270,10 @@ struct Beside {
                 &events[i], base, -1, 0, [](evutil_socket_t, short, void*) {}, nullptr);
             const timeval tv = delayTv();
             event_add(&events[i], &tv);
+        }
+        bigs.reserve(n);
+        for (size_t i = 0; i < n; ++i) {
+            bigs.push_back(std::make_unique<Big>());
         }
         for (size_t i = 0; i < kExtra; ++i) {
             extraControls.push_back(Platform::getTimerControl(&counter, wheel));
@@ -311,6 +322,27 @@ struct Beside {
             }
         });
     }
+    // The floor with what every restart must add to it: the library clock
+    // read, whose value is written; and the same through a pointer to a
+    // separately allocated record, as a control is reached.
+    double floorTime() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                Record& r = records[rng.next() % n];
+                r.words[0] = static_cast<uint64_t>(Velik::time()) + r.words[7];
+                benchmark::DoNotOptimize(r);
+            }
+        });
+    }
+    double floorPointerTime() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                Big& r = *bigs[rng.next() % n];
+                r.words[0] = static_cast<uint64_t>(Velik::time()) + r.words[7];
+                benchmark::DoNotOptimize(r);
+            }
+        });
+    }
     double controlStartStop() {
         return VelikBench::timed([&] {
             for (int k = 0; k < batch; ++k) {
@@ -340,14 +372,18 @@ Beside& beside() {
 
 // Counters: ns per operation of each (`control_ns`, `libevent_ns`,
 // `floor_ns`), `x_libevent` = libevent / control and `x_floor` = control /
-// floor.
+// floor; beside them the floor with a clock read (`floor_time_ns`) and with
+// a clock read through a pointer (`floor_ptr_time_ns`), and the control over
+// the latter (`x_floor_ptr_time`).
 void besideRestart(benchmark::State& state) {
     Beside& b = beside();
-    double control = 0, libevent = 0, floor = 0;
+    double control = 0, libevent = 0, floor = 0, floorTime = 0, floorPointerTime = 0;
     for (auto _ : state) {
         control += b.controlRestart();
         libevent += b.libeventRestart();
         floor += b.floor();
+        floorTime += b.floorTime();
+        floorPointerTime += b.floorPointerTime();
     }
     const double ops = static_cast<double>(state.iterations()) * Beside::batch;
     state.counters["control_ns"] = control / ops;
@@ -355,6 +391,9 @@ void besideRestart(benchmark::State& state) {
     state.counters["floor_ns"] = floor / ops;
     state.counters["x_libevent"] = libevent / control;
     state.counters["x_floor"] = control / floor;
+    state.counters["floor_time_ns"] = floorTime / ops;
+    state.counters["floor_ptr_time_ns"] = floorPointerTime / ops;
+    state.counters["x_floor_ptr_time"] = control / floorPointerTime;
 }
 
 // Start then stop one extra timer while the million stay armed, per pair.

@@ -133,7 +133,11 @@ class FileDescriptorTask : public _TaskBase, public Platform::FdEventHandler {
     // --- Platform notifications ---
 
     // Records `fdReadable` and queues the read side. Aborts the process when
-    // read interest is off or `fd` is not the watched descriptor.
+    // read interest is off or `fd` is not the watched descriptor. A report
+    // that finds the read side queued already also pauses read interest in
+    // the control until that side runs (`taskWatchReadable()` stays on), from
+    // the second such report on: a level-triggered loop would otherwise
+    // report the descriptor on every pass until then.
     void readFdEvent(int fd) override;
     // Records `fdWritable` and queues the write side. Aborts the process when
     // write interest is off or `fd` is not the watched descriptor.
@@ -240,9 +244,13 @@ class FileDescriptorTask : public _TaskBase, public Platform::FdEventHandler {
     // disagree: fatal, never unwound into the event loop.
     void checkNotification(bool watching, int fd, const char* function,
                            const char* offMessage) const noexcept;
+    // Gives the control back the read interest a repeated report paused.
+    void resumeReads();
 
     bool taskWatchReadable_ = false;
     bool taskWatchWritable_ = false;
+    bool readsPaused_ = false;      // read interest off in the control only
+    std::uint8_t readRepeats_ = 0;  // reports since the read side was queued
     std::shared_ptr<Platform::FdControl> fdControl_;
     std::shared_ptr<ReadTask> readTask_;
     std::shared_ptr<WriteTask> writeTask_;

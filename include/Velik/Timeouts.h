@@ -137,6 +137,13 @@ bool timeout_pending(const struct timeout* to);
 /* true if `to` is on a wheel's expired list (due, not yet taken by get). */
 bool timeout_expired(const struct timeout* to);
 
+/* The absolute tick `to` was last added for; meaningful while it is pending
+ * or expired. Inline: a caller deciding whether to move a record reads it
+ * from the record it is about to touch anyway. */
+static inline timeout_t timeout_expires(const struct timeout* to) {
+    return to->expires;
+}
+
 /* Opens a wheel whose current tick is 0. `hz` is the caller's tick rate
  * (ticks per second; informational, must be non-zero). On failure returns NULL
  * and, if `error` is not NULL, sets *error to an errno value (EINVAL for hz 0,

@@ -178,8 +178,12 @@ class TimerWheel : public Platform::TimeoutHandler {
     void timeout() override;
 
     // Starts or restarts `ev` to expire `seconds` from now. Restarting for the
-    // very instant it already has does nothing. Re-arms the master timer only
-    // when the new expiry is earlier than the one it is armed for.
+    // very instant it already has does nothing. Restarting a timer in the
+    // wheel for a tick not earlier than the one it is filed under only
+    // records the new expiry: the wheel releases it at the old tick and files
+    // it again then, so it is still delivered at its exact time. Re-arms the
+    // master timer only when the new expiry is earlier than the one it is
+    // armed for.
     void timerStart(TimerWheelEvent* ev, double seconds);
     // Stops `ev` wherever it is; its expiry time becomes +infinity. Never
     // touches the master timer.

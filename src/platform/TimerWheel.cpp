@@ -200,17 +200,28 @@ void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
     if (ev->expirationTime_ == expiry) {
         return;
     }
+    const timeout_t tick = Impl::timerWheelExpiryTick(expiry);
     const int flags = ev->link_.flags & TimerWheelEvent::stateFlags;
-    if (flags != TimerWheelEvent::inTimerWheelFlag) {
+    if (flags == TimerWheelEvent::inTimerWheelFlag) {
+        // A later expiry leaves the record where it is filed: the wheel hands
+        // it back no later than due, and `drainWheel` files it again for the
+        // real expiry. Most restarts (an idle time-out pushed back) are then
+        // one write; the master timer is armed no later than the filed tick.
+        if (timeout_expires(&ev->link_) <= tick) {
+            ev->expirationTime_ = expiry;
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {} expire at {}, filed",
+                        fmt::ptr(ev), seconds, expiry);
+            return;
+        }
+        // An earlier one is moved by the library in one step.
+    } else {
         // A parked or stopped timer goes into the wheel through `notLinked`.
         if (flags != TimerWheelEvent::notLinkedFlag) {
             timerStop(ev);
         }
         ev->stateIs(TimerWheelState::inTimerWheel);
     }
-    // A timer in the wheel is moved by the library in one step.
     ev->expirationTime_ = expiry;
-    timeout_t tick = Impl::timerWheelExpiryTick(expiry);
     timeouts_add(timeouts_, &ev->link_, tick);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {} expire at {} tick {}",
                 fmt::ptr(ev), seconds, expiry, tick);
@@ -280,10 +291,17 @@ void TimerWheel::timeout() {
     setMasterTimer();
 }
 
-// Parks everything the wheel released, at its exact expiry time.
+// Parks everything the wheel released, at its exact expiry time; a timer
+// restarted for a later tick since it was filed goes back into the wheel.
 void TimerWheel::drainWheel() {
+    const timeout_t now = timeouts_now(timeouts_);
     while (::timeout* link = timeouts_get(timeouts_)) {
         TimerWheelEvent* ev = TimerWheelEvent::timeoutLink2TimerWheelEvent(link);
+        const timeout_t tick = Impl::timerWheelExpiryTick(ev->expirationTime_);
+        if (tick > now) {
+            timeouts_add(timeouts_, link, tick);  // pending again, not expired
+            continue;
+        }
         ev->stateIs(TimerWheelState::notLinked);
         timersExpiryingSoonAppend(ev);
         ev->stateIs(TimerWheelState::inTimersExpiryingSoon);

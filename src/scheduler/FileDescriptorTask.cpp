@@ -49,6 +49,7 @@ void FileDescriptorTask::ReadTask::taskExecute() {
     }
     // The handler may drop the last outside reference to its own task.
     const std::shared_ptr<_TaskBase> keepParent = parent()->shared_from_this();
+    parent()->resumeReads();
     parent()->_taskExecuteReadable();
 }
 
@@ -181,7 +182,27 @@ void FileDescriptorTask::readFdEvent(int fd) {
     checkNotification(taskWatchReadable_, fd, __func__,
                       "readFdEvent() called with taskWatchReadable off");
     scheduler_->history()->insert(taskSteadyNow(), TaskSchedulerEventType::fdReadable, this);
+    if (readTask_->taskScheduled()) {
+        // Reported again before the read side could run. One loop pass runs
+        // one task, so with many such descriptors every pass would report
+        // them all: quiet until the side runs. The first repeat is let be,
+        // since a lone descriptor is reported once more in the very pass
+        // that runs its side, and pausing costs the control two changes.
+        if (++readRepeats_ >= 2) {
+            readsPaused_ = true;
+            fdControl_->setReads(false);
+        }
+        return;
+    }
+    readRepeats_ = 0;
     scheduleTaskReadable();
+}
+
+void FileDescriptorTask::resumeReads() {
+    if (readsPaused_) {
+        readsPaused_ = false;
+        fdControl_->setReads(taskWatchReadable_);
+    }
 }
 
 void FileDescriptorTask::writeFdEvent(int fd) {
@@ -203,11 +224,13 @@ void FileDescriptorTask::taskWatchFdIs(int fd) {
     }
     // Work queued for the old descriptor is void.
     forEachSide(*this, [](TaskImpl& side) { side.unscheduleTask(); });
+    resumeReads();
     fdControl_->setFd(fd);
 }
 
 void FileDescriptorTask::taskWatchFdDel() {
     forEachSide(*this, [](TaskImpl& side) { side.unscheduleTask(); });
+    resumeReads();
     fdControl_->delFd();
 }
 
@@ -216,6 +239,7 @@ void FileDescriptorTask::taskWatchReadableIs(bool watch) {
         return;
     }
     taskWatchReadable_ = watch;
+    readsPaused_ = false;
     fdControl_->setReads(watch);
     if (!watch) {
         readTask_->unscheduleTask();

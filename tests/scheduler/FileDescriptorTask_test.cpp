@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "platform/Pipe.h"
@@ -171,6 +172,58 @@ TEST_F(FdTaskDeathTest, NotificationsNotAskedForAbortEvenWhenAssertionsThrow) {
                  fmt::format("Notified about {} watching {}", fds[1], fds[0]));
     t->taskWatchReadableIs(false);
     EXPECT_DEATH(t->readFdEvent(fds[0]), "readFdEvent\\(\\) called with taskWatchReadable off");
+}
+
+}  // namespace
+
+namespace {
+
+// A descriptor reported again and again while its read side waits has its
+// read interest paused until the side runs, which resumes it: data left
+// unread is still seen.
+TEST(FdTaskLibevent, RepeatedReportsPauseReadInterestUntilTheSideRuns) {
+    VelikTest::onLoopThread([] {
+        struct Counting : ProbeFd {
+            using ProbeFd::ProbeFd;
+            void readFdEvent(int fd) override {
+                ++reports;
+                ProbeFd::readFdEvent(fd);
+            }
+            int reports = 0;
+        };
+        constexpr int tasks = 40, bytes = 3;
+        std::vector<SocketPair> pairs(tasks);
+        std::vector<std::shared_ptr<Counting>> readers;
+        Lines log;
+        Watchdog watchdog;  // a lost resume would otherwise wait forever
+        watchdog.expired = [&] {
+            std::for_each(readers.begin(), readers.end(), [](auto& r) { r->taskWatchFdDel(); });
+        };
+        auto timer = Velik::Platform::getTimerControl(&watchdog);
+        for (SocketPair& pair : pairs) {
+            ASSERT_EQ(write(pair.fds[1], "abc", bytes), bytes);
+            readers.push_back(std::make_shared<Counting>(Velik::schedulerRootVelik(), "r", &log));
+            readers.back()->onRead = [&, fd = pair.fds[0], got = 0](ProbeFd& self) mutable {
+                char c;
+                ASSERT_EQ(read(fd, &c, 1), 1);  // one byte a run: the rest stays readable
+                if (++got == bytes) {
+                    self.taskWatchFdDel();
+                }
+                if (log.size() == std::size_t{tasks * bytes}) {
+                    timer->delTimeout();
+                }
+            };
+            readers.back()->taskWatchFdIs(pair.fds[0]);
+        }
+        timer->setTimeout(5.0);
+        Velik::Platform::doEventLoop();
+        EXPECT_EQ(log.size(), std::size_t{tasks * bytes});
+        int reports = 0;
+        for (auto& r : readers) {
+            reports += r->reports;
+        }
+        EXPECT_LE(reports, 3 * tasks * bytes);  // the queuing report and two repeats a run
+    });
 }
 
 }  // namespace
