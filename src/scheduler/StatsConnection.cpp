@@ -6,6 +6,7 @@
 #include "Velik/TaskSchedulerRoot.h"
 #include "scheduler/StatsRequest.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -125,8 +126,19 @@ void StatsConnection::write(std::string text) {
     writer_->requestWritable();
 }
 
+namespace {
+
+// Whether the peer has closed its end entirely (not only its sending side):
+// the rest of a reply would be rendered for nobody.
+bool peerGone(int fd) {
+    pollfd p{fd, POLLOUT, 0};
+    return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace
+
 void StatsConnection::written() {
-    if (slicer_ && !slicer_->finished()) {
+    if (slicer_ && !slicer_->finished() && !peerGone(fd_)) {
         slicer_->scheduleTask();  // the next slice
         return;
     }
