@@ -4,9 +4,10 @@
 // `serveStats` opens a socket for one thread's root and serves it with tasks
 // of that root: the listener and every connection are descriptor tasks, and
 // each reply is written by the asynchronous writer (SnapshotRenderJson.h), a
-// slice at a time, whenever the client can take more. A slow client only
-// slows its own reply; one that goes away ends it; nothing a client sends
-// blocks the thread or stalls its tasks.
+// slice at a time, whenever the client can take more; a snapshot is also
+// rendered in slices of task records, each written before the next is
+// rendered. A slow client only slows its own reply; one that goes away ends
+// it; nothing a client sends blocks the thread or stalls its tasks.
 //
 //   auto root = Velik::schedulerRootVelik();
 //   auto stats = Velik::serveStats(*root, "/run/mydaemon/main.sock");
