@@ -1,0 +1,174 @@
+// One stats endpoint client: the request line, the deadline, the reply.
+#include "scheduler/StatsConnection.h"
+
+#include "Velik/Fmtrace.h"
+#include "Velik/StatsEndpoint.h"
+#include "Velik/TaskSchedulerRoot.h"
+#include "scheduler/StatsRequest.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace Velik::Impl {
+
+StatsConnection::Deadline::Deadline(StatsConnection& connection, TaskScheduler* scheduler,
+                                    TaskPriority priority)
+    : TimerTask(scheduler, priority, "StatsEndpoint:deadline"), connection_(connection) {}
+
+StatsConnection::SnapshotSlicer::SnapshotSlicer(
+    StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority,
+    std::shared_ptr<const TaskSchedulerSnapshot> snapshot)
+    : Task(scheduler, priority, "StatsEndpoint:render"),
+      connection_(connection),
+      context_(TaskScheduler::PrintContextIs(out_)),
+      render_(std::move(snapshot), snapshotRecordsPerSlice) {}
+
+StatsConnection::SnapshotSlicer::~SnapshotSlicer() {
+    if (!finished_) {
+        context_->abandonJson();
+    }
+}
+
+void StatsConnection::SnapshotSlicer::taskExecute() {
+    if (!render_.renderSlice(*context_)) {
+        context_->closeJson();
+        finished_ = true;
+    }
+    context_->flush();
+    std::string text = std::move(out_).str();
+    out_.str(std::string());
+    taskWorkCountInc(1);
+    connection_.write(std::move(text));
+}
+
+StatsConnection::StatsConnection(StatsEndpoint& endpoint, int fd)
+    : FileDescriptorTask(&endpoint.root(), endpoint.options().priority, "StatsEndpoint:client"),
+      endpoint_(endpoint),
+      fd_(fd),
+      deadline_(std::make_shared<Deadline>(*this, &endpoint.root(), endpoint.options().priority)) {
+    request_.reserve(StatsEndpoint::maxRequestSize);
+    taskWatchFdIs(fd);
+    deadline_->scheduleTaskDelay(endpoint.options().requestTimeout);
+}
+
+StatsConnection::~StatsConnection() = default;
+
+void StatsConnection::taskExecuteReadable() {
+    // Never more than the longest request: what follows it is not read.
+    char buffer[StatsEndpoint::maxRequestSize];
+    const std::size_t room = StatsEndpoint::maxRequestSize - request_.size();
+    const ssize_t n = recv(fd_, buffer, room, MSG_DONTWAIT);
+    if (n < 0) {
+        if (errno != EAGAIN && errno != EINTR) {
+            end();  // reset by the peer
+        }
+        return;
+    }
+    if (n == 0) {
+        // The peer stopped sending; it may still read.
+        if (request_.empty()) {
+            end();
+        } else {
+            reply(statsErrorLine("malformed request, the line has no end"));
+        }
+        return;
+    }
+    const std::size_t searchFrom = request_.size();
+    request_.append(buffer, static_cast<std::size_t>(n));
+    const std::size_t newline = request_.find('\n', searchFrom);
+    if (newline != std::string::npos) {
+        requestComplete(std::string_view(request_).substr(0, newline));
+    } else if (request_.size() == StatsEndpoint::maxRequestSize) {
+        reply(statsErrorLine("request too long, at most 256 bytes"));
+    }
+}
+
+void StatsConnection::requestComplete(std::string_view line) {
+    const StatsRequest request = parseStatsRequest(line);
+    if (!request.verb) {
+        reply(statsErrorLine(request.error));
+    } else if (*request.verb == StatsVerb::snapshot) {
+        replySnapshot();
+    } else {
+        reply(renderStatsReply(endpoint_.root(), *request.verb, endpoint_.options().includeNoRuns));
+    }
+}
+
+void StatsConnection::startReply() {
+    // One request per connection: from here on only the write task watches.
+    taskWatchFdDel();
+    deadline_->scheduleTaskDelay(endpoint_.options().replyTimeout);
+    writer_ =
+        std::make_shared<SnapshotWriteJsonTask>(scheduler()->shared_from_this(), taskPriority(),
+                                                "StatsEndpoint:reply", fd_, [this] { written(); });
+}
+
+void StatsConnection::reply(std::string text) {
+    startReply();
+    write(std::move(text));
+}
+
+void StatsConnection::replySnapshot() {
+    startReply();
+    // Taking the snapshot is quick; rendering it is what takes slices.
+    slicer_ = std::make_shared<SnapshotSlicer>(
+        *this, scheduler(), taskPriority(),
+        endpoint_.root().snapshot(endpoint_.options().includeNoRuns, true, true));
+    slicer_->scheduleTask();
+}
+
+void StatsConnection::write(std::string text) {
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "fd {} writing {} bytes", fd_, text.size());
+    writer_->writeStrIs(std::move(text));
+    writer_->requestWritable();
+}
+
+namespace {
+
+// Whether the peer has closed its end entirely (not only its sending side):
+// the rest of a reply would be rendered for nobody.
+bool peerGone(int fd) {
+    pollfd p{fd, POLLOUT, 0};
+    return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace
+
+void StatsConnection::written() {
+    if (slicer_ && !slicer_->finished() && !peerGone(fd_)) {
+        slicer_->scheduleTask();  // the next slice
+        return;
+    }
+    end();
+}
+
+void StatsConnection::deadlinePassed() {
+    if (replying()) {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 2,
+                    "fd {} dropped: reply not taken, {} of {} bytes written", fd_,
+                    writer_->writeOffset(), writer_->writeStr().size());
+        end();
+        return;
+    }
+    reply(statsErrorLine("request timed out"));
+}
+
+void StatsConnection::stopWatching() {
+    taskWatchFdDel();
+    if (writer_) {
+        writer_->taskWatchFdDel();
+    }
+    if (slicer_) {
+        slicer_->unscheduleTask();
+    }
+    deadline_->stopTimerTask();
+}
+
+void StatsConnection::end() {
+    endpoint_.connectionEnded(fd_);  // may release this connection: nothing after it
+}
+
+}  // namespace Velik::Impl
