@@ -187,6 +187,9 @@ class Reader {
             return;
         }
         for (const Value& e : events->GetArray()) {
+            if (!e.IsObject()) {
+                continue;
+            }
             const Value* ns = member(e, "nsSinceBoot");
             out_.history.push_back({ns && ns->IsInt64() ? ns->GetInt64() : 0, scheduler,
                                     textOf(e, "eventType"), textOf(e, "eventId")});

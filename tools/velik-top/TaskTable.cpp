@@ -35,7 +35,7 @@ class TableBuilder {
             const auto& level = children_[{t, std::string()}];
             top.insert(top.end(), level.begin(), level.end());
         }
-        emit(top);
+        emit(top, options_.filter.empty());
         return std::move(lines_);
     }
 
@@ -65,11 +65,12 @@ class TableBuilder {
         return std::any_of(below.begin(), below.end(), [this](const Entry& c) { return shown(c); });
     }
 
-    void emit(std::vector<Entry> level) {
+    // `inMatch`: a group above matched the filter, so all of it shows.
+    void emit(std::vector<Entry> level, bool inMatch) {
         std::sort(level.begin(), level.end(),
                   [this](const Entry& a, const Entry& b) { return before(a, b); });
         for (const Entry& e : level) {
-            if (!shown(e)) {
+            if (!inMatch && !shown(e)) {
                 continue;
             }
             const TaskRow& row = rowOf(e);
@@ -80,7 +81,7 @@ class TableBuilder {
             }
             lines_.push_back(line);
             if (row.isGroup && !line.folded) {
-                emit(childrenOf(e));
+                emit(childrenOf(e), inMatch || nameMatches(row.name, options_.filter));
             }
         }
     }

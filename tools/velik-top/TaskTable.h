@@ -3,7 +3,8 @@
 // Tasks of all threads are sorted together at the top level; a group's
 // tasks follow its row, indented and sorted among themselves, unless the
 // group is folded. A filter keeps the tasks whose name holds it (in any
-// letter case) and the groups above them:
+// letter case), the groups above them, and all of a group whose name holds
+// it:
 //
 //   VelikTop::ViewOptions view;
 //   view.sort = VelikTop::SortKey::latency;
