@@ -1,5 +1,6 @@
-// A small in-memory key-value server on one thread, and the clients that
-// load it.
+// A small in-memory key-value server on one thread, the clients that load
+// it, and a second thread of background jobs; both threads can be watched
+// live from outside.
 //
 // The server is the shape of many real daemons: a listening socket, one task
 // per connection, timers for idle connections and housekeeping, and a
@@ -16,7 +17,17 @@
 //   scavenger     a Task (scavenge) that evicts keys nobody touched for a
 //                 while, in slices, whenever the thread has nothing better to do.
 //
-// The protocol is one request per line, one reply line each:
+// The background thread runs on libevent with its own root: compaction jobs
+// in a task group, each a timer task that wakes up and works in slices.
+//
+// Each thread's root serves its statistics on a stats endpoint, one socket
+// per thread in one directory (main.sock, background.sock), for `velik-top`
+// or anything that speaks the endpoint's one-line protocol:
+//
+//   velik-top ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-$(id -u)
+//   echo report | socat - UNIX-CONNECT:${XDG_RUNTIME_DIR:-/tmp}/velik_demo-$(id -u)/main.sock
+//
+// The key-value protocol is one request per line, one reply line each:
 //
 //   SET key value   OK
 //   GET key         VALUE value | NOTFOUND
@@ -24,12 +35,18 @@
 //   anything else   ERROR unknown command
 //
 // The program starts the server on an ephemeral loopback port, runs client
-// threads against it for a few seconds (plus some connections that go quiet
+// threads against it for the whole run (plus some connections that go quiet
 // and are closed by the server), and prints what happened: requests served,
 // client-side latencies, and the runtime's text statistics report; it then
 // writes the JSON snapshot to a file through the asynchronous writer.
 //
-//   build/examples/velik_demo [seconds] [client threads] [connections each] [json file]
+//   build/examples/velik_demo [--seconds N] [--stats-dir DIR] [--clients N]
+//                             [--connections N] [--json FILE]
+//
+// Defaults: 30 seconds (time to watch it), 4 client threads of 50
+// connections, velik_demo.json. The older positional form
+// `velik_demo [seconds] [client threads] [connections each] [json file]`
+// still works: `velik_demo 3` is the short run of earlier versions.
 #include <Velik/Velik.h>
 
 #include <arpa/inet.h>
@@ -38,6 +55,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,6 +63,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -512,22 +531,205 @@ double percentile(std::vector<double>& samples, double p) {
     return samples[k];
 }
 
+// ---------------------------------------------------------------- the background thread
+
+// A compaction job: every couple of hundred milliseconds (jittered) a batch
+// of work is due, which it does a quantum at a time.
+class Compactor : public Velik::TimerTask {
+  public:
+    Compactor(Velik::TaskScheduler* group, int id)
+        : TimerTask(group, TaskPriority::low, "compactor" + std::to_string(id)),
+          batch_(50'000u * static_cast<std::uint32_t>(id + 1)),
+          state_(static_cast<std::uint64_t>(id)) {}
+
+    void taskExecute() override {
+        if (left_ == 0) {
+            left_ = batch_;
+        }
+        std::uint64_t done = 0;
+        while (left_ > 0 && !taskShouldYield()) {
+            state_ = state_ * 6364136223846793005u + 1442695040888963407u;  // the "work"
+            --left_;
+            ++done;
+        }
+        taskWorkCountInc(done);
+        taskWorkPendingIs(left_);
+        if (left_ > 0) {
+            scheduleTask();
+        } else {
+            scheduleTaskJitterUp(0.2, 50);
+        }
+    }
+
+  private:
+    std::uint32_t batch_;
+    std::uint32_t left_ = 0;
+    std::uint64_t state_;
+};
+
+// Serves `root` at `path`; says why not when it cannot.
+std::unique_ptr<Velik::StatsEndpoint> serveStatsOrSay(Velik::TaskSchedulerRoot& root,
+                                                      const std::string& path) {
+    try {
+        return Velik::serveStats(root, path);
+    } catch (const Velik::Exception& e) {
+        std::fprintf(stderr, "velik_demo: not serving statistics: %s\n", e.message().c_str());
+        return nullptr;
+    }
+}
+
+// A second thread, on libevent, with a root of its own: six compaction jobs in
+// a task group, and a stats endpoint of its own when `socketPath` is given.
+class BackgroundThread {
+  public:
+    explicit BackgroundThread(std::string socketPath)
+        : thread_([this, path = std::move(socketPath)] { run(path); }) {}
+    ~BackgroundThread() {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    void run(const std::string& socketPath) {
+        Velik::useThreadLocalSingletons();
+        auto root = Velik::schedulerRootVelik();
+        auto jobs = Velik::TaskGroupIs("compaction", TaskPriority::low, false, root);
+        std::vector<std::shared_ptr<Compactor>> compactors;
+        for (int i = 0; i < 6; ++i) {
+            compactors.push_back(std::make_shared<Compactor>(jobs.get(), i));
+            compactors.back()->scheduleTaskJitterUp(0.2, 50);
+        }
+        auto stats = socketPath.empty() ? nullptr : serveStatsOrSay(*root, socketPath);
+        while (!stop_) {
+            Velik::Platform::doEventLoop(0.05);
+        }
+        stats.reset();
+        for (auto& c : compactors) {
+            c->stopTimerTask();
+        }
+    }
+
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+// ---------------------------------------------------------------- the options
+
+struct Options {
+    double seconds = 30.0;
+    int threads = 4;
+    int perThread = 50;
+    std::string jsonPath = "velik_demo.json";
+    std::string statsDir;  // empty: no stats endpoints
+};
+
+std::string defaultStatsDir() {
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    return std::string(runtime && *runtime ? runtime : "/tmp") + "/velik_demo-" +
+           std::to_string(getuid());
+}
+
+[[noreturn]] void usage(int status) {
+    std::fprintf(status ? stderr : stdout,
+                 "usage: velik_demo [--seconds N] [--stats-dir DIR] [--clients N] "
+                 "[--connections N] [--json FILE]\n"
+                 "       velik_demo [seconds] [client threads] [connections each] [json file]\n"
+                 "--stats-dir '' serves no statistics\n");
+    std::exit(status);
+}
+
+Options parseOptions(int argc, char** argv) {
+    Options options;
+    options.statsDir = defaultStatsDir();
+    int positional = 0;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        const auto value = [&]() -> const char* {
+            if (i + 1 >= argc) {
+                usage(2);
+            }
+            return argv[++i];
+        };
+        if (arg == "--seconds") {
+            options.seconds = std::atof(value());
+        } else if (arg == "--stats-dir") {
+            options.statsDir = value();
+        } else if (arg == "--clients") {
+            options.threads = std::atoi(value());
+        } else if (arg == "--connections") {
+            options.perThread = std::atoi(value());
+        } else if (arg == "--json") {
+            options.jsonPath = value();
+        } else if (arg == "--help" || arg == "-h") {
+            usage(0);
+        } else if (arg.starts_with("-") || positional > 3) {
+            usage(2);
+        } else {
+            switch (positional++) {
+                case 0:
+                    options.seconds = std::atof(argv[i]);
+                    break;
+                case 1:
+                    options.threads = std::atoi(argv[i]);
+                    break;
+                case 2:
+                    options.perThread = std::atoi(argv[i]);
+                    break;
+                default:
+                    options.jsonPath = argv[i];
+                    break;
+            }
+        }
+    }
+    return options;
+}
+
+// Makes the stats directory, readable by its owner only; false (having said
+// why) when it cannot be used.
+bool prepareStatsDir(const std::string& dir) {
+    struct stat st;
+    if (Velik::Util::mkpath(dir, 0700) != 0 || lstat(dir.c_str(), &st) != 0) {
+        std::fprintf(stderr, "velik_demo: stats directory %s: %s\n", dir.c_str(),
+                     std::strerror(errno));
+        return false;
+    }
+    if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid()) {
+        std::fprintf(stderr, "velik_demo: %s is not a directory of ours; not serving statistics\n",
+                     dir.c_str());
+        return false;
+    }
+    chmod(dir.c_str(), 0700);
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
-    const int threads = argc > 2 ? std::atoi(argv[2]) : 4;
-    const int perThread = argc > 3 ? std::atoi(argv[3]) : 50;
-    const std::string jsonPath = argc > 4 ? argv[4] : "velik_demo.json";
+    const Options options = parseOptions(argc, argv);
+    const double seconds = options.seconds;
+    const int threads = options.threads;
+    const int perThread = options.perThread;
+    const std::string& jsonPath = options.jsonPath;
     constexpr int quiet = 20;
 
     auto root = Velik::schedulerRootVelik();
     Server server(root);
     const std::uint16_t port = server.listen();
+
+    // Each thread's root answers on its own socket of the stats directory.
+    const bool serving = !options.statsDir.empty() && prepareStatsDir(options.statsDir);
+    auto stats = serving ? serveStatsOrSay(*root, options.statsDir + "/main.sock") : nullptr;
+    BackgroundThread background(serving ? options.statsDir + "/background.sock" : "");
+
     std::printf(
         "velik_demo: key-value server on 127.0.0.1:%u; %d client threads x %d "
-        "connections for %.1f s, and %d quiet connections\n\n",
+        "connections for %.1f s, and %d quiet connections\n",
         port, threads, perThread, seconds, quiet);
+    if (stats) {
+        std::printf("velik_demo: watch it live with: velik-top %s\n", options.statsDir.c_str());
+    }
+    std::printf("\n");
+    std::fflush(stdout);
 
     // The clients run on their own threads; the server has this one.
     const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(

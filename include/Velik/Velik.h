@@ -34,6 +34,7 @@
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
 #include <Velik/SnapshotRenderJson.h>
+#include <Velik/StatsEndpoint.h>
 #include <Velik/Task.h>
 #include <Velik/TaskControl.h>
 #include <Velik/TaskGroup.h>

@@ -1,0 +1,141 @@
+// A stats endpoint: a running daemon's statistics, asked for over a
+// Unix-domain socket.
+//
+// `serveStats` opens a socket for one thread's root and serves it with tasks
+// of that root: the listener and every connection are descriptor tasks, and
+// each reply is written by the asynchronous writer (SnapshotRenderJson.h), a
+// slice at a time, whenever the client can take more. A slow client only
+// slows its own reply; one that goes away ends it; nothing a client sends
+// blocks the thread or stalls its tasks.
+//
+//   auto root = Velik::schedulerRootVelik();
+//   auto stats = Velik::serveStats(*root, "/run/mydaemon/main.sock");
+//   Velik::Platform::doEventLoop();
+//
+//   $ echo snapshot | socat - UNIX-CONNECT:/run/mydaemon/main.sock | jq .
+//
+// The protocol: one request line per connection, at most 256 bytes with its
+// "\n" (a "\r" before it is tolerated), then the reply, then the server
+// closes the connection.
+//
+//   snapshot   the root's JSON document (TaskSchedulerSnapshot.h), with
+//              completed tasks, task groups and the event history
+//   report     the text report (TaskSchedulerTextReport.h), with completed
+//              tasks
+//   history    the event history, oldest first, one event a line:
+//              "<nsSinceBoot> <schedulerName> <eventType> <eventId>"
+//
+// Anything else gets one line "error: <reason>\n" and the connection is
+// closed: a line with bytes other than printable ASCII, an unknown verb, a
+// line longer than 256 bytes, or no complete line within the request
+// time-out. A client beyond `maxClients` gets "error: too many clients\n", a
+// peer whose uid (SO_PEERCRED) is neither the daemon's effective uid nor 0
+// gets "error: permission denied\n". A reply the client has not taken within
+// the reply time-out is dropped, so a client that never reads costs its
+// reply's memory for that long and nothing else.
+//
+// The socket file is created with mode 0600 (no moment where others could
+// connect) and removed when the endpoint is destroyed. Serve several threads
+// with one endpoint per thread root, one socket each, typically
+// "<dir>/<name>.sock" in a directory of mode 0700.
+//
+// An endpoint belongs to its root's thread: create and destroy it there.
+#pragma once
+
+#include <Velik/TaskPriority.h>
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace Velik {
+
+class TaskSchedulerRoot;
+namespace Impl {
+class StatsConnection;
+class StatsListener;
+}  // namespace Impl
+
+struct StatsEndpointOptions {
+    // Connections served at once; the next one is refused.
+    std::size_t maxClients = 8;
+    // Seconds a client has to send its whole request line.
+    double requestTimeout = 5.0;
+    // Seconds a reply may take to be read; then the connection is dropped.
+    double replyTimeout = 60.0;
+    // The priority of the listener and connection tasks. Low: statistics
+    // give way to the daemon's own work.
+    TaskPriority priority = TaskPriority::low;
+    // Whether snapshots and reports list tasks that never ran.
+    bool includeNoRuns = true;
+    // When set, every peer is taken to have this uid instead of its own, so
+    // that tests can play a foreign user.
+    std::optional<uid_t> peerUidForTest;
+};
+
+class StatsEndpoint {
+  public:
+    static constexpr const char* traceClassName = "StatsEndpoint";
+    // The longest request line, its "\n" included.
+    static constexpr std::size_t maxRequestSize = 256;
+
+    // Use `serveStats`.
+    StatsEndpoint(TaskSchedulerRoot& root, std::string socketPath, StatsEndpointOptions options);
+    StatsEndpoint(const StatsEndpoint&) = delete;
+    StatsEndpoint& operator=(const StatsEndpoint&) = delete;
+    // Closes every connection, replies half written included, closes the
+    // socket and removes its file (unless another socket has taken the
+    // path since).
+    ~StatsEndpoint();
+
+    const std::string& socketPath() const { return socketPath_; }
+    const StatsEndpointOptions& options() const { return options_; }
+    TaskSchedulerRoot& root() const { return root_; }
+
+    // Connections being served (reading their request or taking a reply).
+    std::size_t clientCount() const { return connections_.size(); }
+    // Connections accepted so far, refused ones included.
+    std::uint64_t acceptedCount() const { return acceptedCount_; }
+    // Connections refused for their uid or for too many clients.
+    std::uint64_t refusedCount() const { return refusedCount_; }
+
+    // The listener's entry for a new connection: refuses it or serves it.
+    void accepted(int fd);
+    // A connection's end: releases it and closes its descriptor. Called from
+    // the connection's own tasks, which then return at once.
+    void connectionEnded(int fd);
+
+  private:
+    // Whether the peer on `fd` may ask: the daemon's effective uid or root.
+    bool peerAllowed(int fd) const;
+
+    TaskSchedulerRoot& root_;
+    std::string socketPath_;
+    StatsEndpointOptions options_;
+    int listenFd_ = -1;
+    dev_t socketDev_ = 0;
+    ino_t socketIno_ = 0;
+    std::shared_ptr<Impl::StatsListener> listener_;
+    std::map<int, std::shared_ptr<Impl::StatsConnection>> connections_;
+    std::uint64_t acceptedCount_ = 0;
+    std::uint64_t refusedCount_ = 0;
+};
+
+// Serves the statistics of `root` on a new Unix-domain socket at
+// `socketPath`; call it on the root's thread, and keep the result for as long
+// as the socket should answer. The directory must exist.
+//
+// A stale socket file at the path (nobody answers) is replaced. Throws
+// `RuntimeException` when another process answers on it ("... is served by
+// another process"), when the path is something other than a socket, when
+// it is too long for a Unix socket address, or when the socket cannot be
+// made, bound or listened on (with the system's error text).
+std::unique_ptr<StatsEndpoint> serveStats(TaskSchedulerRoot& root, std::string socketPath,
+                                          StatsEndpointOptions options = {});
+
+}  // namespace Velik

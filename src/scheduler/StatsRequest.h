@@ -1,0 +1,37 @@
+// What a stats endpoint's client asks, and the text it gets back.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Velik {
+class TaskSchedulerRoot;
+}
+
+namespace Velik::Impl {
+
+enum class StatsVerb { snapshot, report, history };
+
+// A request line parsed: a verb, or the reason it was refused.
+struct StatsRequest {
+    std::optional<StatsVerb> verb;
+    std::string error;
+};
+
+// `line` without its "\n"; one "\r" at its end is dropped. Anything but
+// printable ASCII is "malformed request"; a word other than the three verbs
+// is an unknown verb.
+StatsRequest parseStatsRequest(std::string_view line);
+
+// "error: <reason>\n".
+std::string statsErrorLine(std::string_view reason);
+
+// The reply to `verb` for `root`, rendered now on the root's thread.
+std::string renderStatsReply(const TaskSchedulerRoot& root, StatsVerb verb, bool includeNoRuns);
+
+// The root's history, oldest first, one event a line:
+// "<nsSinceBoot> <schedulerName> <eventType> <eventId>".
+std::string historyRenderLines(const TaskSchedulerRoot& root);
+
+}  // namespace Velik::Impl

@@ -1,0 +1,44 @@
+// The Unix-domain socket under a stats endpoint: made owner-only, replacing a
+// stale file, removed only while it is still ours.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Velik::Impl {
+
+// A listening socket and the identity of its file.
+struct ListeningSocket {
+    int fd = -1;
+    dev_t dev = 0;
+    ino_t ino = 0;
+};
+
+// Listens at `path`: non-blocking, close-on-exec, the file of mode 0600 from
+// the moment it exists. A socket file nobody answers on is replaced first.
+// Throws `RuntimeException` for a path too long for a socket address, a path
+// that is not a socket, a socket another process answers on, or a failing
+// system call (with its error text).
+ListeningSocket listenOwnerOnly(const std::string& path, int backlog);
+
+// Removes `path` if it is still the file (`dev`, `ino`): a daemon that took
+// the path over since keeps its socket.
+void unlinkIfSame(const std::string& path, dev_t dev, ino_t ino);
+
+// The uid of the peer on a connected socket (SO_PEERCRED); none on failure.
+std::optional<uid_t> peerUid(int fd);
+
+// Writes `text` with one non-blocking send (a fresh connection always has
+// room for a line; otherwise the rest is dropped), then closes `fd` as
+// `closeDrained` does.
+void sendAndClose(int fd, std::string_view text);
+
+// Reads and discards what the peer sent and nobody read (a bounded amount),
+// then closes: a Unix socket closed with unread input would make the peer's
+// next read fail with ECONNRESET instead of seeing the end of the reply.
+void closeDrained(int fd);
+
+}  // namespace Velik::Impl

@@ -1,0 +1,286 @@
+// The stats endpoint on a real socket and a real loop, on both platforms and
+// under virtual time: the three replies, every refusal, and the socket file's
+// life.
+#include <Velik/Exception.h>
+#include <Velik/StatsEndpoint.h>
+#include <rapidjson/document.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+
+#include "platform/Families.h"
+#include "scheduler/SchedulerFixture.h"
+
+namespace {
+
+using Velik::TaskPriority;
+using VelikTest::ProbeTask;
+
+// A client on the test's own thread: its reads never wait.
+struct Client {
+    explicit Client(const std::string& path, int receiveBuffer = 0) {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (receiveBuffer) {
+            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        }
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~Client() { close(fd); }
+    void send(std::string_view text) {
+        EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    // Takes what has arrived; true once the server has closed.
+    bool ended() {
+        char buffer[65536];
+        for (ssize_t n; !closed;) {
+            n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n > 0) {
+                got.append(buffer, static_cast<std::size_t>(n));
+            } else if (n == 0 || errno != EAGAIN) {
+                closed = true;
+            } else {
+                break;
+            }
+        }
+        return closed;
+    }
+    int fd;
+    std::string got;
+    bool closed = false;
+};
+
+class StatsEndpointTest : public VelikTest::FamilyTest {
+  protected:
+    void SetUp() override {
+        FamilyTest::SetUp();
+        char name[] = "/tmp/velikstatsXXXXXX";
+        dir = mkdtemp(name);
+        path = dir + "/main.sock";
+    }
+    void TearDown() override {
+        std::filesystem::remove_all(dir);
+        FamilyTest::TearDown();
+    }
+
+    // Runs the loop in short slices until `done`, a bounded number of times.
+    static bool pumpUntil(const std::function<bool()>& done) {
+        for (int i = 0; i < 2000; ++i) {
+            if (done()) {
+                return true;
+            }
+            Velik::Platform::doEventLoopInWaitfor(0.001);
+        }
+        return done();
+    }
+    std::string ask(std::string_view request) {
+        Client client(path);
+        client.send(request);
+        EXPECT_TRUE(pumpUntil([&] { return client.ended(); })) << request;
+        return client.got;
+    }
+
+    std::string dir, path;
+};
+
+TEST_P(StatsEndpointTest, AnswersSnapshotReportAndHistory) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        auto worker = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "worker");
+        worker->scheduleTask();
+        auto endpoint = Velik::serveStats(*root, path);
+
+        const std::string json = ask("snapshot\n");
+        rapidjson::Document doc;
+        ASSERT_FALSE(doc.Parse(json.c_str()).HasParseError()) << json.substr(0, 200);
+        const auto& main = doc["schedulers"][root->schedulerName().c_str()];
+        EXPECT_TRUE(main["isRootScheduler"].GetBool());
+        EXPECT_GT(main["history"]["history"].Size(), 0u);
+        std::string names;
+        for (const auto& t : main["tasks"]["tasks"].GetArray()) {
+            names += std::string(t["name"].GetString()) + ",";
+        }
+        EXPECT_NE(names.find("worker,"), std::string::npos) << names;
+        EXPECT_NE(names.find("StatsEndpoint:client:read,"), std::string::npos) << names;
+
+        const std::string report = ask("report\r\n");  // a CR before the LF is tolerated
+        EXPECT_EQ(report.substr(0, report.find('\n')),
+                  "Priority RunnableCount     IdleCount DoneCount   TotalRunCount");
+        EXPECT_NE(report.find("TaskName (completed)"), std::string::npos);
+
+        // Oldest first, the root's name, a known event type.
+        std::istringstream history(ask("history\n"));
+        long long previous = 0, ns;
+        int lines = 0;
+        for (std::string line; std::getline(history, line); ++lines) {
+            std::istringstream fields(line);
+            std::string scheduler;
+            ASSERT_TRUE(fields >> ns >> scheduler) << line;
+            EXPECT_GE(ns, previous) << line;
+            EXPECT_EQ(scheduler, root->schedulerName().str());
+            previous = ns;
+        }
+        EXPECT_GT(lines, 50);
+        EXPECT_LE(lines, static_cast<int>(root->historyEntryCount()));
+        EXPECT_EQ(endpoint->clientCount(), 0u);
+    });
+}
+
+TEST_P(StatsEndpointTest, BadRequestsGetOneErrorLineAndTheDaemonCarriesOn) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        auto endpoint = Velik::serveStats(*root, path);
+        EXPECT_EQ(ask("snap\x01shot\n"), "error: malformed request\n");
+        EXPECT_EQ(ask("\n"), "error: malformed request\n");
+        EXPECT_EQ(ask("stats\n"), "error: unknown verb, ask for snapshot, report or history\n");
+        EXPECT_EQ(ask("snapshot \n"), "error: unknown verb, ask for snapshot, report or history\n");
+        EXPECT_EQ(ask(std::string(255, 'x') + "\n"),
+                  "error: unknown verb, ask for snapshot, report or history\n");
+        // One byte over: refused without reading the rest.
+        EXPECT_EQ(ask(std::string(256, 'x') + "\n" + std::string(5000, 'y')),
+                  "error: request too long, at most 256 bytes\n");
+        {
+            Client halfClosed(path);
+            halfClosed.send("report");
+            shutdown(halfClosed.fd, SHUT_WR);
+            ASSERT_TRUE(pumpUntil([&] { return halfClosed.ended(); }));
+            EXPECT_EQ(halfClosed.got, "error: malformed request, the line has no end\n");
+        }
+        EXPECT_EQ(ask("history\n").empty(), false);  // still answering
+        EXPECT_EQ(endpoint->refusedCount(), 0u);
+    });
+}
+
+TEST_P(StatsEndpointTest, ForeignUidRefusedRootAllowed) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        Velik::StatsEndpointOptions options;
+        options.peerUidForTest = geteuid() + 1;
+        auto endpoint = Velik::serveStats(*root, path, options);
+        EXPECT_EQ(ask("snapshot\n"), "error: permission denied\n");
+        EXPECT_EQ(endpoint->refusedCount(), 1u);
+        endpoint.reset();
+
+        options.peerUidForTest = 0;
+        endpoint = Velik::serveStats(*root, path, options);
+        EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");
+    });
+}
+
+TEST_P(StatsEndpointTest, ClientsBeyondTheBoundAreRefusedUntilOneEnds) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        Velik::StatsEndpointOptions options;
+        options.maxClients = 2;
+        auto endpoint = Velik::serveStats(*root, path, options);
+        Client first(path), second(path);
+        ASSERT_TRUE(pumpUntil([&] { return endpoint->clientCount() == 2; }));
+        EXPECT_EQ(ask("report\n"), "error: too many clients\n");
+        EXPECT_FALSE(first.ended());
+
+        first.send("history\n");
+        ASSERT_TRUE(pumpUntil([&] { return first.ended(); }));
+        EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");
+        EXPECT_EQ(endpoint->refusedCount(), 1u);
+        EXPECT_EQ(endpoint->acceptedCount(), 4u);
+    });
+}
+
+TEST_P(StatsEndpointTest, RequestAndReplyDeadlines) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        Velik::StatsEndpointOptions options;
+        options.requestTimeout = 3.0;
+        options.replyTimeout = 30.0;
+        auto endpoint = Velik::serveStats(*root, path, options);
+        Client slow(path);
+        slow.send("snap");
+        ASSERT_TRUE(pumpUntil([&] { return endpoint->clientCount() == 1; }));  // accepted
+        Velik::Platform::doEventLoop(2.5);
+        EXPECT_FALSE(slow.ended());
+        Velik::Platform::doEventLoop(1.0);
+        EXPECT_TRUE(slow.ended());
+        EXPECT_EQ(slow.got, "error: request timed out\n");
+
+        // A client that asks and never reads: its reply fills the socket and
+        // waits, the daemon's tasks keep running and other clients are
+        // served; at the reply deadline the connection is dropped.
+        std::vector<std::shared_ptr<ProbeTask>> many;
+        for (int i = 0; i < 3000; ++i) {  // about a megabyte of JSON
+            many.push_back(std::make_shared<ProbeTask>(root.get(), TaskPriority::low,
+                                                       "filler" + std::to_string(i)));
+        }
+        Client mute(path, 4096);
+        mute.send("snapshot\n");
+        int ticks = 0;
+        auto ticker = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "ticker");
+        ticker->body = [&](ProbeTask& self) {
+            if (++ticks < 500) {
+                self.scheduleTask();
+            }
+        };
+        ticker->scheduleTask();
+        EXPECT_TRUE(pumpUntil([&] { return ticks == 500; }));
+        EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");
+        EXPECT_EQ(endpoint->clientCount(), 1u);
+        Velik::Platform::doEventLoop(31.0);
+        EXPECT_EQ(endpoint->clientCount(), 0u);
+        EXPECT_TRUE(mute.ended());
+        EXPECT_EQ(mute.got.substr(0, 15), R"({"schedulers":{)");
+        EXPECT_FALSE(mute.got.ends_with("}}"));  // it never had it all
+    });
+}
+
+TEST_P(StatsEndpointTest, SocketFileOwnerOnlyReplacedWhenStaleRemovedAtTheEnd) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        {  // a socket left behind by a daemon that died
+            const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strcpy(address.sun_path, path.c_str());
+            ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+            close(stale);
+        }
+        auto endpoint = Velik::serveStats(*root, path);
+        struct stat st;
+        ASSERT_EQ(stat(path.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
+        EXPECT_EQ(st.st_mode & 07777, 0600u);
+
+        auto failure = [&](const std::string& at) {
+            try {
+                Velik::serveStats(*root, at);
+            } catch (const Velik::RuntimeException& e) {
+                return e.message();
+            }
+            return std::string("no exception");
+        };
+        EXPECT_THAT(failure(path), testing::HasSubstr("is in use: another endpoint answers"));
+        EXPECT_THAT(failure(dir), testing::HasSubstr("exists and is not a socket"));
+        EXPECT_THAT(failure(dir + "/" + std::string(120, 'x')),
+                    testing::HasSubstr("a Unix socket address holds 1 to 107"));
+        EXPECT_THAT(failure(dir + "/missing/x.sock"),
+                    testing::HasSubstr("bind failed: No such file or directory"));
+
+        Client open(path);  // a connection still open at the end is closed
+        ASSERT_TRUE(pumpUntil([&] { return endpoint->clientCount() == 1; }));
+        endpoint.reset();
+        EXPECT_FALSE(std::filesystem::exists(path));
+        EXPECT_TRUE(open.ended());
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(BothPlatforms, StatsEndpointTest,
+                         testing::Values(VelikTest::Family::framework, VelikTest::Family::libevent),
+                         VelikTest::familyName);
+
+}  // namespace
