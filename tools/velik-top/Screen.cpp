@@ -195,16 +195,16 @@ bool Screen::handleKey(int key) {
         case 'Q':
             return false;
         case 't':
-            view_.sort = SortKey::share;
+            sortBy(SortKey::share);
             break;
         case 'l':
-            view_.sort = SortKey::latency;
+            sortBy(SortKey::latency);
             break;
         case 'v':
-            view_.sort = SortKey::violations;
+            sortBy(SortKey::violations);
             break;
         case 'n':
-            view_.sort = SortKey::name;
+            sortBy(SortKey::name);
             break;
         case '/':
             editingFilter_ = true;
@@ -272,7 +272,20 @@ void Screen::handleFilterKey(int key) {
         view_.filter += static_cast<char>(key);
     }
     // The table follows the filter as it is typed.
+    toTop();
     rebuild();
+}
+
+void Screen::sortBy(SortKey key) {
+    // A new order starts at its top, as a new filter does.
+    view_.sort = key;
+    toTop();
+}
+
+void Screen::toTop() {
+    cursor_ = 0;
+    scroll_ = 0;
+    cursorId_.clear();
 }
 
 void Screen::moveCursor(long delta) {

@@ -34,6 +34,8 @@ class Screen {
     // Acts on one key; false to quit.
     bool handleKey(int key);
     void handleFilterKey(int key);
+    void sortBy(SortKey key);
+    void toTop();
     void moveCursor(long delta);
     void changeInterval(bool longer);
     void rebuild();
