@@ -8,7 +8,9 @@
 namespace VelikTop {
 namespace {
 
-constexpr std::size_t maxNameColumn = 20;
+// Long thread and scheduler names are cut so the task names keep their room.
+constexpr std::size_t maxThreadColumn = 12;
+constexpr std::size_t maxSchedulerColumn = 16;
 
 std::string cut(const std::string& s, std::size_t width) {
     return s.substr(0, width);
@@ -82,9 +84,10 @@ std::string formatSeconds(double seconds) {
 TableLayout::TableLayout(const std::vector<TableLine>& lines, bool showThread)
     : showThread_(showThread) {
     for (const TableLine& line : lines) {
-        threadWidth_ = std::max(threadWidth_, std::min(maxNameColumn, line.thread->thread.size()));
+        threadWidth_ =
+            std::max(threadWidth_, std::min(maxThreadColumn, line.thread->thread.size()));
         schedulerWidth_ =
-            std::max(schedulerWidth_, std::min(maxNameColumn, line.row->scheduler.size()));
+            std::max(schedulerWidth_, std::min(maxSchedulerColumn, line.row->scheduler.size()));
     }
 }
 
