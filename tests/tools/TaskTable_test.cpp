@@ -83,9 +83,6 @@ TEST_F(TaskTableTest, FoldingOneGroupOrAll) {
     EXPECT_EQ(names(), (Names{"pool", "quiet", "slow"}));
     view.toggleFoldAll();  // all folded: unfold all
     EXPECT_EQ(names().size(), 5u);
-    view.toggleFold(lines[0].groupKey);
-    view.toggleFold(lines[0].groupKey);
-    EXPECT_EQ(names().size(), 5u);
 }
 
 TEST_F(TaskTableTest, LinesShowRatesAndMarkGroups) {

@@ -138,6 +138,9 @@ std::string prometheusText(const std::vector<ThreadSnapshot>& threads) {
         heading(out, m.name, m.type, m.help);
         for (const ThreadSnapshot& t : threads) {
             for (const TaskRow& row : t.tasks) {
+                if (row.standIn) {
+                    continue;  // no figures of its own
+                }
                 if (const auto v = m.value(row)) {
                     out += fmt::format("{}{{{}}} {}\n", m.name, taskLabels(t, row), number(*v));
                 }

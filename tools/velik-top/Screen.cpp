@@ -65,12 +65,10 @@ void Screen::run() {
             std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
         timeout(static_cast<int>(std::max<long long>(wait, 0)));
         const int key = getch();
-        if (key != ERR) {
-            if (!handleKey(key)) {
-                return;
-            }
-            continue;
+        if (key != ERR && !handleKey(key)) {
+            return;
         }
+        // Checked after keys too: a held key must not stop the refreshes.
         if (Clock::now() >= next) {
             sampler_.refresh();
             rebuild();

@@ -148,6 +148,7 @@ class Reader {
             stand.depth = depth;
             stand.name = textOf(m.value, "schedulerName");
             stand.isGroup = true;
+            stand.standIn = true;
             stand.childScope = scope + "/" + key;
             out_.tasks.push_back(stand);
             readScheduler(m.value, stand.childScope, depth + 1);

@@ -33,6 +33,7 @@ struct TaskRow {
     std::string priority;
     bool completed = false;  // a record summing finished tasks of this name
     bool isGroup = false;
+    bool standIn = false;    // a group row made up for a group whose task was left out
     std::string childScope;  // groups only
     bool onRunQueue = false, currentlyRunning = false, suspended = false;
     bool hasTimer = false, timerRunning = false;
