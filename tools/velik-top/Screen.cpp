@@ -79,23 +79,11 @@ void Screen::run() {
 }
 
 void Screen::rebuild() {
+    // The cursor keeps its place on the screen, as in top: following one
+    // task through the reordering of every refresh would scroll the table
+    // about under the reader's eyes.
     lines_ = buildTable(sampler_.views(), view_);
-    // Stay on the same task when it is still there.
-    for (std::size_t i = 0; i < lines_.size() && !cursorId_.empty(); ++i) {
-        if (lines_[i].thread->thread + '\n' + lines_[i].row->identity() == cursorId_) {
-            cursor_ = i;
-            return;
-        }
-    }
     cursor_ = lines_.empty() ? 0 : std::min(cursor_, lines_.size() - 1);
-    cursorId_ = cursorIdentity();
-}
-
-std::string Screen::cursorIdentity() const {
-    if (cursor_ >= lines_.size()) {
-        return {};
-    }
-    return lines_[cursor_].thread->thread + '\n' + lines_[cursor_].row->identity();
 }
 
 void Screen::draw() {
@@ -283,7 +271,6 @@ void Screen::sortBy(SortKey key) {
 void Screen::toTop() {
     cursor_ = 0;
     scroll_ = 0;
-    cursorId_.clear();
 }
 
 void Screen::moveCursor(long delta) {
@@ -292,7 +279,6 @@ void Screen::moveCursor(long delta) {
     }
     const long last = static_cast<long>(lines_.size()) - 1;
     cursor_ = static_cast<std::size_t>(std::clamp(static_cast<long>(cursor_) + delta, 0L, last));
-    cursorId_ = cursorIdentity();
 }
 
 void Screen::changeInterval(bool longer) {

@@ -39,8 +39,6 @@ class Screen {
     void moveCursor(long delta);
     void changeInterval(bool longer);
     void rebuild();
-    // Identifies the line under the cursor across refreshes.
-    std::string cursorIdentity() const;
 
     Sampler& sampler_;
     double interval_;
@@ -48,7 +46,6 @@ class Screen {
     std::vector<TableLine> lines_;
     std::size_t cursor_ = 0;
     std::size_t scroll_ = 0;
-    std::string cursorId_;
     bool showHistory_ = true;
     bool editingFilter_ = false;
     std::string filterBefore_;  // restored by Esc
