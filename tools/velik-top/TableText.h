@@ -1,12 +1,12 @@
 // The table and its header as lines of text, for the screen and `--once`.
 //
-//   THREAD SCHEDULER   SP   RUN/s  TIME%  LAST-LAT   MAX-LAT QV200 QV500  WORK/s  PEND TASK
-//   main   main        n    1.20k   37.5     4.2us   128.0us     3     0   5.01k     0 [-]
-//   TaskGroup;connections main   connections n    1.18k   36.9    12.0us    90.1us     0 0   1.18k
-//   0     connection:read
+// Columns: THREAD (only when several threads are shown), SCHEDULER, SP
+// (status and priority letters as the text report has them), RUN/s, TIME%
+// (share of the thread's time), LAST-LAT and MAX-LAT (scheduling latency),
+// QV200 and QV500, WORK/s, PEND, and last TASK: indented one step per group
+// level, a group's name after "[-]", or "[+]" while folded.
 //
-// The thread column is there only when several threads are shown. Figures
-// that need two snapshots read "-" until the second one arrives.
+// Figures that need two snapshots read "-" until the second one arrives.
 #pragma once
 
 #include "TaskTable.h"
