@@ -112,6 +112,7 @@ void BM_StatsEndpointViewer(benchmark::State& state) {
         std::atomic<double> slowestReplyMs{0};
         std::thread viewer;
         if (withViewer) {
+            root->clearStatsCommon();  // the endpoint's records of this run only
             viewer = std::thread([&] {
                 for (auto next = Clock::now(); !stop; next += 1s) {
                     const auto start = Clock::now();
@@ -150,14 +151,18 @@ void BM_StatsEndpointViewer(benchmark::State& state) {
         state.counters["MB_each"] =
             snapshots ? static_cast<double>(bytes.load()) / snapshots / 1e6 : 0.0;
         state.counters["slowest_reply_ms"] = slowestReplyMs.load();
-        // The connection's read side renders the reply: its longest run.
-        const auto& completed = root->completedTaskStats();
-        const auto render = completed.find(
-            Velik::ConstStringCache::forThisThread().intern("StatsEndpoint:client:read"));
-        state.counters["render_run_ms"] =
-            render == completed.end()
-                ? 0.0
-                : static_cast<double>(render->second.taskRunTimeHighWaterMark().count()) / 1e6;
+        // The endpoint's longest runs: taking the snapshot (the connection's
+        // read side), rendering one slice, writing to the socket.
+        const auto longestMs = [&root](const char* name) {
+            const auto& completed = root->completedTaskStats();
+            const auto it = completed.find(Velik::ConstStringCache::forThisThread().intern(name));
+            return it == completed.end()
+                       ? 0.0
+                       : static_cast<double>(it->second.taskRunTimeHighWaterMark().count()) / 1e6;
+        };
+        state.counters["snapshot_run_ms"] = longestMs("StatsEndpoint:client:read");
+        state.counters["slice_run_ms"] = longestMs("StatsEndpoint:render");
+        state.counters["write_run_ms"] = longestMs("StatsEndpoint:reply:write");
     }
 
     for (auto& p : periodic) {

@@ -39,6 +39,10 @@ class TaskSchedulerPrintContext {
     // "JSON already closed" the second time.
     void closeJson();
     bool jsonClosed() const { return closed_; }
+    // Gives the document up as it stands, unclosed: for a render abandoned
+    // half way (its reader gone), whose output nobody will read. The context
+    // then ends without writing anything more.
+    void abandonJson() { closed_ = true; }
 
     // Hands everything written so far to the stream and flushes it.
     void flush();

@@ -40,7 +40,9 @@
 #include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskStat.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -71,6 +73,45 @@ class TaskSchedulerSnapshot {
       private:
         std::uint32_t historyEntryCount_;
         std::vector<TaskSchedulerHistory::Event> events_;
+    };
+
+    // Renders a snapshot's member (the bytes `renderJson` writes) a slice at a
+    // time, so that a snapshot of many tasks need not be rendered in one task
+    // run:
+    //
+    //   TaskSchedulerSnapshot::SlicedRender render(root->snapshot(true, true, true), 500);
+    //   while (render.renderSlice(*context)) {
+    //       ...  // hand on what the context's stream holds, let others run
+    //   }
+    class SlicedRender {
+      public:
+        // One part of the document and the number of task records in it.
+        struct Step {
+            std::function<void(TaskSchedulerPrintContext&)> render;
+            std::size_t records;
+        };
+        using Steps = std::vector<Step>;
+
+        // Task lists are cut into slices of at most `recordsPerSlice` records.
+        SlicedRender(std::shared_ptr<const TaskSchedulerSnapshot> snapshot,
+                     std::size_t recordsPerSlice);
+
+        // Renders the next parts, in order, up to `recordsPerSlice` task
+        // records (the small parts between lists go with them). Returns
+        // whether anything is left.
+        bool renderSlice(TaskSchedulerPrintContext& context);
+        bool done() const { return next_ == steps_.size(); }
+
+        // Appends the parts of `snapshot`'s scheduler object (without its
+        // key); the snapshot must outlive them.
+        static void appendSchedulerSteps(Steps& steps, const TaskSchedulerSnapshot& snapshot,
+                                         std::size_t recordsPerSlice);
+
+      private:
+        std::shared_ptr<const TaskSchedulerSnapshot> snapshot_;
+        std::size_t recordsPerSlice_;
+        Steps steps_;
+        std::size_t next_ = 0;
     };
 
     // Sub-scheduler snapshots by `subSchedulerKey` of their group's task.

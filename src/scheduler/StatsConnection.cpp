@@ -6,6 +6,7 @@
 #include "Velik/TaskSchedulerRoot.h"
 #include "scheduler/StatsRequest.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -16,6 +17,32 @@ namespace Velik::Impl {
 StatsConnection::Deadline::Deadline(StatsConnection& connection, TaskScheduler* scheduler,
                                     TaskPriority priority)
     : TimerTask(scheduler, priority, "StatsEndpoint:deadline"), connection_(connection) {}
+
+StatsConnection::SnapshotSlicer::SnapshotSlicer(
+    StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority,
+    std::shared_ptr<const TaskSchedulerSnapshot> snapshot)
+    : Task(scheduler, priority, "StatsEndpoint:render"),
+      connection_(connection),
+      context_(TaskScheduler::PrintContextIs(out_)),
+      render_(std::move(snapshot), snapshotRecordsPerSlice) {}
+
+StatsConnection::SnapshotSlicer::~SnapshotSlicer() {
+    if (!finished_) {
+        context_->abandonJson();
+    }
+}
+
+void StatsConnection::SnapshotSlicer::taskExecute() {
+    if (!render_.renderSlice(*context_)) {
+        context_->closeJson();
+        finished_ = true;
+    }
+    context_->flush();
+    std::string text = std::move(out_).str();
+    out_.str(std::string());
+    taskWorkCountInc(1);
+    connection_.write(std::move(text));
+}
 
 StatsConnection::StatsConnection(StatsEndpoint& endpoint, int fd)
     : FileDescriptorTask(&endpoint.root(), endpoint.options().priority, "StatsEndpoint:client"),
@@ -63,21 +90,59 @@ void StatsConnection::requestComplete(std::string_view line) {
     const StatsRequest request = parseStatsRequest(line);
     if (!request.verb) {
         reply(statsErrorLine(request.error));
-        return;
+    } else if (*request.verb == StatsVerb::snapshot) {
+        replySnapshot();
+    } else {
+        reply(renderStatsReply(endpoint_.root(), *request.verb, endpoint_.options().includeNoRuns));
     }
-    reply(renderStatsReply(endpoint_.root(), *request.verb, endpoint_.options().includeNoRuns));
 }
 
-void StatsConnection::reply(std::string text) {
-    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "fd {} reply of {} bytes", fd_, text.size());
+void StatsConnection::startReply() {
     // One request per connection: from here on only the write task watches.
     taskWatchFdDel();
     deadline_->scheduleTaskDelay(endpoint_.options().replyTimeout);
     writer_ =
         std::make_shared<SnapshotWriteJsonTask>(scheduler()->shared_from_this(), taskPriority(),
-                                                "StatsEndpoint:reply", fd_, [this] { end(); });
+                                                "StatsEndpoint:reply", fd_, [this] { written(); });
+}
+
+void StatsConnection::reply(std::string text) {
+    startReply();
+    write(std::move(text));
+}
+
+void StatsConnection::replySnapshot() {
+    startReply();
+    // Taking the snapshot is quick; rendering it is what takes slices.
+    slicer_ = std::make_shared<SnapshotSlicer>(
+        *this, scheduler(), taskPriority(),
+        endpoint_.root().snapshot(endpoint_.options().includeNoRuns, true, true));
+    slicer_->scheduleTask();
+}
+
+void StatsConnection::write(std::string text) {
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "fd {} writing {} bytes", fd_, text.size());
     writer_->writeStrIs(std::move(text));
     writer_->requestWritable();
+}
+
+namespace {
+
+// Whether the peer has closed its end entirely (not only its sending side):
+// the rest of a reply would be rendered for nobody.
+bool peerGone(int fd) {
+    pollfd p{fd, POLLOUT, 0};
+    return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+}  // namespace
+
+void StatsConnection::written() {
+    if (slicer_ && !slicer_->finished() && !peerGone(fd_)) {
+        slicer_->scheduleTask();  // the next slice
+        return;
+    }
+    end();
 }
 
 void StatsConnection::deadlinePassed() {
@@ -95,6 +160,9 @@ void StatsConnection::stopWatching() {
     taskWatchFdDel();
     if (writer_) {
         writer_->taskWatchFdDel();
+    }
+    if (slicer_) {
+        slicer_->unscheduleTask();
     }
     deadline_->stopTimerTask();
 }

@@ -3,9 +3,13 @@
 
 #include <Velik/FileDescriptorTask.h>
 #include <Velik/SnapshotRenderJson.h>
+#include <Velik/TaskSchedulerPrintContext.h>
+#include <Velik/TaskSchedulerSnapshot.h>
 #include <Velik/TimerTask.h>
 
+#include <cstddef>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -17,9 +21,11 @@ namespace Velik::Impl {
 
 // Reads one request line without blocking and never more than the longest
 // request, then stops reading and hands the reply (or one error line) to a
-// write task of its own. A deadline bounds each phase: a request not complete
-// in time gets "error: request timed out", a reply not taken in time is
-// dropped. Its end, in every case, is `StatsEndpoint::connectionEnded`.
+// write task of its own. A snapshot is rendered and written a slice at a
+// time, so that neither a large one nor a slow reader holds the thread
+// long; the other replies are rendered in one go. A deadline bounds each phase: a request not
+// complete in time gets "error: request timed out", a reply not taken in time is dropped. Its end,
+// in every case, is `StatsEndpoint::connectionEnded`.
 class StatsConnection : public FileDescriptorTask {
   public:
     static constexpr const char* traceClassName = "StatsConnection";
@@ -41,7 +47,30 @@ class StatsConnection : public FileDescriptorTask {
     // Whether the request was read and the reply is being written.
     bool replying() const { return writer_ != nullptr; }
 
+    // Task records rendered per slice of a snapshot reply: about a
+    // millisecond of rendering.
+    static constexpr std::size_t snapshotRecordsPerSlice = 400;
+
   private:
+    // Renders the next slice of the snapshot and hands it to the writer.
+    class SnapshotSlicer : public Task {
+      public:
+        SnapshotSlicer(StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority,
+                       std::shared_ptr<const TaskSchedulerSnapshot> snapshot);
+        // A reply dropped half way is left unclosed.
+        ~SnapshotSlicer() override;
+        void taskExecute() override;
+        // Everything, the document's end included, has been handed over.
+        bool finished() const { return finished_; }
+
+      private:
+        StatsConnection& connection_;
+        std::ostringstream out_;
+        std::unique_ptr<TaskSchedulerPrintContext> context_;
+        TaskSchedulerSnapshot::SlicedRender render_;
+        bool finished_ = false;
+    };
+
     class Deadline : public TimerTask {
       public:
         Deadline(StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority);
@@ -55,6 +84,13 @@ class StatsConnection : public FileDescriptorTask {
     void requestComplete(std::string_view line);
     // Stops reading and writes `text`; the connection ends once it is written.
     void reply(std::string text);
+    // Stops reading and starts the sliced snapshot reply.
+    void replySnapshot();
+    // Stops reading, re-arms the deadline for the reply and makes the writer.
+    void startReply();
+    void write(std::string text);
+    // The writer has written (or dropped) what it was given.
+    void written();
     void deadlinePassed();
     void end();
 
@@ -63,6 +99,7 @@ class StatsConnection : public FileDescriptorTask {
     std::string request_;
     std::shared_ptr<Deadline> deadline_;
     std::shared_ptr<SnapshotWriteJsonTask> writer_;
+    std::shared_ptr<SnapshotSlicer> slicer_;
 };
 
 }  // namespace Velik::Impl

@@ -12,6 +12,7 @@
 #include "scheduler/JsonWriter.h"
 
 #include <algorithm>
+#include <limits>
 #include <sstream>
 
 namespace Velik {
@@ -113,27 +114,64 @@ std::string subSchedulerKey(const TaskStat& stat) {
     return fmt::format("{}-{}", stat.taskNameRef(), stat.taskKey().toStrep());
 }
 
-void renderJsonTasks(TaskSchedulerPrintContext& context, const char* key,
-                     const std::vector<TaskStat>& stats, std::uint32_t skipped, bool completed) {
-    std::vector<const TaskStat*> sorted;
-    sorted.reserve(stats.size());
+namespace {
+
+using SortedStats = std::vector<const TaskStat*>;
+
+// Largest total run time first.
+std::shared_ptr<const SortedStats> sortedByRunTime(const std::vector<TaskStat>& stats) {
+    auto sorted = std::make_shared<SortedStats>();
+    sorted->reserve(stats.size());
     for (const TaskStat& stat : stats) {
-        sorted.push_back(&stat);
+        sorted->push_back(&stat);
     }
-    std::sort(sorted.begin(), sorted.end(), [](const TaskStat* a, const TaskStat* b) {
+    std::sort(sorted->begin(), sorted->end(), [](const TaskStat* a, const TaskStat* b) {
         return a->taskTotalRunTime() > b->taskTotalRunTime();
     });
-    Impl::JsonWriter& w = context.writer();
-    jsonKey(w, key);
-    w.StartObject();
-    jsonKey(w, "tasks");
-    w.StartArray();
-    for (const TaskStat* stat : sorted) {
-        renderTask(w, *stat, completed);
+    return sorted;
+}
+
+// A task list: its opening, its records in slices, its closing.
+void appendTaskListSteps(TaskSchedulerSnapshot::SlicedRender::Steps& steps, const char* key,
+                         const std::vector<TaskStat>& stats, std::uint32_t skipped, bool completed,
+                         std::size_t recordsPerSlice) {
+    std::shared_ptr<const SortedStats> sorted = sortedByRunTime(stats);
+    steps.push_back({[key](TaskSchedulerPrintContext& context) {
+                         Impl::JsonWriter& w = context.writer();
+                         jsonKey(w, key);
+                         w.StartObject();
+                         jsonKey(w, "tasks");
+                         w.StartArray();
+                     },
+                     0});
+    for (std::size_t from = 0; from < sorted->size();) {
+        const std::size_t to = from + std::min(recordsPerSlice, sorted->size() - from);
+        steps.push_back({[sorted, from, to, completed](TaskSchedulerPrintContext& context) {
+                             for (std::size_t i = from; i < to; ++i) {
+                                 renderTask(context.writer(), *(*sorted)[i], completed);
+                             }
+                         },
+                         to - from});
+        from = to;
     }
-    w.EndArray();
-    member(w, "skipped", std::uint64_t{skipped});
-    w.EndObject();
+    steps.push_back({[skipped](TaskSchedulerPrintContext& context) {
+                         Impl::JsonWriter& w = context.writer();
+                         w.EndArray();
+                         member(w, "skipped", std::uint64_t{skipped});
+                         w.EndObject();
+                     },
+                     0});
+}
+
+}  // namespace
+
+void renderJsonTasks(TaskSchedulerPrintContext& context, const char* key,
+                     const std::vector<TaskStat>& stats, std::uint32_t skipped, bool completed) {
+    TaskSchedulerSnapshot::SlicedRender::Steps steps;
+    appendTaskListSteps(steps, key, stats, skipped, completed, stats.size());
+    for (const auto& step : steps) {
+        step.render(context);
+    }
 }
 
 // --- History ---
@@ -171,30 +209,73 @@ void TaskSchedulerSnapshot::renderJson(TaskSchedulerPrintContext& context) const
 }
 
 void TaskSchedulerSnapshot::renderJsonImpl(TaskSchedulerPrintContext& context) const {
-    Impl::JsonWriter& w = context.writer();
-    w.StartObject();
-    member(w, "schedulerName", std::string_view(schedulerName));
-    if (displayOrder != noDisplayOrder) {
-        member(w, "displayOrder", std::uint64_t{displayOrder});
+    // The same parts as a sliced render, in one go: one slice per list.
+    SlicedRender::Steps steps;
+    SlicedRender::appendSchedulerSteps(steps, *this, std::numeric_limits<std::size_t>::max());
+    for (const auto& step : steps) {
+        step.render(context);
     }
-    member(w, "isRootScheduler", isRootScheduler);
-    renderPriorityStats(w, queueStats);
-    member(w, "maxSchedulerSlip", maxSchedulerSlip);
-    renderJsonTasks(context, "tasks", tasks, skippedTasks, false);
-    if (!completedTasks.empty()) {
-        renderJsonTasks(context, "completedTasks", completedTasks, 0, true);
+}
+
+// --- Sliced rendering ---
+
+void TaskSchedulerSnapshot::SlicedRender::appendSchedulerSteps(Steps& steps,
+                                                               const TaskSchedulerSnapshot& s,
+                                                               std::size_t recordsPerSlice) {
+    steps.push_back({[&s](TaskSchedulerPrintContext& context) {
+                         Impl::JsonWriter& w = context.writer();
+                         w.StartObject();
+                         member(w, "schedulerName", std::string_view(s.schedulerName));
+                         if (s.displayOrder != noDisplayOrder) {
+                             member(w, "displayOrder", std::uint64_t{s.displayOrder});
+                         }
+                         member(w, "isRootScheduler", s.isRootScheduler);
+                         renderPriorityStats(w, s.queueStats);
+                         member(w, "maxSchedulerSlip", s.maxSchedulerSlip);
+                     },
+                     0});
+    appendTaskListSteps(steps, "tasks", s.tasks, s.skippedTasks, false, recordsPerSlice);
+    if (!s.completedTasks.empty()) {
+        appendTaskListSteps(steps, "completedTasks", s.completedTasks, 0, true, recordsPerSlice);
     }
-    jsonKey(w, "subSchedulers");
-    w.StartObject();
-    for (const auto& [key, sub] : subSchedulers) {
-        jsonString(w, key);
-        sub->renderJsonImpl(context);
+    steps.push_back({[](TaskSchedulerPrintContext& context) {
+                         jsonKey(context.writer(), "subSchedulers");
+                         context.writer().StartObject();
+                     },
+                     0});
+    for (const auto& [key, sub] : s.subSchedulers) {
+        steps.push_back(
+            {[&key](TaskSchedulerPrintContext& context) { jsonString(context.writer(), key); }, 0});
+        appendSchedulerSteps(steps, *sub, recordsPerSlice);
     }
-    w.EndObject();
-    if (history) {
-        history->renderJson(context);
+    steps.push_back({[&s](TaskSchedulerPrintContext& context) {
+                         context.writer().EndObject();  // subSchedulers
+                         if (s.history) {
+                             s.history->renderJson(context);
+                         }
+                         context.writer().EndObject();
+                     },
+                     0});
+}
+
+TaskSchedulerSnapshot::SlicedRender::SlicedRender(
+    std::shared_ptr<const TaskSchedulerSnapshot> snapshot, std::size_t recordsPerSlice)
+    : snapshot_(std::move(snapshot)), recordsPerSlice_(std::max<std::size_t>(recordsPerSlice, 1)) {
+    const TaskSchedulerSnapshot& s = *snapshot_;
+    steps_.push_back({[&s](TaskSchedulerPrintContext& context) {
+                          jsonString(context.writer(), s.schedulerName);
+                      },
+                      0});
+    appendSchedulerSteps(steps_, s, recordsPerSlice_);
+}
+
+bool TaskSchedulerSnapshot::SlicedRender::renderSlice(TaskSchedulerPrintContext& context) {
+    std::size_t records = 0;
+    while (next_ < steps_.size() && records + steps_[next_].records <= recordsPerSlice_) {
+        records += steps_[next_].records;
+        steps_[next_++].render(context);
     }
-    w.EndObject();
+    return !done();
 }
 
 // --- TaskScheduler ---

@@ -236,6 +236,13 @@ TEST_P(StatsEndpointTest, RequestAndReplyDeadlines) {
         EXPECT_TRUE(mute.ended());
         EXPECT_EQ(mute.got.substr(0, 15), R"({"schedulers":{)");
         EXPECT_FALSE(mute.got.ends_with("}}"));  // it never had it all
+
+        {  // one that leaves half way ends its connection at once
+            Client gone(path, 4096);
+            gone.send("snapshot\n");
+            ASSERT_TRUE(pumpUntil([&] { return endpoint->clientCount() == 1; }));
+        }
+        EXPECT_TRUE(pumpUntil([&] { return endpoint->clientCount() == 0; }));
     });
 }
 

@@ -1,0 +1,45 @@
+// A snapshot rendered a slice at a time writes exactly the bytes of one
+// render, whatever the slice size.
+#include <Velik/TaskSchedulerPrintContext.h>
+#include <Velik/TaskSchedulerSnapshot.h>
+
+#include "scheduler/ReportFixture.h"
+
+#include <sstream>
+
+namespace {
+
+class SlicedRenderTest : public VelikTest::ReportTest {};
+
+TEST_F(SlicedRenderTest, SameBytesAsOneRenderForEverySliceSize) {
+    std::vector<std::shared_ptr<VelikTest::ProbeTask>> more;
+    for (int i = 0; i < 7; ++i) {
+        more.push_back(task(Velik::TaskPriority::low, "more" + std::to_string(i)));
+        more.back()->scheduleTask();
+        runOnce();
+    }
+    jobs.clear();  // completed records in the group too
+    const auto snap = root->snapshot(true, true, true);
+    std::ostringstream whole;
+    snap->renderJson(*Velik::TaskScheduler::PrintContextIs(whole));
+
+    for (std::size_t perSlice : {0u, 1u, 2u, 5u, 1000u}) {
+        std::ostringstream out;
+        auto context = Velik::TaskScheduler::PrintContextIs(out);
+        Velik::TaskSchedulerSnapshot::SlicedRender render(snap, perSlice);
+        int slices = 1;
+        for (; render.renderSlice(*context); ++slices) {
+        }
+        EXPECT_TRUE(render.done());
+        context.reset();
+        EXPECT_EQ(out.str(), whole.str()) << perSlice;
+        if (perSlice == 2) {
+            EXPECT_GE(slices, 8) << "the live list alone has more than 14 records";
+        }
+        if (perSlice == 1000) {
+            EXPECT_EQ(slices, 1);
+        }
+    }
+}
+
+}  // namespace
