@@ -23,7 +23,7 @@ build: configure
 
 # Builds only the library and the demo, so a newcomer sees it run at once.
 demo: configure
-	cmake --build $(BUILD) -j $(JOBS) --target velik_demo
+	cmake --build $(BUILD) -j $(JOBS) --target velik_demo velik-top
 	cd $(BUILD) && ./examples/velik_demo
 
 test: build

@@ -1,0 +1,138 @@
+// Reading snapshots: rows as the library renders them, and documents the
+// library would never write (a viewer must survive other versions).
+#include "SnapshotModel.h"
+#include "TopError.h"
+
+#include "scheduler/ReportFixture.h"
+
+#include <algorithm>
+
+namespace {
+
+using VelikTop::TaskRow;
+
+const TaskRow& rowNamed(const VelikTop::ThreadSnapshot& snap, const std::string& name,
+                        bool completed = false) {
+    const auto it = std::find_if(snap.tasks.begin(), snap.tasks.end(), [&](const TaskRow& r) {
+        return r.name == name && r.completed == completed;
+    });
+    if (it == snap.tasks.end()) {
+        ADD_FAILURE() << "no row " << name;
+        static const TaskRow none;
+        return none;
+    }
+    return *it;
+}
+
+VelikTop::ExitStatus statusOf(const std::string& json) {
+    try {
+        VelikTop::parseSnapshot("t", json);
+    } catch (const VelikTop::TopError& e) {
+        return e.status();
+    }
+    return VelikTop::exitOk;
+}
+
+class SnapshotModelTest : public VelikTest::ReportTest {};
+
+TEST_F(SnapshotModelTest, RowsMatchTheLibrarysOwnRecords) {
+    worker->scheduleTask();
+    runOnce();  // some history
+    const auto snap =
+        VelikTop::parseSnapshot("main", root->statsRenderJsonToString(false, true, true));
+
+    std::vector<Velik::TaskStat> stats;
+    root->getTaskStats(&stats, false);
+    pool->getTaskStats(&stats, false);
+    ASSERT_FALSE(stats.empty());
+    for (const Velik::TaskStat& s : stats) {
+        const TaskRow& row = rowNamed(snap, s.taskName());
+        EXPECT_EQ(row.statusLetters(), s.taskStatusString()) << s.taskName();
+        EXPECT_EQ(row.address, s.taskKey().toStrep());
+        EXPECT_EQ(row.runCount, s.taskRunCount());
+        EXPECT_DOUBLE_EQ(row.totalRunTime, static_cast<double>(s.taskTotalRunTime().count()) / 1e9);
+        EXPECT_DOUBLE_EQ(row.maxLatency,
+                         static_cast<double>(s.taskSchedulingLatencyHighWaterMark().count()) / 1e9);
+        EXPECT_EQ(row.qv200, s.taskQuantumViolation200());
+        EXPECT_EQ(row.workTotal.has_value(), s.taskWorkCountHighWaterMark().hasValue());
+    }
+    EXPECT_EQ(rowNamed(snap, "worker").workPending, std::optional<std::uint64_t>(2));
+    EXPECT_FALSE(rowNamed(snap, "timer").workTotal);
+}
+
+TEST_F(SnapshotModelTest, GroupTasksFollowTheirGroupOneLevelDown) {
+    const auto snap =
+        VelikTop::parseSnapshot("main", root->statsRenderJsonToString(false, true, true));
+    const auto group = std::find_if(snap.tasks.begin(), snap.tasks.end(),
+                                    [](const TaskRow& r) { return r.isGroup; });
+    ASSERT_NE(group, snap.tasks.end());
+    EXPECT_EQ(group->depth, 0);
+    for (auto it = group + 1; it != group + 3; ++it) {
+        EXPECT_EQ(it->depth, 1);
+        EXPECT_EQ(it->scope, group->childScope);
+        EXPECT_EQ(it->scheduler, pool->schedulerName().str());
+    }
+    ASSERT_EQ(snap.schedulers.size(), 2u);
+    EXPECT_TRUE(snap.schedulers[0].isRoot);
+    EXPECT_EQ(snap.schedulers[0].skipped, 1u);  // "idle" never ran
+    EXPECT_EQ(snap.schedulers[1].scope, group->childScope);
+    EXPECT_EQ(snap.schedulers[0].priorities.at("normal").runs, 4u);
+}
+
+TEST_F(SnapshotModelTest, CompletedRecordsAndHistory) {
+    worker->scheduleTask();
+    runOnce();
+    const auto snap =
+        VelikTop::parseSnapshot("main", root->statsRenderJsonToString(false, true, true));
+    const TaskRow& brief = rowNamed(snap, "short", true);
+    EXPECT_EQ(brief.completedCount, 1u);
+    EXPECT_EQ(brief.address, "");
+    EXPECT_NE(brief.identity(), rowNamed(snap, "worker").identity());
+
+    // Newest first, as the root keeps them.
+    const auto& events = root->history()->events();
+    ASSERT_EQ(snap.history.size(), events.size());
+    ASSERT_GE(events.size(), 3u);
+    for (std::size_t i = 0; i < events.size(); ++i) {
+        EXPECT_EQ(snap.history[i].nsSinceBoot, events[i].time.time_since_epoch().count());
+        EXPECT_EQ(snap.history[i].type, events[i].eventTypeDisplay());
+        EXPECT_EQ(snap.history[i].id, events[i].displayName());
+        EXPECT_EQ(snap.history[i].scheduler, "testRoot");
+    }
+}
+
+TEST(SnapshotModel, ForeignDocumentsReadLeniently) {
+    // Wrong types and missing members read as nothing, never as a crash.
+    const auto snap = VelikTop::parseSnapshot("t", R"({"schedulers": {
+        "main": {"tasks": {"tasks": [
+            {"name": 7, "runCount": "many", "totalRunTime": -1, "qv200": 2.5,
+             "workCount": [], "onRunQueue": 1},
+            "not a task",
+            {"name": "g", "subScheduler": "g-0x1"}]},
+          "priorityStats": [], "history": {"history": [{"nsSinceBoot": "x"}, 5]},
+          "subSchedulers": {"g-0x1": {"tasks": {"tasks": [{"name": "child"}]}},
+                            "lost-0x2": {"schedulerName": "lost",
+                                         "tasks": {"tasks": [{"name": "orphan"}]}}}},
+        "other": 3}})");
+    ASSERT_EQ(snap.tasks.size(), 5u);
+    EXPECT_EQ(snap.tasks[0].name, "");
+    EXPECT_EQ(snap.tasks[0].runCount, 0u);
+    EXPECT_EQ(snap.tasks[0].qv200, 2u);
+    EXPECT_FALSE(snap.tasks[0].workTotal);
+    EXPECT_EQ(snap.tasks[0].statusLetters(), " ?");
+    EXPECT_EQ(snap.tasks[2].name, "child");
+    EXPECT_EQ(snap.tasks[2].depth, 1);
+    // A group whose own task is missing still shows its tasks under a stand-in.
+    EXPECT_TRUE(snap.tasks[3].isGroup && snap.tasks[3].standIn);
+    EXPECT_EQ(snap.tasks[3].name, "lost");
+    EXPECT_EQ(snap.tasks[4].scope, snap.tasks[3].childScope);
+    EXPECT_EQ(snap.history.size(), 1u);
+
+    EXPECT_EQ(statusOf(R"({"schedulers": {}})"), VelikTop::exitOk);
+    EXPECT_EQ(statusOf(R"({"schedulers": [)"), VelikTop::exitMalformed);
+    EXPECT_EQ(statusOf(R"({"tasks": {}})"), VelikTop::exitMalformed);
+    EXPECT_EQ(statusOf("error: too many clients\n"), VelikTop::exitMalformed);
+    EXPECT_EQ(statusOf(std::string(100000, '[')), VelikTop::exitMalformed);
+}
+
+}  // namespace

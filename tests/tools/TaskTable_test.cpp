@@ -1,0 +1,121 @@
+// The table: order, filter and folding over a group, and the text columns.
+#include "TaskTable.h"
+#include "TableText.h"
+
+#include "FakeSnapshot.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using VelikTop::SortKey;
+using VelikTopTest::FakeTask;
+
+class TaskTableTest : public ::testing::Test {
+  protected:
+    TaskTableTest()
+        : before(VelikTopTest::fakeSnapshot(tasks(0))),
+          after(VelikTopTest::fakeSnapshot(tasks(1))) {}
+
+    // Busiest first: pool (its jobs), quiet, slow; by latency slow leads; by
+    // violations, quiet.
+    static std::vector<FakeTask> tasks(int t) {
+        return {
+            {.name = "slow", .address = "0x1", .runs = 1u + t, .time = 0.1 * t, .maxLatency = 0.5},
+            {.name = "quiet",
+             .address = "0x2",
+             .runs = 10u + t,
+             .time = 0.2 * t,
+             .maxLatency = 0.001,
+             .qv200 = 9,
+             .qv500 = 1},
+            {.name = "pool",
+             .address = "0x3",
+             .time = 0.6 * t,
+             .children = {{.name = "conn:read", .address = "0x4", .time = 0.5 * t},
+                          {.name = "accept", .address = "0x5", .time = 0.1 * t}}},
+        };
+    }
+
+    std::vector<std::string> names() const {
+        std::vector<std::string> out;
+        for (const auto& line : VelikTop::buildTable(views(), view)) {
+            out.push_back(std::string(static_cast<std::size_t>(line.row->depth), '.') +
+                          line.row->name);
+        }
+        return out;
+    }
+    std::vector<VelikTop::ThreadView> views() const {
+        return {{&after, VelikTop::rates(&before, after, 1.0)}};
+    }
+
+    VelikTop::ThreadSnapshot before, after;
+    VelikTop::ViewOptions view;
+};
+
+using Names = std::vector<std::string>;
+
+TEST_F(TaskTableTest, EachSortKeyOrdersEveryLevel) {
+    EXPECT_EQ(names(), (Names{"pool", ".conn:read", ".accept", "quiet", "slow"}));
+    view.sort = SortKey::latency;
+    EXPECT_EQ(names(), (Names{"slow", "quiet", "pool", ".accept", ".conn:read"}));
+    view.sort = SortKey::violations;
+    EXPECT_EQ(names(), (Names{"quiet", "pool", ".accept", ".conn:read", "slow"}));
+    view.sort = SortKey::name;
+    EXPECT_EQ(names(), (Names{"pool", ".accept", ".conn:read", "quiet", "slow"}));
+}
+
+TEST_F(TaskTableTest, FilterKeepsMatchesAndTheGroupsAboveThem) {
+    view.filter = "CONN";
+    EXPECT_EQ(names(), (Names{"pool", ".conn:read"}));
+    view.filter = "oo";
+    EXPECT_EQ(names(), (Names{"pool", ".conn:read", ".accept"}));  // the group itself matches
+    view.filter = "nothing";
+    EXPECT_TRUE(names().empty());
+}
+
+TEST_F(TaskTableTest, FoldingOneGroupOrAll) {
+    const auto lines = VelikTop::buildTable(views(), view);
+    ASSERT_TRUE(lines[0].row->isGroup);
+    view.toggleFold(lines[0].groupKey);
+    EXPECT_EQ(names(), (Names{"pool", "quiet", "slow"}));
+    view.toggleFoldAll();  // one folded, not all: fold all
+    EXPECT_EQ(names(), (Names{"pool", "quiet", "slow"}));
+    view.toggleFoldAll();  // all folded: unfold all
+    EXPECT_EQ(names().size(), 5u);
+}
+
+TEST_F(TaskTableTest, LinesShowRatesAndMarkGroups) {
+    view.toggleFoldAll();
+    const auto lines = VelikTop::buildTable(views(), view);
+    const VelikTop::TableLayout layout(lines, false);
+    EXPECT_EQ(layout.heading(),
+              "SCHEDULER SP   RUN/s  TIME% LAST-LAT  MAX-LAT QV200 QV500  WORK/s   PEND TASK");
+    EXPECT_EQ(layout.line(lines[0]),
+              "main       n       0   60.0        0        0     0     0                [+] pool");
+    EXPECT_EQ(layout.line(lines[1]),
+              "main       n       1   20.0        0   1.00ms     9     1                    quiet");
+    // Before a second snapshot, rates read "-".
+    const std::vector<VelikTop::ThreadView> first{{&after, VelikTop::rates(nullptr, after, 1)}};
+    const auto once = VelikTop::buildTable(first, view);
+    EXPECT_EQ(VelikTop::TableLayout(once, true).line(once[0]).substr(0, 35),
+              "main   main       n       -      - ");
+}
+
+TEST(TableText, CompactFigures) {
+    EXPECT_EQ(VelikTop::formatCount(0), "0");
+    EXPECT_EQ(VelikTop::formatCount(2.5), "2.5");
+    EXPECT_EQ(VelikTop::formatCount(999), "999");
+    EXPECT_EQ(VelikTop::formatCount(1000), "1.00k");
+    EXPECT_EQ(VelikTop::formatCount(999949), "999.9k");
+    EXPECT_EQ(VelikTop::formatCount(999999), "1.00M");
+    EXPECT_EQ(VelikTop::formatCount(-3), "0");
+    EXPECT_EQ(VelikTop::formatSeconds(0), "0");
+    EXPECT_EQ(VelikTop::formatSeconds(850e-9), "850ns");
+    EXPECT_EQ(VelikTop::formatSeconds(12e-6), "12.0us");
+    EXPECT_EQ(VelikTop::formatSeconds(4.56e-3), "4.56ms");
+    EXPECT_EQ(VelikTop::formatSeconds(1.2), "1.20s");
+    EXPECT_EQ(VelikTop::printable("a\x1b[2Jb\n"), "a?[2Jb?");
+}
+
+}  // namespace

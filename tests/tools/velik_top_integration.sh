@@ -1,0 +1,123 @@
+#!/usr/bin/env bash
+# velik-top against the running demo daemon: the scripted forms, its errors,
+# and the live view driven through a real terminal (tmux).
+# usage: velik_top_integration.sh VELIK_DEMO VELIK_TOP
+set -euo pipefail
+
+demo=$1
+top=$2
+command -v tmux >/dev/null || { echo "tmux is not installed: skipped"; exit 77; }
+
+work=$(mktemp -d)
+stats=$work/stats
+tmux_server=velik-top-test-$$
+demo_pid=
+cleanup() {
+    local rc=$?
+    tmux -L "$tmux_server" kill-server 2>/dev/null || true
+    if [[ -n $demo_pid ]]; then
+        kill "$demo_pid" 2>/dev/null || true
+        wait "$demo_pid" 2>/dev/null || true
+    fi
+    rm -rf "$work"
+    exit "$rc"
+}
+trap cleanup EXIT
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+expect_in() {  # TEXT PATTERN WHAT
+    grep -qE -- "$2" <<<"$1" || { printf '%s\n' "$1" >&2; fail "$3: no /$2/"; }
+}
+
+# Up to TRIES tenths of a second for CONDITION to hold.
+wait_for() {
+    local tries=$1
+    shift
+    for ((i = 0; i < tries; ++i)); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+"$demo" --seconds 30 --stats-dir "$stats" >"$work/demo.out" 2>&1 &
+demo_pid=$!
+wait_for 100 test -S "$stats/main.sock" -a -S "$stats/background.sock" ||
+    fail "the demo serves no stats sockets in $stats: $(cat "$work/demo.out")"
+
+# --once: two snapshots, so the rates are real.
+once=$("$top" --once -i 0.5 "$stats")
+expect_in "$once" '^velik-top .* threads: 2 ' "--once summary"
+expect_in "$once" '^thread main: busy [0-9.]+%' "--once busy share"
+expect_in "$once" '^THREAD +SCHEDULER +SP +RUN/s +TIME%' "--once heading"
+expect_in "$once" '^main +main +.* \[-\] TaskGroup;connections$' "--once group row"
+expect_in "$once" '^main +connections +n +[0-9.k]+ +[0-9.]+ .* connection:read$' "--once task row"
+expect_in "$once" '^background ' "--once second thread"
+
+# --json: one socket gives its snapshot, a directory one object per thread.
+"$top" --json "$stats/main.sock" |
+    jq -e '.schedulers.main.subSchedulers | to_entries[0].value.tasks.tasks
+           | map(select(.name == "connection:read")) | length > 0' >/dev/null ||
+    fail "--json of main.sock has no connection tasks"
+"$top" --json "$stats" | jq -e 'keys == ["background", "main"]' >/dev/null ||
+    fail "--json of the directory is not keyed by thread"
+
+# --prometheus
+prom=$("$top" --prometheus "$stats")
+expect_in "$prom" '^# TYPE velik_task_runs_total counter$' "--prometheus type line"
+expect_in "$prom" '^velik_task_runs_total\{thread="main",scheduler="connections",task="connection:read",address="0x[0-9a-f]+",priority="normal",state="live"\} [0-9]+$' \
+    "--prometheus task sample"
+expect_in "$prom" '^velik_scheduler_max_slip_seconds\{thread="background",' "--prometheus slip"
+
+# Errors: each its own exit status and a clear message.
+set +e
+msg=$("$top" --once "$work/none.sock" 2>&1); rc=$?
+set -e
+[[ $rc -eq 3 ]] || fail "a missing socket exits $rc"
+expect_in "$msg" "none.sock: no such socket" "missing socket message"
+set +e
+"$top" --bogus 2>/dev/null; rc=$?
+set -e
+[[ $rc -eq 2 ]] || fail "a bad option exits $rc"
+
+# The live view in a 160x50 terminal.
+tmux -L "$tmux_server" new-session -d -s top -x 160 -y 50 "$top -i 0.5 $stats"
+screen() { tmux -L "$tmux_server" capture-pane -p -t top; }
+keys() { tmux -L "$tmux_server" send-keys -t top "$@"; }
+shows() { screen | grep -qE -- "$1"; }
+# The table alone, without the history pane below it.
+table_lacks() { ! screen | sed -n '/^THREAD/,/^RECENT EVENTS/p' | grep -q -- "$1"; }
+expect_screen() {
+    wait_for 50 shows "$1" || { screen >&2; fail "$2: no /$1/ on the screen"; }
+}
+
+expect_screen 'connection:read' "live view of the demo's tasks"
+expect_screen '^RECENT EVENTS' "history pane"
+expect_screen 'sort: time share' "default sort"
+first_row() { screen | grep -A1 '^THREAD' | tail -1; }
+first_row_is() { first_row | grep -qE -- "$1"; }
+# The busiest task leads by default, the first name in order by name.
+wait_for 50 first_row_is 'TaskGroup;connections$' || fail "time share order: $(first_row)"
+keys n
+expect_screen 'sort: name' "sorting by name"
+wait_for 20 first_row_is ' StatsEndpoint:' || fail "name order: $(first_row)"
+keys l
+expect_screen 'sort: latency' "sorting by latency"
+
+keys / l i s t e n Enter
+expect_screen 'filter: "listen"' "the filter"
+expect_screen 'listener:read' "the filtered task"
+wait_for 20 table_lacks connection:read || fail "filtering left other tasks in the table"
+
+keys / BSpace BSpace BSpace BSpace BSpace BSpace Enter
+expect_screen 'connection:read' "clearing the filter"
+keys t f  # the busiest first, so the group is in sight
+wait_for 20 table_lacks connection:read || fail "folding all groups still shows their tasks"
+expect_screen '\[\+\] TaskGroup;connections' "a folded group"
+
+keys q
+wait_for 30 bash -c "! tmux -L $tmux_server has-session -t top 2>/dev/null" || fail "q did not quit"
+echo "velik-top integration: all checks passed"

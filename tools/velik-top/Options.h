@@ -1,0 +1,46 @@
+// The command line of velik-top.
+//
+//   velik-top [-i SECONDS] [--once | --json | --prometheus] [SOCKET|DIR]...
+//
+// Each argument is a stats socket or a directory, which stands for every
+// "*.sock" in it, one thread each (a daemon serving several threads puts
+// their sockets in one directory). Without one, the demo daemon's directory
+// is watched: ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-<uid>/.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace VelikTop {
+
+enum class Mode { live, once, json, prometheus, help };
+
+// A socket and the thread name it is shown under: the file name without
+// ".sock".
+struct Endpoint {
+    std::string path;
+    std::string thread;
+};
+
+struct Options {
+    Mode mode = Mode::live;
+    double interval = 1.0;  // seconds between snapshots
+    std::vector<std::string> targets;
+};
+
+// Throws `TopError` (`exitUsage`) for an unknown option, a missing or
+// invalid interval, or two modes at once.
+Options parseOptions(int argc, const char* const* argv);
+
+// The sockets `targets` name, directories expanded (sorted by name). Throws
+// `TopError` (`exitUnreachable`) for a path that does not exist or a
+// directory without sockets.
+std::vector<Endpoint> resolveEndpoints(const std::vector<std::string>& targets);
+
+// ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-<uid>
+std::string demoStatsDirectory();
+
+// The text of `velik-top --help`.
+std::string usageText();
+
+}  // namespace VelikTop

@@ -1,0 +1,158 @@
+#include "StatsClient.h"
+
+#include "TopError.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+namespace VelikTop {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Closes the descriptor however the exchange ends.
+class Socket {
+  public:
+    Socket() : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
+    ~Socket() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+[[noreturn]] void unreachable(const std::string& path, const std::string& what) {
+    throw TopError(exitUnreachable, path + ": " + what);
+}
+
+// Waits for `events` until `deadline`; false on time-out.
+bool waitFor(int fd, short events, Clock::time_point deadline) {
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            return false;
+        }
+        pollfd p{fd, events, 0};
+        const int n = ::poll(&p, 1, static_cast<int>(left));
+        if (n > 0) {
+            return true;
+        }
+        if (n < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+}
+
+void connectTo(const Socket& socket, const std::string& path, Clock::time_point deadline) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        unreachable(path, "socket path too long");
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    for (;;) {
+        if (::connect(socket.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+            0) {
+            return;
+        }
+        if (errno == ENOENT) {
+            unreachable(path, "no such socket (is the daemon running and serving its stats?)");
+        }
+        if (errno == ECONNREFUSED) {
+            unreachable(path, "connection refused (no daemon listens on this socket)");
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            unreachable(path, std::strerror(errno));
+        }
+        // The daemon's listen backlog is full: try again shortly.
+        if (Clock::now() >= deadline) {
+            unreachable(path, "timed out connecting");
+        }
+        ::poll(nullptr, 0, 10);
+    }
+}
+
+void sendAll(const Socket& socket, const std::string& path, std::string_view data,
+             Clock::time_point deadline) {
+    while (!data.empty()) {
+        const ssize_t n = ::send(socket.fd(), data.data(), data.size(), MSG_NOSIGNAL);
+        if (n > 0) {
+            data.remove_prefix(static_cast<std::size_t>(n));
+        } else if (n < 0 && errno == EAGAIN) {
+            if (!waitFor(socket.fd(), POLLOUT, deadline)) {
+                unreachable(path, "timed out sending the request");
+            }
+        } else if (n < 0 && errno != EINTR) {
+            // The daemon may have refused us before reading: its reply says why.
+            return;
+        }
+    }
+}
+
+std::string readToEnd(const Socket& socket, const std::string& path, Clock::time_point deadline) {
+    std::string reply;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(socket.fd(), buffer, sizeof buffer);
+        if (n > 0) {
+            reply.append(buffer, static_cast<std::size_t>(n));
+        } else if (n == 0) {
+            return reply;
+        } else if (errno == EAGAIN) {
+            if (!waitFor(socket.fd(), POLLIN, deadline)) {
+                unreachable(path, "timed out waiting for the reply");
+            }
+        } else if (errno == ECONNRESET && !reply.empty()) {
+            return reply;  // closed on us after answering, unread request and all
+        } else if (errno != EINTR) {
+            unreachable(path, std::string("reading the reply: ") + std::strerror(errno));
+        }
+    }
+}
+
+}  // namespace
+
+std::string errorReason(std::string_view reply) {
+    constexpr std::string_view prefix = "error: ";
+    if (reply.substr(0, prefix.size()) != prefix) {
+        return {};
+    }
+    reply.remove_prefix(prefix.size());
+    const auto end = reply.find('\n');
+    std::string reason(reply.substr(0, end));
+    return reason.empty() ? "unspecified error" : reason;
+}
+
+std::string fetch(const std::string& path, std::string_view verb, double timeoutSeconds) {
+    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                             std::chrono::duration<double>(timeoutSeconds));
+    Socket socket;
+    if (socket.fd() < 0) {
+        unreachable(path, std::strerror(errno));
+    }
+    connectTo(socket, path, deadline);
+    sendAll(socket, path, std::string(verb) + "\n", deadline);
+    std::string reply = readToEnd(socket, path, deadline);
+    if (const std::string reason = errorReason(reply); !reason.empty()) {
+        throw TopError(exitRefused, path + ": the daemon refused: " + reason);
+    }
+    if (reply.empty()) {
+        throw TopError(exitMalformed, path + ": empty reply");
+    }
+    return reply;
+}
+
+}  // namespace VelikTop
