@@ -1,10 +1,12 @@
 #include <Velik/FileDescriptorTask.h>
+#include <Velik/PlatformSelection.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
 
+#include "platform/LoopThread.h"
 #include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
@@ -178,6 +180,11 @@ TEST_F(FdTaskDeathTest, NotificationsNotAskedForAbortEvenWhenAssertionsThrow) {
 
 namespace {
 
+struct Watchdog : Velik::Platform::TimeoutHandler {
+    void timeout() override { expired(); }
+    std::function<void()> expired;
+};
+
 // A descriptor reported again and again while its read side waits has its
 // read interest paused until the side runs, which resumes it: data left
 // unread is still seen.
@@ -192,7 +199,7 @@ TEST(FdTaskLibevent, RepeatedReportsPauseReadInterestUntilTheSideRuns) {
             int reports = 0;
         };
         constexpr int tasks = 40, bytes = 3;
-        std::vector<SocketPair> pairs(tasks);
+        std::vector<VelikTest::Pipe> pairs(tasks);
         std::vector<std::shared_ptr<Counting>> readers;
         Lines log;
         Watchdog watchdog;  // a lost resume would otherwise wait forever
@@ -200,7 +207,7 @@ TEST(FdTaskLibevent, RepeatedReportsPauseReadInterestUntilTheSideRuns) {
             std::for_each(readers.begin(), readers.end(), [](auto& r) { r->taskWatchFdDel(); });
         };
         auto timer = Velik::Platform::getTimerControl(&watchdog);
-        for (SocketPair& pair : pairs) {
+        for (VelikTest::Pipe& pair : pairs) {
             ASSERT_EQ(write(pair.fds[1], "abc", bytes), bytes);
             readers.push_back(std::make_shared<Counting>(Velik::schedulerRootVelik(), "r", &log));
             readers.back()->onRead = [&, fd = pair.fds[0], got = 0](ProbeFd& self) mutable {
