@@ -9,6 +9,7 @@
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
 #include <rapidjson/stream.h>
+#include <rapidjson/stringbuffer.h>
 
 #include <algorithm>
 #include <memory>
@@ -62,6 +63,18 @@ bool validUtf8(const std::string& text) {
     return true;
 }
 
+void collectNames(const rapidjson::Value& scheduler, std::vector<std::string>& names);
+
+// The names of every scheduler object that is a member of `schedulers`.
+// (Indexing, not a range loop: rapidjson's member iterators compare
+// ambiguously under C++20.)
+void collectMembersNames(const rapidjson::Value& schedulers, std::vector<std::string>& names) {
+    check(schedulers.IsObject(), "schedulers are an object");
+    for (rapidjson::SizeType i = 0; i < schedulers.MemberCount(); ++i) {
+        collectNames((schedulers.MemberBegin() + i)->value, names);
+    }
+}
+
 // Every "name" of every task list of `scheduler` and its sub-schedulers.
 void collectNames(const rapidjson::Value& scheduler, std::vector<std::string>& names) {
     check(scheduler.IsObject() && scheduler.HasMember("tasks"), "a scheduler has a task list");
@@ -69,9 +82,7 @@ void collectNames(const rapidjson::Value& scheduler, std::vector<std::string>& n
         const rapidjson::Value& name = task["name"];
         names.emplace_back(name.GetString(), name.GetStringLength());
     }
-    for (const auto& sub : scheduler["subSchedulers"].GetObject()) {
-        collectNames(sub.value, names);
-    }
+    collectMembersNames(scheduler["subSchedulers"], names);
 }
 
 }  // namespace
@@ -97,9 +108,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     document.Parse<rapidjson::kParseValidateEncodingFlag>(json.data(), json.size());
     check(!document.HasParseError(), "the snapshot is valid UTF-8 JSON");
     std::vector<std::string> rendered;
-    for (const auto& scheduler : document["schedulers"].GetObject()) {
-        collectNames(scheduler.value, rendered);
-    }
+    collectMembersNames(document["schedulers"], rendered);
     for (const std::string& name : names) {
         if (validUtf8(name)) {
             check(std::find(rendered.begin(), rendered.end(), name) != rendered.end(),
