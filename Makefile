@@ -46,12 +46,13 @@ test-sanitize: deps $(SANBUILD)/build.ninja
 	    ctest --output-on-failure -j $(JOBS)
 
 # The multi-threaded tests (several roots on several threads, the backtrace
-# tracker, the string cache, locks, thread-local singletons, the framework's
-# shared pieces) under ThreadSanitizer. Death tests fork and are left out.
+# tracker, the string cache, locks and file locks, thread-local singletons,
+# the framework's shared pieces) under ThreadSanitizer. Death tests fork and
+# are left out.
 TSAN_TESTS = EndToEnd|SchedulerRootVelik|TaskSchedulerRoot|BacktraceTracker|ConstStringCache|\
              Lock|Loco|Thread|Exception|Strerror|Ptr|MainLoop|TimerWheelSingleton|PlatformSelection
 TSAN_PROGRAMS = foundation_tests kiv_tests adapter_tests diagnostics_tests platform_tests \
-                scheduler_tests
+                scheduler_tests util_tests
 
 $(TSANBUILD)/build.ninja:
 	cmake -S . -B $(TSANBUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELIK_TSAN=ON \

@@ -11,6 +11,7 @@
 #include <Velik/PlatformSelection.h>
 #include <Velik/Random.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include <Velik/Thread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
