@@ -8,7 +8,7 @@
 
 #include <rapidjson/document.h>
 #include <rapidjson/encodings.h>
-#include <rapidjson/stream.h>
+#include <rapidjson/memorystream.h>
 #include <rapidjson/stringbuffer.h>
 
 #include <algorithm>
@@ -53,9 +53,11 @@ std::vector<std::string> splitNames(std::string_view input) {
 }
 
 bool validUtf8(const std::string& text) {
-    rapidjson::StringStream in(text.c_str());
+    // A memory stream reads zeros past its end, where a truncated sequence
+    // at the end of the text makes the validator look.
+    rapidjson::MemoryStream in(text.data(), text.size());
     rapidjson::GenericStringBuffer<rapidjson::UTF8<>> ignored;
-    while (static_cast<size_t>(in.Tell()) < text.size()) {
+    while (in.Tell() < text.size()) {
         if (!rapidjson::UTF8<>::Validate(in, ignored)) {
             return false;
         }
