@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <thread>
 
 #include "SoakLoad.h"
@@ -77,14 +78,37 @@ double soakSeconds(int argc, char** argv) {
     return seconds > 0 ? seconds : 60.0;
 }
 
+// libevent's fast-forward switch is process-wide and unlocked, and a loop
+// that is fast-forwarding asserts that it stays on: the main thread switches
+// it only while the libevent thread is between two slices.
+struct SwitchGate {
+    std::mutex slice;
+    std::atomic<bool> switching{false};
+
+    void switchLeFastForward(bool on) {
+        switching = true;
+        {
+            std::lock_guard lock(slice);
+            Velik::setLeFastForward(on);
+        }
+        switching = false;
+    }
+};
+
 // The libevent thread: its own root and load, run in slices until told to stop.
 void libeventThread(VelikSoak::Counts counts, uint64_t seed, const std::atomic<bool>& stop,
-                    VelikSoak::Totals& totals) {
+                    SwitchGate& gate, VelikSoak::Totals& totals) {
     Velik::useThreadLocalSingletons();
     {
         VelikSoak::Load load(Velik::schedulerRootVelik(), counts, seed);
         while (!stop.load(std::memory_order_relaxed)) {
-            Velik::Platform::doEventLoop(loopSlice);
+            {
+                std::lock_guard lock(gate.slice);
+                Velik::Platform::doEventLoop(loopSlice);
+            }
+            while (gate.switching) {
+                std::this_thread::yield();
+            }
         }
         totals = load.totals();
     }
@@ -106,8 +130,10 @@ int main(int argc, char** argv) {
     const auto warmedUp = start + std::chrono::duration<double>(seconds / 4);
     const auto end = start + std::chrono::duration<double>(seconds);
     std::atomic<bool> stop{false};
+    SwitchGate gate;
     VelikSoak::Totals mainTotals, otherTotals;
-    std::thread other(libeventThread, perThread, seed + 1, std::cref(stop), std::ref(otherTotals));
+    std::thread other(libeventThread, perThread, seed + 1, std::cref(stop), std::ref(gate),
+                      std::ref(otherTotals));
     {
         VelikSoak::Load load(Velik::schedulerRootVelik(), perThread, seed);
         std::mt19937_64 random(seed);
@@ -118,7 +144,7 @@ int main(int argc, char** argv) {
                 // Fast-forward for about a third of the time, in spells of a second or so.
                 const bool on = random() % 3 == 0;
                 Velik::Platform::setFastForward(on);
-                Velik::setLeFastForward(on);
+                gate.switchLeFastForward(on);
                 nextSwitch = Clock::now() + std::chrono::milliseconds(500 + random() % 1000);
             }
             Velik::Platform::doEventLoop(loopSlice);
@@ -128,7 +154,7 @@ int main(int argc, char** argv) {
             }
         }
         Velik::Platform::setFastForward(false);
-        Velik::setLeFastForward(false);
+        gate.switchLeFastForward(false);
         stop = true;
         other.join();
         printResident("at end");
