@@ -153,11 +153,12 @@ int main(int argc, char** argv) {
                 warmupPrinted = true;
             }
         }
+        // Measured while both loads still stand, as after warm-up.
+        printResident("at end");
         Velik::Platform::setFastForward(false);
         gate.switchLeFastForward(false);
         stop = true;
         other.join();
-        printResident("at end");
         mainTotals = load.totals();
     }
     std::printf("soak: framework thread %s\nsoak: libevent thread  %s\n",
