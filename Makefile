@@ -49,8 +49,11 @@ test-sanitize: deps $(SANBUILD)/build.ninja
 # tracker, the string cache, locks and file locks, thread-local singletons,
 # the framework's shared pieces) under ThreadSanitizer. Death tests fork and
 # are left out.
-TSAN_TESTS = EndToEnd|SchedulerRootVelik|TaskSchedulerRoot|BacktraceTracker|ConstStringCache|\
-             Lock|Loco|Thread|Exception|Strerror|Ptr|MainLoop|TimerWheelSingleton|PlatformSelection
+TSAN_SUITES = EndToEnd SchedulerRootVelik TaskSchedulerRoot BacktraceTracker ConstStringCache \
+              Lock Loco Thread Exception Strerror Ptr MainLoop TimerWheelSingleton PlatformSelection
+empty :=
+space := $(empty) $(empty)
+TSAN_TESTS = $(subst $(space),|,$(strip $(TSAN_SUITES)))
 TSAN_PROGRAMS = foundation_tests kiv_tests adapter_tests diagnostics_tests platform_tests \
                 scheduler_tests util_tests
 
