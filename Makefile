@@ -2,16 +2,23 @@
 # fresh Debian machine: install what is missing, configure, build, run.
 BUILD     ?= build
 SANBUILD  ?= build-sanitize
+TSANBUILD ?= build-tsan
+FUZZBUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+SOAK_SECONDS ?= 60
 PREFIX    ?= /usr/local
 JOBS      ?= $(shell nproc)
 CMAKE_GEN  = -G Ninja
 
-.PHONY: all deps configure build demo test test-sanitize bench install clean
+.PHONY: all deps deps-fuzz configure build demo test test-sanitize test-tsan fuzz soak bench install clean
 
 all: build
 
 deps:
 	@scripts/install-deps
+
+deps-fuzz:
+	@scripts/install-deps --fuzz
 
 $(BUILD)/build.ninja:
 	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
@@ -41,6 +48,47 @@ test-sanitize: deps $(SANBUILD)/build.ninja
 	    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	    ctest --output-on-failure -j $(JOBS)
 
+# The multi-threaded tests (several roots on several threads, the backtrace
+# tracker, the string cache, locks and file locks, thread-local singletons,
+# the framework's shared pieces) under ThreadSanitizer. Death tests fork and
+# are left out.
+TSAN_SUITES = EndToEnd SchedulerRootVelik TaskSchedulerRoot BacktraceTracker ConstStringCache \
+              Lock Loco Thread Exception Strerror Ptr MainLoop TimerWheelSingleton PlatformSelection
+empty :=
+space := $(empty) $(empty)
+TSAN_TESTS = $(subst $(space),|,$(strip $(TSAN_SUITES)))
+TSAN_PROGRAMS = foundation_tests kiv_tests adapter_tests diagnostics_tests platform_tests \
+                scheduler_tests util_tests
+
+$(TSANBUILD)/build.ninja:
+	cmake -S . -B $(TSANBUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELIK_TSAN=ON \
+	      -DVELIK_BUILD_BENCH=OFF -DVELIK_BUILD_EXAMPLES=OFF -DVELIK_BUILD_SOAK=OFF
+
+test-tsan: deps $(TSANBUILD)/build.ninja
+	cmake --build $(TSANBUILD) -j $(JOBS) --target $(TSAN_PROGRAMS)
+	cd $(TSANBUILD) && \
+	    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
+	    ctest --output-on-failure -j $(JOBS) -R '$(TSAN_TESTS)' -E 'DeathTest'
+
+# libFuzzer targets (fuzz/) built with Debian's clang, each run for
+# FUZZ_SECONDS on a scratch copy of its seed corpus; a crash fails the run.
+$(FUZZBUILD)/build.ninja:
+	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZBUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	      -DVELIK_FUZZ=ON -DVELIK_BUILD_TESTS=OFF -DVELIK_BUILD_BENCH=OFF \
+	      -DVELIK_BUILD_EXAMPLES=OFF -DVELIK_BUILD_SOAK=OFF
+
+fuzz: deps-fuzz $(FUZZBUILD)/build.ninja
+	cmake --build $(FUZZBUILD) -j $(JOBS)
+	scripts/run-fuzz $(FUZZBUILD) $(FUZZ_SECONDS)
+
+# Thousands of tasks, timer tasks and descriptor tasks on two threads for
+# SOAK_SECONDS, under AddressSanitizer and LeakSanitizer: prints resident
+# memory along the way and fails on any leak.
+soak: deps $(SANBUILD)/build.ninja
+	cmake --build $(SANBUILD) -j $(JOBS) --target velik_soak
+	cd $(SANBUILD) && ASAN_OPTIONS=detect_leaks=1:quarantine_size_mb=16 \
+	    ./soak/velik_soak $(SOAK_SECONDS)
+
 bench: build
 	cmake --build $(BUILD) --target run-bench
 
@@ -48,4 +96,4 @@ install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(SANBUILD)
+	rm -rf $(BUILD) $(SANBUILD) $(TSANBUILD) $(FUZZBUILD)

@@ -47,4 +47,13 @@ class Random {
     static uint32_t seed;
 };
 
+namespace Impl {
+
+// The seed a `QOTEST_RANDSEED` value stands for: strtoul base 10 (leading
+// blanks and a sign accepted, parsing stops at the first non-digit, garbage
+// gives 0) kept to its low 32 bits. `text` must not be null.
+uint32_t seedFromText(const char* text);
+
+}  // namespace Impl
+
 }  // namespace Velik

@@ -243,7 +243,14 @@ TraceManager& TraceManager::instance() {
     return *manager;
 }
 
-TraceManager::TraceManager() : format_(std::make_shared<const std::string>()) {
+TraceManager::Output::~Output() {
+    if (fd != 2) {
+        ::close(fd);
+    }
+}
+
+TraceManager::TraceManager()
+    : format_(std::make_shared<const std::string>()), output_(std::make_shared<const Output>()) {
     readEnvironment();
 }
 
@@ -287,17 +294,25 @@ void TraceManager::readEnvironment() {
 }
 
 void TraceManager::openOutput(const char* path) {
-    int fd = 2;
-    if (path && *path) {
-        fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const std::string wanted = path ? path : "";
+    // Re-reading the environment is frequent (every trace setting change);
+    // the same file stays open rather than being opened again.
+    if (wanted == output_->path) {
+        return;
+    }
+    auto output = std::make_shared<Output>();
+    if (!wanted.empty()) {
+        const int fd = open(wanted.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         if (fd < 0) {
             fprintf(stderr, "Kiv trace: cannot open TRACEFILE \"%s\" (errno %d), using stderr\n",
-                    path, errno);
-            fd = 2;
+                    wanted.c_str(), errno);
+        } else {
+            output->path = wanted;
+            output->fd = fd;
         }
     }
-    // The previous file stays open: another thread may be writing to it now.
-    fd_ = fd;
+    // The previous file closes when the last thread writing to it is done.
+    output_ = std::move(output);
 }
 
 void TraceManager::reportMalformed(const std::vector<std::string>& errors) {
@@ -324,12 +339,13 @@ void TraceManager::write(std::string_view facility, unsigned level, const char* 
     int savedErrno = errno;
     try {
         std::shared_ptr<const std::string> format;
-        int fd;
+        std::shared_ptr<const Output> output;
         {
             std::lock_guard lock(mutex_);
             format = format_;
-            fd = fd_;
+            output = output_;
         }
+        const int fd = output->fd;
         std::string out;
         out.reserve(length + 96);
         formatTraceLine(out, *format, facility, level, file ? file : "", line,

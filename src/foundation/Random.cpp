@@ -36,9 +36,7 @@ void Random::setSeed() {
     // One seed for the life of the process: later calls only restart the sequences.
     if (firstSetSeedFlag) {
         firstSetSeedFlag = false;
-        // strtoul semantics on purpose: garbage parses as 0 rather than failing.
-        seed = fromEnvironment ? static_cast<uint32_t>(std::strtoul(fromEnvironment, nullptr, 10))
-                               : monotonicNanoseconds();
+        seed = fromEnvironment ? Impl::seedFromText(fromEnvironment) : monotonicNanoseconds();
     }
     fmt::print(stderr, "Velik::Random::setSeed(), setting seed to {}\n", seed);
     std::fflush(stderr);
@@ -62,5 +60,14 @@ std::string Random::randomString(unsigned length) {
     }
     return result;
 }
+
+namespace Impl {
+
+uint32_t seedFromText(const char* text) {
+    // strtoul semantics on purpose: garbage parses as 0 rather than failing.
+    return static_cast<uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
+}  // namespace Impl
 
 }  // namespace Velik

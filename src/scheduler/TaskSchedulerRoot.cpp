@@ -248,15 +248,15 @@ std::shared_ptr<TaskSchedulerRoot> schedulerRootVelikNonShared(std::string_view 
 }
 
 std::shared_ptr<TaskSchedulerRoot> schedulerRootVelik() {
-    // The thread's string cache must outlive the root, whose names it holds:
-    // thread-local objects die in reverse order of construction.
+    // Thread-local objects die in reverse order of construction, and the root
+    // must die first: before the thread's string cache, which holds its
+    // names, and before the thread's event base, which its controls are on.
+    // The holder is therefore made by its initialiser, whose construction
+    // completes only after everything the root's constructor made.
     ConstStringCache::forThisThread();
-    static thread_local std::shared_ptr<TaskSchedulerRoot> root;
-    if (!root) {
-        root = TaskSchedulerRootIs(isMainThread()
-                                       ? std::string("main")
-                                       : fmt::format("thread:{}", threadIdValue(pthread_self())));
-    }
+    static thread_local const std::shared_ptr<TaskSchedulerRoot> root = TaskSchedulerRootIs(
+        isMainThread() ? std::string("main")
+                       : fmt::format("thread:{}", threadIdValue(pthread_self())));
     return root;
 }
 

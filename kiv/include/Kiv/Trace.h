@@ -114,12 +114,20 @@ class TraceManager {
     void reportMalformed(const std::vector<std::string>& errors);
     void openOutput(const char* path);
 
+    // Where lines go: standard error, or an opened `TRACEFILE`, closed when
+    // the last writer using it lets go.
+    struct Output {
+        std::string path;  // empty for standard error
+        int fd = 2;
+        ~Output();
+    };
+
     mutable std::mutex mutex_;
     std::vector<std::unique_ptr<TraceFacility>> facilities_;
     std::vector<TraceSetting> settings_;
     std::unordered_set<std::string> reported_;
     std::shared_ptr<const std::string> format_;
-    int fd_ = 2;
+    std::shared_ptr<const Output> output_;
 };
 
 // The default line shape when `TRACEFORMAT` is empty or unset.
