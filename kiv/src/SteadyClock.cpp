@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <mutex>
 
 namespace Kiv {
@@ -35,8 +37,26 @@ std::int64_t monotonicNs() noexcept {
     return static_cast<std::int64_t>(ts.tv_sec) * nanosecondsPerSecond + ts.tv_nsec;
 }
 
+// The kernel stops using the counter as its clock source when it finds it
+// unstable or unsynchronised between processors; so do we. Where the file
+// cannot be read the processor's word is taken.
+bool kernelTrustsCounter() noexcept {
+    std::FILE* file =
+        std::fopen("/sys/devices/system/clocksource/clocksource0/current_clocksource", "re");
+    if (file == nullptr) {
+        return true;
+    }
+    char name[32] = {};
+    const bool read = std::fgets(name, sizeof name, file) != nullptr;
+    std::fclose(file);
+    return !read || std::strncmp(name, "tsc", 3) == 0;
+}
+
 bool counterInvariant() noexcept {
 #if defined(__x86_64__)
+    if (!kernelTrustsCounter()) {
+        return false;
+    }
     unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
     if (__get_cpuid(0x80000000, &eax, &ebx, &ecx, &edx) == 0 || eax < 0x80000007) {
         return false;
@@ -55,11 +75,23 @@ struct Pair {
     std::int64_t ns;
 };
 
+// The tightest of a few tries: a thread preempted between the reads would
+// otherwise pair the clock with a counter value milliseconds away, and a bad
+// origin skews the rate for minutes.
 Pair readPair() noexcept {
-    const std::uint64_t before = steadyClockTicks();
-    const std::int64_t ns = monotonicNs();
-    const std::uint64_t after = steadyClockTicks();
-    return Pair{before + (after - before) / 2, ns};
+    constexpr int tries = 8;
+    Pair best{0, 0};
+    std::uint64_t bestWindow = ~std::uint64_t{0};
+    for (int i = 0; i < tries; ++i) {
+        const std::uint64_t before = steadyClockTicks();
+        const std::int64_t ns = monotonicNs();
+        const std::uint64_t after = steadyClockTicks();
+        if (after - before < bestWindow) {
+            bestWindow = after - before;
+            best = Pair{before + (after - before) / 2, ns};
+        }
+    }
+    return best;
 }
 
 // The first pair ever measured: the long baseline the rate is measured over.
