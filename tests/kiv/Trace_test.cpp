@@ -3,6 +3,8 @@
 #include <stdlib.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <iterator>
 #include <tuple>
 
 namespace {
@@ -84,6 +86,28 @@ TEST_F(TraceEnv, MalformedSettingIsReportedOnce) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Kiv trace: ignoring malformed TRACE setting \"" + bad + "\"\n");
     EXPECT_TRUE(TraceManager::instance().facility("Ok").enabled(1));
+}
+
+// Re-reading the environment keeps one trace file open, also when it names
+// another file each time.
+TEST_F(TraceEnv, RereadingKeepsOneTraceFileOpen) {
+    const std::string paths[] = {testing::TempDir() + "trace_reread_a.log",
+                                 testing::TempDir() + "trace_reread_b.log"};
+    const auto openDescriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator{});
+    };
+    setenv("TRACEFILE", paths[0].c_str(), 1);
+    apply("Reread/1");
+    const auto open = openDescriptors();
+    for (int i = 1; i <= 20; ++i) {
+        setenv("TRACEFILE", paths[i % 2].c_str(), 1);
+        apply("Reread/1");
+    }
+    EXPECT_EQ(openDescriptors(), open);
+    for (const std::string& path : paths) {
+        std::filesystem::remove(path);
+    }
 }
 
 TEST(TraceFormat, ConversionsAndDefault) {
