@@ -243,10 +243,11 @@ void TaskSchedulerSnapshot::SlicedRender::appendSchedulerSteps(Steps& steps,
                          context.writer().StartObject();
                      },
                      0});
-    for (const auto& [key, sub] : s.subSchedulers) {
+    for (const auto& entry : s.subSchedulers) {
+        const std::string& key = entry.first;
         steps.push_back(
             {[&key](TaskSchedulerPrintContext& context) { jsonString(context.writer(), key); }, 0});
-        appendSchedulerSteps(steps, *sub, recordsPerSlice);
+        appendSchedulerSteps(steps, *entry.second, recordsPerSlice);
     }
     steps.push_back({[&s](TaskSchedulerPrintContext& context) {
                          context.writer().EndObject();  // subSchedulers
