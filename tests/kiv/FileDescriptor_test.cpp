@@ -146,27 +146,4 @@ TEST_F(FileDescriptorTest, NotificationMayDestroyTheObjectAndOtherNotifiees) {
     EXPECT_EQ(third.notifier(), nullptr);
 }
 
-// Virtual time may not jump past a ready descriptor to a future timer.
-TEST_F(FileDescriptorTest, ReadyDescriptorIsServedBeforeAFutureTimer) {
-    Pair pipe;
-    auto fd = Kiv::FileDescriptor::create("served");
-    Listener listener(fd.get());
-    double readAt = 0;
-    listener.onRead = [&] {
-        readAt = now();
-        fd->notifyOnReadableIs(false);
-    };
-    const double start = now();
-    Timer later;
-    later.timeMinIs(start + 0.5);
-    fd->descriptorIs(pipe.fds[0]);
-    fd->notifyOnReadableIs(true);
-    pipe.put();
-    Kiv::System::doRun();
-    EXPECT_EQ(fd->readableCount(), 1u);
-    EXPECT_LT(readAt, start + 0.5);
-    EXPECT_EQ(later.deliveries, 1);
-    fd->descriptorIs(-1);
-}
-
 }  // namespace
