@@ -1,8 +1,8 @@
 // Fast-forward of the libevent loop: the switch, the virtual time offset,
-// and the passes that jump from timer to timer with descriptors watched.
+// and the passes that jump to the first timer. (Timed loops of timers under
+// fast-forward are the platform contract's.)
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
-#include "platform/Pipe.h"
 
 #include <Velik/FastForward.h>
 #include <Velik/LibeventFactory.h>
@@ -102,43 +102,6 @@ TEST_F(FastForwardTest, PassJumpsToTheFirstTimerWithinItsLimit) {
         timeval delay;
         ASSERT_TRUE(fastForwardDelayToFirstTimer(&delay));
         EXPECT_TRUE(delay.tv_sec == 0 && delay.tv_usec == 0);
-    });
-}
-
-// A timed loop jumps from timer to timer, and serves a descriptor one of
-// them makes readable before the next expiry. (Periodic timers under
-// fast-forward are the platform contract's.)
-TEST_F(FastForwardTest, LoopForSecondsServesADescriptorBetweenJumps) {
-    onLoopThread([] {
-        VelikTest::Pipe pipe;
-        struct Reader : Platform::FdEventHandler {
-            std::vector<double> readAt;
-            void readFdEvent(int fd) override {
-                char c;
-                EXPECT_EQ(read(fd, &c, 1), 1);
-                readAt.push_back(Velik::time());
-            }
-            void writeFdEvent(int) override {}
-        } reader;
-        auto watch = getLeFdControl(&reader);
-        watch->setFd(pipe.fds[0]);
-        Timer periodic;
-        periodic.onExpiry = [&] {
-            periodic.control->setTimeout(1.0);
-            if (periodic.firedAt.size() == 5) {
-                pipe.put();
-            }
-        };
-        periodic.control->setTimeout(1.0);
-        double start = Velik::time();
-        doLeEventLoop(10);
-        EXPECT_GE(Velik::time() - start, 10.0);
-        EXPECT_GT(leVirtualTimeOffset(), 9.0);  // jumped, not waited
-        ASSERT_GE(periodic.firedAt.size(), 9u);
-        ASSERT_EQ(reader.readAt.size(), 1u);
-        EXPECT_GE(reader.readAt[0], periodic.firedAt[4]);
-        EXPECT_LE(reader.readAt[0], periodic.firedAt[5]);
-        periodic.control->delTimeout();
     });
 }
 
