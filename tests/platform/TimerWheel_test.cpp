@@ -160,21 +160,32 @@ TEST(TimerWheelTicks, CurrentTickRoundsUpExpiryTickRoundsDown) {
 }
 
 // Early in a tick, a timer due early in the next falls in the tick the wheel
-// already counts as current: released at once, it is parked and the master
-// timer armed for its exact time. One started then for an earlier time is
-// not held back behind it.
-TEST_F(TimerWheelLibevent, EarlyReleasedTimersAreParkedAndDeliveredOnTime) {
+// already counts as current: released at once, it is parked. Stopping a
+// parked timer empties its entry without touching the master timer, which
+// moves on to the next entry, at its exact time, when next set; one started
+// then for an earlier time is not held back. A wheel destroyed with timers
+// parked and in it leaves them stopped.
+TEST_F(TimerWheelLibevent, EarlyReleasedTimersAreParkedStoppedAndDeliveredOnTime) {
     onLoopThread([] {
         Order order;
         // Made first: the wheel leaves them stopped should a check fail.
-        Probe p(1, &order), sooner(2, &order);
-        auto wheel = std::make_shared<TimerWheel>();
+        Probe stopped(0, &order), p(1, &order), sooner(2, &order), parked(3), later(4);
+        std::vector<double> master;
+        auto wheel = recordedWheel(&master);
         moveIntoTick(0.1);
+        stopped.start(wheel, 0.0092);
         p.start(wheel, 0.0095);
         VelikTest::loopPass();
         ASSERT_TRUE(p.lateness.empty());
         EXPECT_EQ(p.state(), TimerWheelState::inTimersExpiryingSoon);
+        master.clear();
+        stopped.delTimeout(wheel);
+        EXPECT_EQ(wheel->timersExpiryingAt(stopped.due), nullptr);
         ASSERT_NE(wheel->timersExpiryingAt(p.due), nullptr);
+        EXPECT_TRUE(master.empty());
+        EXPECT_EQ(stopped.remainingTimeout(), never);
+        wheel->setMasterTimer();
+        ASSERT_EQ(master.size(), 1u);
         EXPECT_EQ(wheel->masterTimerExpiry(), p.due);
         sooner.start(wheel, 0.001);
 
@@ -184,11 +195,20 @@ TEST_F(TimerWheelLibevent, EarlyReleasedTimersAreParkedAndDeliveredOnTime) {
             ASSERT_EQ(probe->lateness.size(), 1u) << probe->id;
             EXPECT_GE(probe->lateness[0], 0.0) << probe->id;
             EXPECT_LT(probe->lateness[0], 0.005) << probe->id;
-            EXPECT_EQ(probe->state(), TimerWheelState::notLinked);
-            EXPECT_EQ(probe->expirationTime(), never);
         }
         EXPECT_EQ(wheel->timersExpiryingSoonCount(), 0u);
         EXPECT_EQ(wheel->masterTimerExpiry(), never);
+
+        moveIntoTick(0.1);
+        parked.start(wheel, 0.0095);
+        later.start(wheel, 0.5);
+        VelikTest::loopPass();
+        ASSERT_EQ(parked.state(), TimerWheelState::inTimersExpiryingSoon);
+        wheel.reset();
+        for (Probe* probe : {&stopped, &p, &parked, &later}) {
+            EXPECT_EQ(probe->state(), TimerWheelState::notLinked) << probe->id;
+            EXPECT_EQ(probe->expirationTime(), never) << probe->id;
+        }
     });
 }
 
@@ -268,37 +288,6 @@ TEST_F(TimerWheelLibevent, SameInstantInParkingOrder) {
         doLeEventLoop(1.0);
         EXPECT_EQ(order, (Order{1, 3, 4}));
         EXPECT_GE(spawned.lateness.at(0), 0.0);
-    });
-}
-
-// Stopping a parked timer empties its entry without touching the master
-// timer, which moves on to the next entry when next set. A wheel destroyed
-// with timers parked and in it leaves them stopped.
-TEST_F(TimerWheelLibevent, StoppingParkedTimersAndDestroyingTheWheel) {
-    onLoopThread([] {
-        Probe parked(1), parked2(2), later(3);
-        std::vector<double> master;
-        {
-            auto wheel = recordedWheel(&master);
-            moveIntoTick(0.5);
-            parked.start(wheel, 0.004);
-            parked2.start(wheel, 0.0045);
-            later.start(wheel, 0.5);
-            VelikTest::loopPass();  // parks the first two
-            ASSERT_EQ(parked2.state(), TimerWheelState::inTimersExpiryingSoon);
-            master.clear();
-            parked.delTimeout(wheel);
-            EXPECT_EQ(wheel->timersExpiryingAt(parked.due), nullptr);
-            EXPECT_TRUE(master.empty());
-            EXPECT_EQ(parked.remainingTimeout(), never);
-            wheel->setMasterTimer();
-            ASSERT_EQ(master.size(), 1u);
-            EXPECT_EQ(wheel->masterTimerExpiry(), parked2.due);
-        }
-        for (Probe* p : {&parked2, &later}) {
-            EXPECT_EQ(p->state(), TimerWheelState::notLinked);
-            EXPECT_EQ(p->expirationTime(), never);
-        }
     });
 }
 
