@@ -113,9 +113,16 @@ class BacktraceTrackerTest : public testing::Test {
     }
 };
 
-// (The ring's keeping and dropping is the model test's.)
-TEST_F(BacktraceTrackerTest, PrintsTheNewestOldestFirstWithTheirBacktraces) {
+// Capacity is set only while on, and never to zero; the newest are printed
+// oldest first, each with its backtrace (the ring's keeping and dropping is
+// the model test's).
+TEST_F(BacktraceTrackerTest, CapacityChecksAndPrintingTheNewestOldestFirst) {
+    EXPECT_EQ(assertMessageOf([] { BacktraceTracker::capacityIs(5); }),
+              "BacktraceCpp:162: User must enable the tracker to set the capacity.");
     BacktraceTracker::enabledIs(true);
+    EXPECT_EQ(assertMessageOf([] { BacktraceTracker::capacityIs(0); }),
+              "BacktraceCpp:163: Cannot set a capacity of 0, use clear() instead.");
+    EXPECT_EQ(BacktraceTracker::capacity(), 100u);
     BacktraceTracker::capacityIs(2);
     for (int i = 1; i <= 3; ++i) {
         BacktraceTracker::backtraceIs(std::to_string(i));
@@ -127,15 +134,6 @@ TEST_F(BacktraceTrackerTest, PrintsTheNewestOldestFirstWithTheirBacktraces) {
     BacktraceTracker::printAll(out);
     EXPECT_EQ(out.str(), "Exception message:2\n" + tracked[0].backtrace().pretty() +
                              "\nException message:3\n" + tracked[1].backtrace().pretty() + "\n");
-}
-
-TEST_F(BacktraceTrackerTest, CapacityAssertsWhenOffOrZero) {
-    EXPECT_EQ(assertMessageOf([] { BacktraceTracker::capacityIs(5); }),
-              "BacktraceCpp:162: User must enable the tracker to set the capacity.");
-    BacktraceTracker::enabledIs(true);
-    EXPECT_EQ(assertMessageOf([] { BacktraceTracker::capacityIs(0); }),
-              "BacktraceCpp:163: Cannot set a capacity of 0, use clear() instead.");
-    EXPECT_EQ(BacktraceTracker::capacity(), 100u);
 }
 
 // Random switching, recording, resizing and clearing against a model of the
