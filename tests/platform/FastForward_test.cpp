@@ -2,10 +2,12 @@
 // and the passes that jump to the first timer. (Timed loops of timers under
 // fast-forward are the platform contract's.)
 #include "foundation/ThrowingAsserts.h"
+#include "kiv/KivLoop.h"
 #include "platform/LoopThread.h"
 
 #include <Velik/FastForward.h>
 #include <Velik/LibeventFactory.h>
+#include <Velik/PlatformSelection.h>
 #include <Velik/Time.h>
 
 #include <gmock/gmock.h>
@@ -54,6 +56,14 @@ TEST(FastForwardSwitch, NotifiesRealChangesOnlyAndOnlyOnTheMainThread) {
     EXPECT_EQ(notifications, 1);
     setLeFastForward(false);
     EXPECT_EQ(notifications, 2);
+    // The framework's switch notifies the same set, of its own real changes.
+    Platform::setFastForward(false);
+    Platform::setFastForward(true);
+    Platform::setFastForward(true);
+    EXPECT_EQ(notifications, 3);
+    KivTest::config()->virtualTimeIs(false);  // behind the platform's back
+    Platform::setFastForward(false);
+    EXPECT_EQ(notifications, 3);
     fastForwardChangeNotifiers().erase(countNotification);
 
     onLoopThread([] {
