@@ -153,28 +153,49 @@ TEST_P(PlatformContract, ReadsPersistWritesAreOneShotAndNothingCloses) {
     });
 }
 
-TEST_P(PlatformContract, FdExceptionHook) {
+// A notification's exception goes to its handler's hook. One swallowed
+// leaves the loop running, a read still armed and a timer disarmed; one that
+// is not leaves the loop at once, with the rest still armed.
+TEST_P(PlatformContract, DescriptorAndTimerExceptionHooks) {
     run([] {
         Pipe p;
         p.put();
-        Recorder handler;
-        handler.throws = true;
-        handler.swallow = true;
-        auto control = Platform::getFdControl(&handler);
+        Recorder reader, thrower, other;
+        reader.throws = thrower.throws = true;
+        reader.swallow = thrower.swallow = true;
+        auto control = Platform::getFdControl(&reader);
         control->setReads(true);
         control->setFd(p.fds[0]);
         pass();
         pass();
-        EXPECT_EQ(handler.hookFds, (std::vector<int>{p.fds[0], p.fds[0]}));
-
-        handler.swallow = false;
+        EXPECT_EQ(reader.hookFds, (std::vector<int>{p.fds[0], p.fds[0]}));
+        reader.swallow = false;
         EXPECT_THROW(doEventLoop(10.0), std::runtime_error);
-        EXPECT_EQ(handler.log.size(), 3u);  // the loop stopped at the throw
-        EXPECT_EQ(handler.hookFds.size(), 3u);
-        // Reads stay armed, and the loop runs again.
-        handler.throws = false;
+        EXPECT_EQ(reader.log.size(), 3u);
+        EXPECT_EQ(reader.hookFds.size(), 3u);
+        reader.throws = false;
         pass();
-        EXPECT_EQ(handler.log.size(), 4u);
+        EXPECT_EQ(reader.log.size(), 4u);
+        control.reset();
+
+        auto t1 = Platform::getTimerControl(&thrower);
+        auto t2 = Platform::getTimerControl(&other);
+        t1->setTimeout(1.0);
+        t2->setTimeout(2.0);
+        doEventLoop(10.0);
+        EXPECT_EQ(thrower.hooks, 1);
+        EXPECT_EQ(other.firedAt.size(), 1u);
+        EXPECT_EQ(t1->remainingTimeout(), never);
+        thrower.swallow = false;
+        t1->setTimeout(1.0);
+        t2->setTimeout(2.0);
+        EXPECT_THROW(doEventLoop(10.0), std::runtime_error);
+        EXPECT_EQ(thrower.hooks, 2);
+        EXPECT_EQ(other.firedAt.size(), 1u);
+        EXPECT_LT(t2->remainingTimeout(), 2.0);
+        doEventLoop(10.0);
+        EXPECT_EQ(other.firedAt.size(), 2u);
+        EXPECT_EQ(thrower.firedAt.size(), 2u);
     });
 }
 
@@ -214,35 +235,6 @@ TEST_P(PlatformContract, TimerIsOneShotReArmableFromItsHandlerAndReportsWhatRema
         timer->delTimeout();
         doEventLoop(10.0);
         EXPECT_EQ(handler.firedAt.size(), 5u);
-    });
-}
-
-// A swallowed exception leaves the timer disarmed and the loop running; one
-// that is not leaves the loop, with the other timer still armed.
-TEST_P(PlatformContract, TimerExceptionHook) {
-    run([] {
-        Recorder thrower, other;
-        thrower.throws = true;
-        auto t1 = Platform::getTimerControl(&thrower);
-        auto t2 = Platform::getTimerControl(&other);
-        thrower.swallow = true;
-        t1->setTimeout(1.0);
-        t2->setTimeout(2.0);
-        doEventLoop(10.0);
-        EXPECT_EQ(thrower.hooks, 1);
-        EXPECT_EQ(other.firedAt.size(), 1u);
-        EXPECT_EQ(t1->remainingTimeout(), never);
-
-        thrower.swallow = false;
-        t1->setTimeout(1.0);
-        t2->setTimeout(2.0);
-        EXPECT_THROW(doEventLoop(10.0), std::runtime_error);
-        EXPECT_EQ(thrower.hooks, 2);
-        EXPECT_EQ(other.firedAt.size(), 1u);
-        EXPECT_LT(t2->remainingTimeout(), 2.0);
-        doEventLoop(10.0);
-        EXPECT_EQ(other.firedAt.size(), 2u);
-        EXPECT_EQ(thrower.firedAt.size(), 2u);
     });
 }
 
