@@ -38,7 +38,9 @@ __attribute__((noinline)) void* firstFrameHere(Backtrace& backtrace) {
     return backtrace.frames()[0];
 }
 
-TEST(BacktraceTest, WalkStartsAtTheCallersReturnPointAndStopsAtOneHundredFrames) {
+// The walk starts at the caller's return point, stops at one hundred frames
+// and records the thread it was taken on.
+TEST(BacktraceTest, WalkFromTheCallerUpToOneHundredFramesOnItsOwnThread) {
     Backtrace backtrace(false);
     const char* frame = static_cast<const char*>(firstFrameHere(backtrace));
     const char* function = reinterpret_cast<const char*>(&firstFrameHere);
@@ -48,9 +50,6 @@ TEST(BacktraceTest, WalkStartsAtTheCallersReturnPointAndStopsAtOneHundredFrames)
     const uint32_t shallow = framesAtDepth(10);
     EXPECT_GT(shallow, 10u);
     EXPECT_LT(shallow, Backtrace::maxFrames);
-}
-
-TEST(BacktraceTest, CaptureRecordsTheCapturingThread) {
     const auto [tid, captured] = std::async(std::launch::async, [] {
                                      return std::make_pair(Velik::gettid(), Backtrace(true).tid());
                                  }).get();

@@ -183,7 +183,6 @@ TEST_F(TimerWheelLibevent, EarlyReleasedTimersAreParkedStoppedAndDeliveredOnTime
         EXPECT_EQ(wheel->timersExpiryingAt(stopped.due), nullptr);
         ASSERT_NE(wheel->timersExpiryingAt(p.due), nullptr);
         EXPECT_TRUE(master.empty());
-        EXPECT_EQ(stopped.remainingTimeout(), never);
         wheel->setMasterTimer();
         ASSERT_EQ(master.size(), 1u);
         EXPECT_EQ(wheel->masterTimerExpiry(), p.due);

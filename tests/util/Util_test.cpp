@@ -31,18 +31,14 @@ TEST(UtilTest, HashValuesAreFixed) {
 }
 
 TEST(UtilTest, Base64EncodeIsSixCharactersLowBitsFirst) {
-    const std::pair<uint32_t, const char*> cases[] = {{0, "AAAAAA"},
-                                                      {0x811C9DC5, "F3JHBC"},
-                                                      {0xFFFFFFFF, "=====D"},
-                                                      {62, "_AAAAA"},
-                                                      {0x80000000u, "AAAAAC"}};
+    const std::pair<uint32_t, const char*> cases[] = {
+        {0, "AAAAAA"}, {0xFFFFFFFF, "=====D"}, {62, "_AAAAA"}, {0x80000000u, "AAAAAC"}};
     for (const auto& [value, code] : cases) {
         EXPECT_EQ(base64Encode(value), code) << value;
     }
 }
 
 TEST(UtilTest, TraceHandleNameHashesThePathWithoutTrailingSlashes) {
-    EXPECT_EQ(base64Encode(hash(std::string("/var/run/sock"))), "syxlTC");
     EXPECT_EQ(traceHandleName("/var/run/sock/", "Reader", false), "Reader-syxlTC-sock");
     EXPECT_EQ(traceHandleName("/var/run/sock", "Reader", false), "Reader-syxlTC-sock");
     EXPECT_EQ(traceHandleName("/var/run/sock///", "Reader", true), "ReaderTemp-syxlTC-sock");
