@@ -95,17 +95,6 @@ TEST(AssertDeathTest, AbortWritesExactlyOneLine) {
     EXPECT_EQ(text.find("destructor ran"), std::string::npos) << text;
 }
 
-TEST(ExceptionTest, MsgQuotesTheMessageAndWhatAddsTheBacktraceOnce) {
-    EXPECT_EQ(Velik::Exception("say \"hi\"", false).msg(), "Velik::Exception(\"say \"hi\"\")");
-    Velik::RuntimeException e("x");
-    const char* first = e.what();
-    EXPECT_EQ(std::string(first), "Velik::RuntimeException(\"x\")\n" + e.backtrace().pretty());
-    EXPECT_EQ(e.what(), first);  // cached, not rebuilt
-    // Taken in the constructor: the innermost frame is the exception's own.
-    EXPECT_NE(e.backtrace().pretty().find("(_ZN5Velik9ExceptionC"), std::string::npos)
-        << e.backtrace().pretty();
-}
-
 // Each class is named by its demangled type name.
 template <typename... E>
 void expectEachThrowsExactlyItsOwnClass() {
@@ -122,7 +111,17 @@ void expectEachThrowsExactlyItsOwnClass() {
     (check(static_cast<E*>(nullptr)), ...);
 }
 
-TEST(ExceptionTest, EachThrowExceptionThrowsExactlyItsOwnClass) {
+// The message is quoted as it is; what() adds the backtrace, taken in the
+// constructor, once.
+TEST(ExceptionTest, EachClassThrowsItselfWithItsMessageAndBacktrace) {
+    EXPECT_EQ(Velik::Exception("say \"hi\"", false).msg(), "Velik::Exception(\"say \"hi\"\")");
+    Velik::RuntimeException e("x");
+    const char* first = e.what();
+    EXPECT_EQ(std::string(first), "Velik::RuntimeException(\"x\")\n" + e.backtrace().pretty());
+    EXPECT_EQ(e.what(), first);  // cached, not rebuilt
+    // The innermost frame is the exception's own constructor.
+    EXPECT_NE(e.backtrace().pretty().find("(_ZN5Velik9ExceptionC"), std::string::npos)
+        << e.backtrace().pretty();
     VelikTest::ThrowingAsserts throwing;  // AssertException throws only then
     expectEachThrowsExactlyItsOwnClass<
         Velik::Exception, Velik::MemoryResourceException, Velik::NoPermissionException,
