@@ -68,7 +68,6 @@ TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
         timer->setTimeout(0.0);
         callback->requestCallback();
         pass();
-        fd->clearEvents();
         fd->delFd();
         std::string out = testing::internal::GetCapturedStderr();
         Platform::clearVelikDebug("KivVelik");
@@ -76,7 +75,6 @@ TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
         return out;
     };
     const std::string routine[] = {
-        "KivVelik/5 Platform:setReads: FileDescriptor::setReads() true",
         "KivVelik/5 Platform:setFd: FileDescriptor::setFd() registering fd:" + r,
         "FileDescriptor::Notifiee::onReadableCount() fd:" + r + " readableCount:1",
         "KivVelik/5 Platform:onReadableCount: FileDescriptor::onReadableCount: Fd notification "
@@ -85,7 +83,6 @@ TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
         "KivVelik/5 Platform:onWritableCount: FileDescriptor::onWritableCount: Fd notification "
         "exception was handled",
         "KivVelik/5 Platform:requestCallback: Callback::requestCallback() request",
-        "FileDescriptor::clearEvents() fd:" + w,
         "FileDescriptor::delFd() deleting fd:" + w};
     const std::string fine[] = {
         "KivVelik/9 Platform:onTime: ClockTimer::Notifiee::onTime: Timeout notification "

@@ -85,12 +85,10 @@ TEST(FastForwardSwitch, NotifiesRealChangesOnlyAndOnlyOnTheMainThread) {
 TEST_F(FastForwardTest, PassesAndTheUntimedLoopJumpToTheFirstTimer) {
     onLoopThread([] {
         EXPECT_EQ(leVirtualTimeOffset(), 0.0);
-        double before = Velik::time();
         timeval a{0, 700000}, b{0, 600000};
         applyFastForwardDelta(&a);
         applyFastForwardDelta(&b);
         EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 1.3);
-        EXPECT_NEAR(Velik::time() - before, 1.3, 0.1);
         eventLoopFastForwardToFirstTimer(1.25);
         EXPECT_DOUBLE_EQ(leVirtualTimeOffset(), 2.55);
 
