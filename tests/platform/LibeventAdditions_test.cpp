@@ -6,7 +6,6 @@
 
 #include <event2/event_struct.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
