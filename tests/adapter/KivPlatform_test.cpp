@@ -1,28 +1,36 @@
 // What the framework-backed controls do beyond the shared contract: their
 // trace lines, their default interest, and the lifetimes of handlers that
-// drop their control from inside a notification.
+// drop their control from inside a notification; and the framework-backed
+// platform lock.
 #include <Velik/Debug.h>
+#include <Velik/KivActivityLock.h>
 #include <Velik/KivPlatform.h>
+#include <Velik/Loco.h>
 #include <Velik/PlatformSelection.h>
 
+#include <Kiv/ActivityLock.h>
 #include <Kiv/ActivityManager.h>
 
 #include "platform/Pipe.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace {
 
 using namespace Velik;
 
-// A pipe with a byte waiting.
-struct Pipe : VelikTest::Pipe {
-    Pipe() { put(); }
-};
+// One pass of the framework loop, leaving later runs unlimited.
+void pass() {
+    Platform::doEventLoop(0.0);
+    Kiv::activityManager()->config()->executionTimeIs(std::numeric_limits<double>::infinity());
+}
 
 // Throws from every notification; every hook swallows.
 struct Thrower : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::CallbackHandler {
@@ -36,93 +44,60 @@ struct Thrower : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::C
     bool handleCallbackException() override { return ++hooks > 0; }
 };
 
-// One pass of the framework loop.
-void pass() {
-    Platform::doEventLoop(0.0);
-}
-
-class KivPlatformTest : public testing::Test {
-  protected:
-    void SetUp() override { Platform::setTraceFormat("%f/%l %F:%n: %m"); }
-    void TearDown() override {
-        Platform::clearTraceFormat();
-        Kiv::activityManager()->config()->executionTimeIs(std::numeric_limits<double>::infinity());
-    }
-
-    // Runs `body` with "KivVelik" at `levels`; the lines of `expected` that
-    // the trace lacks.
-    template <typename Body>
-    static std::string missing(const char* levels, Body&& body,
-                               const std::vector<std::string>& expected) {
-        Platform::setupVelikDebug(levels);
-        testing::internal::CaptureStderr();
-        body();
-        std::string out = testing::internal::GetCapturedStderr();
-        Platform::clearVelikDebug("KivVelik");
-        std::string lacking;
-        for (const std::string& line : expected) {
-            if (out.find(line + "\n") == std::string::npos) {
-                lacking += line + "\n";
-            }
-        }
-        return lacking.empty() ? lacking : lacking + "in:\n" + out;
-    }
-};
-
-TEST_F(KivPlatformTest, DescriptorLinesAndHandledExceptions) {
-    Pipe p;
+// Descriptor lines and their handled exceptions are routine progress, at
+// level 5; those of timers and callbacks are fine detail, at level 9 only.
+TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
+    VelikTest::Pipe p;
+    p.put();
     Thrower handler;
-    auto control = Platform::getFdControl(&handler);
-    std::string r = std::to_string(p.fds[0]), w = std::to_string(p.fds[1]);
-    EXPECT_EQ(missing("KivVelik/5",
-                      [&] {
-                          control->setReads(true);
-                          control->setFd(p.fds[0]);
-                          pass();
-                          control->setReads(false);
-                          control->setFd(p.fds[1]);
-                          control->setWrites(true);
-                          pass();
-                          control->clearEvents();
-                          control->delFd();
-                      },
-                      {"KivVelik/5 Platform:setReads: FileDescriptor::setReads() true",
-                       "KivVelik/5 Platform:setFd: FileDescriptor::setFd() registering fd:" + r,
-                       "FileDescriptor::Notifiee::onReadableCount() fd:" + r + " readableCount:1",
-                       "KivVelik/5 Platform:onReadableCount: FileDescriptor::onReadableCount: Fd "
-                       "notification exception was handled",
-                       "FileDescriptor::Notifiee::onWritableCount() fd:" + w + " writableCount:1",
-                       "KivVelik/5 Platform:onWritableCount: FileDescriptor::onWritableCount: Fd "
-                       "notification exception was handled",
-                       "FileDescriptor::clearEvents() fd:" + w,
-                       "FileDescriptor::delFd() deleting fd:" + w}),
-              "");
-    EXPECT_EQ(handler.hooks, 2);
-}
-
-// The handled-exception lines of timers and callbacks are fine detail, at
-// level 9 only.
-TEST_F(KivPlatformTest, TimerAndCallbackHandledLinesAreFineDetail) {
-    Thrower handler;
+    auto fd = Platform::getFdControl(&handler);
     auto timer = Platform::getTimerControl(&handler);
     auto callback = Platform::getCallbackControl(&handler);
-    auto deliverBoth = [&] {
+    const std::string r = std::to_string(p.fds[0]), w = std::to_string(p.fds[1]);
+    const auto traceAt = [&](const char* levels) {
+        Platform::setTraceFormat("%f/%l %F:%n: %m");
+        Platform::setupVelikDebug(levels);
+        testing::internal::CaptureStderr();
+        fd->setReads(true);
+        fd->setFd(p.fds[0]);
+        pass();
+        fd->setReads(false);
+        fd->setFd(p.fds[1]);
+        fd->setWrites(true);
+        pass();
         timer->setTimeout(0.0);
         callback->requestCallback();
         pass();
+        fd->delFd();
+        std::string out = testing::internal::GetCapturedStderr();
+        Platform::clearVelikDebug("KivVelik");
+        Platform::clearTraceFormat();
+        return out;
     };
-    const std::string timerLine =
+    const std::string routine[] = {
+        "KivVelik/5 Platform:setFd: FileDescriptor::setFd() registering fd:" + r,
+        "FileDescriptor::Notifiee::onReadableCount() fd:" + r + " readableCount:1",
+        "KivVelik/5 Platform:onReadableCount: FileDescriptor::onReadableCount: Fd notification "
+        "exception was handled",
+        "FileDescriptor::Notifiee::onWritableCount() fd:" + w + " writableCount:1",
+        "KivVelik/5 Platform:onWritableCount: FileDescriptor::onWritableCount: Fd notification "
+        "exception was handled",
+        "KivVelik/5 Platform:requestCallback: Callback::requestCallback() request",
+        "FileDescriptor::delFd() deleting fd:" + w};
+    const std::string fine[] = {
         "KivVelik/9 Platform:onTime: ClockTimer::Notifiee::onTime: Timeout notification "
-        "exception was handled";
-    const std::string callbackLine =
+        "exception was handled",
         "KivVelik/9 Platform:timeout: Callback::timeout: Callback notification exception was "
-        "handled";
-    EXPECT_EQ(missing("KivVelik/5", deliverBoth,
-                      {"KivVelik/5 Platform:requestCallback: Callback::requestCallback() request"}),
-              "");
-    EXPECT_NE(missing("KivVelik/8", deliverBoth, {timerLine}), "");
-    EXPECT_EQ(handler.hooks, 4);
-    EXPECT_EQ(missing("KivVelik/9", deliverBoth, {timerLine, callbackLine}), "");
+        "handled"};
+    const std::string at5 = traceAt("KivVelik/5"), at9 = traceAt("KivVelik/9");
+    for (const std::string& line : routine) {
+        EXPECT_NE(at5.find(line + "\n"), std::string::npos) << line << "\nin:\n" << at5;
+    }
+    for (const std::string& line : fine) {
+        EXPECT_EQ(at5.find(line), std::string::npos) << line;
+        EXPECT_NE(at9.find(line + "\n"), std::string::npos) << line << "\nin:\n" << at9;
+    }
+    EXPECT_EQ(handler.hooks, 8);
 }
 
 // Handlers own their controls and may drop them from inside a throwing
@@ -157,8 +132,9 @@ struct SelfDropping : Platform::FdEventHandler,
 };
 
 // A new fd control wants nothing until asked.
-TEST_F(KivPlatformTest, ControlsDroppedInsideThrowingNotifications) {
-    Pipe p;
+TEST(KivPlatformTest, ControlsDroppedInsideThrowingNotifications) {
+    VelikTest::Pipe p;
+    p.put();
     SelfDropping handler;
     handler.fd->setFd(p.fds[0]);
     pass();
@@ -175,14 +151,57 @@ TEST_F(KivPlatformTest, ControlsDroppedInsideThrowingNotifications) {
     EXPECT_FALSE(handler.control);
     EXPECT_EQ(handler.hooks, 1);  // the callback hook, asked before the control went
     handler.timer->setTimeout(0.0);
-    try {
-        pass();
-        ADD_FAILURE() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "timer gone");
-    }
+    EXPECT_THROW(pass(), std::runtime_error);
     EXPECT_FALSE(handler.timer);
     pass();  // the loop is still usable
+}
+
+using Velik::Platform::loco;
+using Velik::Platform::LocoGuard;
+
+// Taking the lock again on the thread that holds it is answered, not thrown,
+// and releases nothing: only the outermost holder lets go. Another thread's
+// unlock is refused without effect.
+TEST(ActivityLockTest, ReLockByHolderIsToleratedAndReleasesNothing) {
+    Kiv::ActivityLock raw;
+    KivVelik::ActivityLock lock(raw);
+    EXPECT_EQ(lock.lock(), 0);
+    EXPECT_EQ(lock.lock(), EDEADLK);
+    int foreign = -1;
+    std::thread([&] { foreign = raw.unlock(); }).join();
+    EXPECT_EQ(foreign, EPERM);
+    EXPECT_TRUE(lock.owns_lock());
+    lock.unlock();
+    EXPECT_FALSE(lock.owns_lock());
+    EXPECT_EQ(raw.lock(), 0) << "the framework lock is free again";
+    EXPECT_EQ(raw.unlock(), 0);
+
+    {
+        LocoGuard outer;
+        EXPECT_TRUE(outer.releases());
+        {
+            LocoGuard inner;
+            EXPECT_FALSE(inner.releases());
+        }
+        EXPECT_TRUE(loco().owns_lock()) << "the inner guard must not release the outer's lock";
+    }
+    EXPECT_FALSE(loco().owns_lock());
+}
+
+TEST(LocoGuardTest, ExcludesOtherThreads) {
+    std::atomic<bool> taken{false};
+    std::thread other;
+    {
+        LocoGuard guard;
+        other = std::thread([&] {
+            LocoGuard g;
+            taken = true;
+        });
+        std::this_thread::yield();
+        EXPECT_FALSE(taken.load()) << "taken while this guard lives";
+    }
+    other.join();
+    EXPECT_TRUE(taken.load());
 }
 
 }  // namespace

@@ -93,49 +93,16 @@ using Log = std::vector<std::string>;
 
 // ------------------------------------------------------------------ descriptors
 
-TEST_P(PlatformContract, ReadsArePersistentWritesOneShot) {
+// Interest waits for a descriptor; reads are persistent, writes one-shot.
+// Clearing keeps the descriptor, deleting forgets it, and destroying a bound
+// control detaches it: none closes it.
+TEST_P(PlatformContract, ReadsPersistWritesAreOneShotAndNothingCloses) {
     run([] {
         Pipe p;
+        p.put();
         Recorder handler;
         auto control = Platform::getFdControl(&handler);
         EXPECT_EQ(control->getFd(), -1);
-        control->setReads(true);
-        control->setFd(p.fds[0]);
-        p.put();
-        pass();
-        pass();
-        pass();
-        std::string r = "r" + std::to_string(p.fds[0]);
-        EXPECT_EQ(handler.log, (Log{r, r, r}));
-
-        // Binding the always-writable end replaces the read end; one
-        // delivery per request.
-        handler.log.clear();
-        control->setReads(false);
-        control->setFd(p.fds[1]);
-        control->setWrites(true);
-        pass();
-        pass();
-        std::string w = "w" + std::to_string(p.fds[1]);
-        EXPECT_EQ(handler.log, (Log{w}));
-        control->setWrites(true);
-        pass();
-        EXPECT_EQ(handler.log, (Log{w, w}));
-        control->setWrites(true);
-        control->setWrites(false);  // withdrawn before the loop saw it
-        pass();
-        EXPECT_EQ(handler.log.size(), 2u);
-    });
-}
-
-// Interest waits for a descriptor; clearing keeps the descriptor, deleting
-// forgets it, and destroying a bound control detaches it: none closes it.
-TEST_P(PlatformContract, BindingClearingDeletingAndDestroying) {
-    run([] {
-        Pipe p;
-        p.put();
-        Recorder handler;
-        auto control = Platform::getFdControl(&handler);
         control->setReads(true);
         control->setWrites(true);
         pass();
@@ -143,57 +110,100 @@ TEST_P(PlatformContract, BindingClearingDeletingAndDestroying) {
         ASSERT_FALSE(fcntl(p.fds[0], F_GETFL) & O_NONBLOCK);
         control->setFd(p.fds[0]);
         EXPECT_TRUE(fcntl(p.fds[0], F_GETFL) & O_NONBLOCK);
-        pass();
+        for (int i = 0; i < 3; ++i) {
+            pass();
+        }
         // A pipe's read end is never writable: reads only.
-        EXPECT_EQ(handler.log, (Log{"r" + std::to_string(p.fds[0])}));
+        const std::string r = "r" + std::to_string(p.fds[0]);
+        EXPECT_EQ(handler.log, (Log{r, r, r}));
 
         control->clearEvents();
         EXPECT_EQ(control->getFd(), p.fds[0]);
         pass();
-        EXPECT_EQ(handler.log.size(), 1u);
+        EXPECT_EQ(handler.log.size(), 3u);
         control->setReads(true);  // re-arms on the kept descriptor
         pass();
-        EXPECT_EQ(handler.log.size(), 2u);
+        EXPECT_EQ(handler.log.size(), 4u);
         control->delFd();
         EXPECT_EQ(control->getFd(), -1);
         pass();
+        EXPECT_EQ(handler.log.size(), 4u);
+
+        // The always-writable end: one delivery per request.
+        control->setFd(p.fds[1]);
+        control->setWrites(true);
+        pass();
+        pass();
+        const std::string w = "w" + std::to_string(p.fds[1]);
+        EXPECT_EQ(handler.log, (Log{r, r, r, r, w}));
+        control->setWrites(true);
+        pass();
+        EXPECT_EQ(handler.log.size(), 6u);
+        control->setWrites(true);
+        control->setWrites(false);  // withdrawn before the loop saw it
+        pass();
+        EXPECT_EQ(handler.log.size(), 6u);
+
         control->setReads(true);
         control->setFd(p.fds[0]);
         control.reset();
         pass();
-        EXPECT_EQ(handler.log.size(), 2u);
+        EXPECT_EQ(handler.log.size(), 6u);
         EXPECT_GE(fcntl(p.fds[0], F_GETFL), 0);
     });
 }
 
-TEST_P(PlatformContract, FdExceptionHook) {
+// A notification's exception goes to its handler's hook. One swallowed
+// leaves the loop running, a read still armed and a timer disarmed; one that
+// is not leaves the loop at once, with the rest still armed.
+TEST_P(PlatformContract, DescriptorAndTimerExceptionHooks) {
     run([] {
         Pipe p;
         p.put();
-        Recorder handler;
-        handler.throws = true;
-        handler.swallow = true;
-        auto control = Platform::getFdControl(&handler);
+        Recorder reader, thrower, other;
+        reader.throws = thrower.throws = true;
+        reader.swallow = thrower.swallow = true;
+        auto control = Platform::getFdControl(&reader);
         control->setReads(true);
         control->setFd(p.fds[0]);
         pass();
         pass();
-        EXPECT_EQ(handler.hookFds, (std::vector<int>{p.fds[0], p.fds[0]}));
-
-        handler.swallow = false;
+        EXPECT_EQ(reader.hookFds, (std::vector<int>{p.fds[0], p.fds[0]}));
+        reader.swallow = false;
         EXPECT_THROW(doEventLoop(10.0), std::runtime_error);
-        EXPECT_EQ(handler.log.size(), 3u);  // the loop stopped at the throw
-        EXPECT_EQ(handler.hookFds.size(), 3u);
-        // Reads stay armed, and the loop runs again.
-        handler.throws = false;
+        EXPECT_EQ(reader.log.size(), 3u);
+        EXPECT_EQ(reader.hookFds.size(), 3u);
+        reader.throws = false;
         pass();
-        EXPECT_EQ(handler.log.size(), 4u);
+        EXPECT_EQ(reader.log.size(), 4u);
+        control.reset();
+
+        auto t1 = Platform::getTimerControl(&thrower);
+        auto t2 = Platform::getTimerControl(&other);
+        t1->setTimeout(1.0);
+        t2->setTimeout(2.0);
+        doEventLoop(10.0);
+        EXPECT_EQ(thrower.hooks, 1);
+        EXPECT_EQ(other.firedAt.size(), 1u);
+        EXPECT_EQ(t1->remainingTimeout(), never);
+        thrower.swallow = false;
+        t1->setTimeout(1.0);
+        t2->setTimeout(2.0);
+        EXPECT_THROW(doEventLoop(10.0), std::runtime_error);
+        EXPECT_EQ(thrower.hooks, 2);
+        EXPECT_EQ(other.firedAt.size(), 1u);
+        EXPECT_LT(t2->remainingTimeout(), 2.0);
+        doEventLoop(10.0);
+        EXPECT_EQ(other.firedAt.size(), 2u);
+        EXPECT_EQ(thrower.firedAt.size(), 2u);
     });
 }
 
 // ------------------------------------------------------------------ timers
 
-TEST_P(PlatformContract, TimerIsOneShotAndReportsWhatRemains) {
+// Re-arming replaces the expiry; a timer is disarmed before its handler
+// runs, which may arm it again.
+TEST_P(PlatformContract, TimerIsOneShotReArmableFromItsHandlerAndReportsWhatRemains) {
     run([] {
         Recorder handler;
         auto timer = Platform::getTimerControl(&handler);
@@ -207,78 +217,33 @@ TEST_P(PlatformContract, TimerIsOneShotAndReportsWhatRemains) {
         EXPECT_EQ(timer->remainingTimeout(), 0.0);
 
         double armedAt = Velik::time();
-        timer->setTimeout(3600.0);  // re-arming replaces the expiry
-        doEventLoop(7200.0);
-        ASSERT_EQ(handler.firedAt.size(), 1u);
-        EXPECT_GE(handler.firedAt[0] - armedAt, 3600.0);
-        EXPECT_LT(handler.firedAt[0] - armedAt, 3600.5);
-        EXPECT_EQ(timer->remainingTimeout(), never);
-        doEventLoop(7200.0);  // one shot: nothing more
-        timer->setTimeout(1.0);
-        timer->delTimeout();
-        doEventLoop(10.0);
-        EXPECT_EQ(handler.firedAt.size(), 1u);
-    });
-}
-
-TEST_P(PlatformContract, TimerReArmedFromItsOwnHandler) {
-    run([] {
-        Recorder handler;
-        auto timer = Platform::getTimerControl(&handler);
+        timer->setTimeout(3600.0);
         handler.inside = [&] {
-            EXPECT_EQ(timer->remainingTimeout(), never);  // disarmed before the call
+            EXPECT_EQ(timer->remainingTimeout(), never);
             if (handler.firedAt.size() < 5) {
                 timer->setTimeout(0.5);
             }
         };
-        timer->setTimeout(0.5);
-        doEventLoop(60.0);
+        doEventLoop(7200.0);
         ASSERT_EQ(handler.firedAt.size(), 5u);
+        EXPECT_GE(handler.firedAt[0] - armedAt, 3600.0);
+        EXPECT_LT(handler.firedAt[0] - armedAt, 3600.5);
         for (int i = 1; i < 5; ++i) {
             EXPECT_NEAR(handler.firedAt[i] - handler.firedAt[i - 1], 0.55, 0.051) << i;
         }
-    });
-}
-
-// A swallowed exception leaves the timer disarmed and the loop running; one
-// that is not leaves the loop, with the other timer still armed.
-TEST_P(PlatformContract, TimerExceptionHook) {
-    run([] {
-        Recorder thrower, other;
-        thrower.throws = true;
-        auto t1 = Platform::getTimerControl(&thrower);
-        auto t2 = Platform::getTimerControl(&other);
-        thrower.swallow = true;
-        t1->setTimeout(1.0);
-        t2->setTimeout(2.0);
+        timer->setTimeout(1.0);
+        timer->delTimeout();
         doEventLoop(10.0);
-        EXPECT_EQ(thrower.hooks, 1);
-        EXPECT_EQ(other.firedAt.size(), 1u);
-        EXPECT_EQ(t1->remainingTimeout(), never);
-
-        thrower.swallow = false;
-        t1->setTimeout(1.0);
-        t2->setTimeout(2.0);
-        try {
-            doEventLoop(10.0);
-            ADD_FAILURE() << "no exception";
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "t");
-        }
-        EXPECT_EQ(thrower.hooks, 2);
-        EXPECT_EQ(other.firedAt.size(), 1u);
-        EXPECT_LT(t2->remainingTimeout(), 2.0);
-        doEventLoop(10.0);
-        EXPECT_EQ(other.firedAt.size(), 2u);
-        EXPECT_EQ(thrower.firedAt.size(), 2u);
+        EXPECT_EQ(handler.firedAt.size(), 5u);
     });
 }
 
 // ------------------------------------------------------------------ callbacks
 
 // Requests coalesce into one delivery on a later pass, never from inside the
-// request; one made from inside the callback is served on a later pass.
-TEST_P(PlatformContract, CallbackRequestsCoalesceAndNeverRunSynchronously) {
+// request; one made from inside the callback is served on a later pass, and
+// survives the callback throwing. Destroying the control cancels it.
+TEST_P(PlatformContract, CallbackRequestsCoalesceNeverRunSynchronouslyAndDieWithTheControl) {
     run([] {
         Recorder handler;
         auto control = Platform::getCallbackControl(&handler);
@@ -291,7 +256,6 @@ TEST_P(PlatformContract, CallbackRequestsCoalesceAndNeverRunSynchronously) {
         handler.inside = [&] { EXPECT_FALSE(control->pendingCallback()); };
         runUntilIdle();
         EXPECT_EQ(handler.log.size(), 1u);
-        EXPECT_FALSE(control->pendingCallback());
 
         control->requestCallback();
         control->cancelCallback();
@@ -310,32 +274,22 @@ TEST_P(PlatformContract, CallbackRequestsCoalesceAndNeverRunSynchronously) {
         EXPECT_TRUE(control->pendingCallback());
         runUntilIdle();
         EXPECT_EQ(handler.log.size(), 5u);
-    });
-}
 
-// A request made inside a callback that then throws survives the throw;
-// destroying the control cancels it.
-TEST_P(PlatformContract, CallbackExceptionHookAndDestruction) {
-    run([] {
-        Recorder handler;
-        auto control = Platform::getCallbackControl(&handler);
         handler.throws = true;
         handler.swallow = true;
         control->requestCallback();
         runUntilIdle();
         EXPECT_EQ(handler.hooks, 1);
-
         handler.swallow = false;
         handler.inside = [&] { control->requestCallback(); };
         control->requestCallback();
         EXPECT_THROW(runUntilIdle(), std::runtime_error);
         EXPECT_EQ(handler.hooks, 2);
-        EXPECT_EQ(handler.log.size(), 2u);
+        EXPECT_EQ(handler.log.size(), 7u);
         EXPECT_TRUE(control->pendingCallback());
-
         control.reset();
         runUntilIdle();
-        EXPECT_EQ(handler.log.size(), 2u);
+        EXPECT_EQ(handler.log.size(), 7u);
     });
 }
 

