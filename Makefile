@@ -53,7 +53,8 @@ test-sanitize: deps $(SANBUILD)/build.ninja
 # the framework's shared pieces) under ThreadSanitizer. Death tests fork and
 # are left out.
 TSAN_SUITES = EndToEnd SchedulerRootVelik TaskSchedulerRoot BacktraceTracker ConstStringCache \
-              Lock Loco Thread Exception Strerror Ptr MainLoop TimerWheelSingleton PlatformSelection
+              Lock Loco Thread Exception Strerror Ptr MainLoop TimerWheelSingleton LibeventBase \
+              PlatformFastForward
 empty :=
 space := $(empty) $(empty)
 TSAN_TESTS = $(subst $(space),|,$(strip $(TSAN_SUITES)))
