@@ -66,6 +66,24 @@ TEST_F(ClockTest, CrowdArrivesByTimeThenArming) {
     EXPECT_GE(now(), reached);
 }
 
+// Never early, also for times closer together than the loop's own steps.
+TEST_F(ClockTest, TimersMicrosecondsApartAreNeverEarly) {
+    const double base = now() + 1;
+    std::vector<double> lateness;
+    std::vector<std::unique_ptr<Timer>> timers;
+    for (int i = 9; i >= 0; --i) {
+        const double t = base + i * 300e-6;
+        timers.push_back(
+            std::make_unique<Timer>([&lateness, t] { lateness.push_back(now() - t); }));
+        timers.back()->timeMinIs(t);
+    }
+    Kiv::System::doRun();
+    ASSERT_EQ(lateness.size(), timers.size());
+    for (const double late : lateness) {
+        EXPECT_GE(late, 0.0);
+    }
+}
+
 TEST_F(ClockTest, NotifieeDestroysItselfAndAnotherDueFromOnTime) {
     const double t = now() + 1;
     auto victim = std::make_unique<Timer>();
