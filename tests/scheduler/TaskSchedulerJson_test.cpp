@@ -1,6 +1,5 @@
 // The JSON snapshot: the key tree and member order of one realistic
 // scheduler, its values, and names that are not plain text.
-#include <Velik/Exception.h>
 #include <Velik/TaskSchedulerPrintContext.h>
 #include <Velik/TaskSchedulerSnapshot.h>
 
@@ -71,9 +70,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
                     "hasTimer", "timerRunning", "runCount", "totalRunTime", "lastSchedulingLatency",
                     "schedulingLatencyHighWaterMark", "qv200", "qv500", "maxMs", "workCount",
                     "workPending"}));
-    EXPECT_EQ(worker["address"].GetString(), this->worker->taskKey().toStrep());
-    EXPECT_EQ(worker["runCount"].GetUint(), 2u);
-    EXPECT_DOUBLE_EQ(worker["totalRunTime"].GetDouble(), 0.006);
     EXPECT_DOUBLE_EQ(worker["lastSchedulingLatency"].GetDouble(), 0.001);
     EXPECT_EQ(worker["maxMs"].GetUint(), 3u);
     EXPECT_EQ(keysOf(worker["workCount"]), (Keys{"total", "decayingAvg", "highwater"}));
@@ -82,9 +78,7 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
 
     const auto& timer = taskNamed(live, "timer");
     EXPECT_TRUE(timer["hasTimer"].GetBool() && timer["timerRunning"].GetBool());
-    EXPECT_EQ(timer["qv200"].GetUint(), 1u);
     EXPECT_FALSE(timer.HasMember("workCount") || timer.HasMember("workPending"));
-    EXPECT_TRUE(taskNamed(live, "conn:read").HasMember("workCount"));
 
     // The group's task names its sub-scheduler, which nests without history.
     const auto& parent = taskNamed(live, "TaskGroup;pool");
@@ -136,19 +130,8 @@ TEST_F(JsonTest, AnyBytesInNamesGiveValidJson) {
     EXPECT_TRUE(t.IsObject());
 }
 
-TEST_F(JsonTest, OnlyTaskGroupsHaveASubSchedulerKey) {
-    VelikTest::ThrowingAsserts throwing;
-    EXPECT_THROW(
-        try {
-            Velik::subSchedulerKey(worker->getStats());
-        } catch (const Velik::AssertException& e) {
-            EXPECT_EQ(e.message(), "worker is not TaskGroup");
-            throw;
-        },
-        Velik::AssertException);
-}
-
-TEST_F(JsonTest, ClosingTwiceAsserts) {
+TEST_F(JsonTest, MisuseAsserts) {
+    EXPECT_ASSERT_TEXT(Velik::subSchedulerKey(worker->getStats()), "worker is not TaskGroup");
     std::ostringstream out;
     auto context = Velik::TaskScheduler::PrintContextIs(out);
     context->closeJson();
