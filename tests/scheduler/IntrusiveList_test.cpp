@@ -64,7 +64,6 @@ TEST(IntrusiveList, LinkingALinkedElementAsserts) {
     Item a(1);
     Queue q, other;
     q.pushBack(a);
-    EXPECT_ASSERT_TEXT(other.pushBack(a), "IntrusiveLinkedListBase:");
     EXPECT_ASSERT_TEXT(other.pushBack(a), "!( element.*ptrToLinkNode ).isLinked()");
     EXPECT_ASSERT_TEXT(q.pushFront(a), "!( element.*ptrToLinkNode ).isLinked()");
     EXPECT_EQ(q.size(), 1u);

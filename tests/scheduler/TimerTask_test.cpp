@@ -145,16 +145,20 @@ TEST_F(TimerTaskTest, DestroyedTimingTaskNeverFires) {
 }
 
 // An offset is the root's next random percent of the allowed share, in
-// both forms; every root draws the same sequence.
+// both forms; each root draws the same sequence, of its own.
 TEST_F(TimerTaskTest, JitterOffsetsDrawTheRootsRandomPercent) {
-    unsigned seed = 0;
-    auto nextPercent = [&seed] { return static_cast<unsigned>(rand_r(&seed)) / 21474836u; };
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_DOUBLE_EQ(t->jitterOffset(2.0, 50), nextPercent() * (50 * 2.0) / 10000.0);
-        EXPECT_EQ(t->jitterOffset(1'000'000ns, 100), 10'000ns * nextPercent());
-        EXPECT_EQ(t->jitterOffset(99ns, 1), 0ns);  // truncated
-        EXPECT_EQ(t->jitterOffset(7.5, 0), 0.0);
-        nextPercent(), nextPercent();  // the draws of the last two
+    newRoot();
+    ProbeTimer other(root.get(), TaskPriority::low, "other");
+    for (ProbeTimer* timer : {t.get(), &other}) {
+        unsigned seed = 0;
+        auto nextPercent = [&seed] { return static_cast<unsigned>(rand_r(&seed)) / 21474836u; };
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_DOUBLE_EQ(timer->jitterOffset(2.0, 50), nextPercent() * (50 * 2.0) / 10000.0);
+            EXPECT_EQ(timer->jitterOffset(1'000'000ns, 100), 10'000ns * nextPercent());
+            EXPECT_EQ(timer->jitterOffset(99ns, 1), 0ns);  // truncated
+            EXPECT_EQ(timer->jitterOffset(7.5, 0), 0.0);
+            nextPercent(), nextPercent();  // the draws of the last two
+        }
     }
 }
 
