@@ -15,21 +15,9 @@ using namespace std::chrono_literals;
 using Velik::TaskPriority;
 using Velik::TaskSchedulerEventType;
 using Velik::TimerTask;
+using VelikTest::ProbeTimer;
 
 constexpr double never = std::numeric_limits<double>::infinity();
-
-class ProbeTimer : public TimerTask {
-  public:
-    using TimerTask::TimerTask;
-    void taskExecute() override {
-        runsAt.push_back(Velik::time());
-        if (body) {
-            body(*this);
-        }
-    }
-    std::vector<double> runsAt;
-    std::function<void(ProbeTimer&)> body;
-};
 
 // "idle", "timing" or "due", after checking the three are exclusive.
 std::string stateOf(const TimerTask& t) {
