@@ -109,12 +109,8 @@ TEST_P(StatsEndpointTest, AnswersSnapshotReportAndHistory) {
         ASSERT_FALSE(doc.Parse(json.c_str()).HasParseError()) << json.substr(0, 200);
         const auto& main = doc["schedulers"][root->schedulerName().c_str()];
         EXPECT_GT(main["history"]["history"].Size(), 0u);
-        std::string names;
-        for (const auto& t : main["tasks"]["tasks"].GetArray()) {
-            names += std::string(t["name"].GetString()) + ",";
-        }
-        EXPECT_NE(names.find("worker,"), std::string::npos) << names;
-        EXPECT_NE(names.find("StatsEndpoint:client:read,"), std::string::npos) << names;
+        EXPECT_THAT(json, testing::HasSubstr(R"({"name":"worker",)"));
+        EXPECT_THAT(json, testing::HasSubstr(R"({"name":"StatsEndpoint:client:read",)"));
 
         const std::string report = ask("report\r\n");  // a CR before the LF is tolerated
         EXPECT_EQ(report.substr(0, report.find('\n')),
