@@ -154,7 +154,7 @@ TEST_P(StatsEndpointTest, BadRequestsGetOneErrorLineAndTheDaemonCarriesOn) {
     });
 }
 
-TEST_P(StatsEndpointTest, ForeignUidRefusedRootAllowed) {
+TEST_P(StatsEndpointTest, ForeignUidsAndClientsBeyondTheBoundAreRefused) {
     run([this] {
         auto root = Velik::schedulerRootVelik();
         Velik::StatsEndpointOptions options;
@@ -164,24 +164,14 @@ TEST_P(StatsEndpointTest, ForeignUidRefusedRootAllowed) {
         EXPECT_EQ(endpoint->refusedCount(), 1u);
         endpoint.reset();
 
-        options.peerUidForTest = 0;
-        endpoint = Velik::serveStats(*root, path, options);
-        EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");
-    });
-}
-
-TEST_P(StatsEndpointTest, ClientsBeyondTheBoundAreRefusedUntilOneEnds) {
-    run([this] {
-        auto root = Velik::schedulerRootVelik();
-        Velik::StatsEndpointOptions options;
+        options.peerUidForTest = 0;  // root is allowed
         options.maxClients = 2;
-        auto endpoint = Velik::serveStats(*root, path, options);
+        endpoint = Velik::serveStats(*root, path, options);
         Client first(path), second(path);
         ASSERT_TRUE(pumpUntil([&] { return endpoint->clientCount() == 2; }));
         EXPECT_EQ(ask("report\n"), "error: too many clients\n");
         EXPECT_FALSE(first.ended());
-
-        first.send("history\n");
+        first.send("history\n");  // until one ends
         ASSERT_TRUE(pumpUntil([&] { return first.ended(); }));
         EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");
         EXPECT_EQ(endpoint->refusedCount(), 1u);

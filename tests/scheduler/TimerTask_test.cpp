@@ -164,11 +164,4 @@ TEST_F(TimerTaskTest, AssertionTextsAndNothingHalfDone) {
     EXPECT_EQ(stateOf(*t), "timing");
 }
 
-using TimerTaskDeathTest = TimerTaskTest;
-
-TEST_F(TimerTaskDeathTest, BadPercentageAborts) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(t->jitterOffset(1.0, 200), "TimerTask::jitterOffset\\(\\) maxJitterPercentage: ");
-}
-
 }  // namespace
