@@ -106,7 +106,6 @@ TEST_F(FdTaskTest, HandlersRunOneAtATime) {
     };
     t->taskWatchWritableIs(true);
     t->readTask()->taskRunFromTest();
-    EXPECT_THAT(nested, testing::HasSubstr("TaskSchedulerCpp:"));
     EXPECT_THAT(nested, testing::HasSubstr("FileDescriptorTask::_taskExecuteWritable() "
                                            "Executing task already set"));
     t->taskWatchReadableIs(false);
