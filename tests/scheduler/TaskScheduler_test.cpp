@@ -29,18 +29,10 @@ class TaskSchedulerTest : public VelikTest::SchedulerTest {
     }
 };
 
-TEST_F(TaskSchedulerTest, StrictPriorityOneTaskPerRunFifoWithinAQueue) {
+TEST_F(TaskSchedulerTest, StrictPriorityAndFifoWithinAQueue) {
     auto tasks = schedule("SLNHnA", false);
     runUntilIdle();
     EXPECT_EQ(letters(), "AHNnLS");
-
-    // Scavenge tasks take turns one per run; an absolute task cuts in.
-    log.clear();
-    auto scavengers = schedule("Ss", true);
-    runOnce(3);
-    tasks.back()->scheduleTask();
-    runOnce(2);
-    EXPECT_EQ(letters(), "SsSAs");
 }
 
 TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
