@@ -121,10 +121,11 @@ TEST_P(StatsEndpointTest, AnswersSnapshotReportAndHistory) {
         std::istringstream history(ask("history\n"));
         long long previous = 0, ns;
         int lines = 0;
-        for (std::string scheduler, rest; history >> ns >> scheduler && getline(history, rest);) {
+        for (std::string name, rest; history >> ns >> name && std::getline(history, rest);
+             ++lines) {
             EXPECT_GE(ns, previous) << rest;
-            EXPECT_EQ(scheduler, root->schedulerName().str());
-            previous = ns, ++lines;
+            EXPECT_EQ(name, root->schedulerName().str());
+            previous = ns;
         }
         EXPECT_GT(lines, 50);
         EXPECT_EQ(endpoint->clientCount(), 0u);
