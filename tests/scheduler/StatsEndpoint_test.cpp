@@ -97,7 +97,7 @@ class StatsEndpointTest : public VelikTest::FamilyTest {
     std::string dir, path;
 };
 
-TEST_P(StatsEndpointTest, AnswersSnapshotReportAndHistory) {
+TEST_P(StatsEndpointTest, AnswersTheThreeRequestsAndOneErrorLineToBadOnes) {
     run([this] {
         auto root = Velik::schedulerRootVelik();
         auto worker = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "worker");
@@ -128,14 +128,8 @@ TEST_P(StatsEndpointTest, AnswersSnapshotReportAndHistory) {
             previous = ns;
         }
         EXPECT_GT(lines, 50);
-        EXPECT_EQ(endpoint->clientCount(), 0u);
-    });
-}
 
-TEST_P(StatsEndpointTest, BadRequestsGetOneErrorLineAndTheDaemonCarriesOn) {
-    run([this] {
-        auto root = Velik::schedulerRootVelik();
-        auto endpoint = Velik::serveStats(*root, path);
+        // Bad requests get one error line, and the daemon carries on.
         EXPECT_EQ(ask("snap\x01shot\n"), "error: malformed request\n");
         EXPECT_EQ(ask("\n"), "error: malformed request\n");
         EXPECT_EQ(ask("snapshot \n"), "error: unknown verb, ask for snapshot, report or history\n");
@@ -152,6 +146,7 @@ TEST_P(StatsEndpointTest, BadRequestsGetOneErrorLineAndTheDaemonCarriesOn) {
             EXPECT_EQ(halfClosed.got, "error: malformed request, the line has no end\n");
         }
         EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");  // still answering
+        EXPECT_EQ(endpoint->clientCount(), 0u);
     });
 }
 
