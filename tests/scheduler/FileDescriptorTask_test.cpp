@@ -16,26 +16,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
-
-// Logs its handler runs and does what its bodies say.
-class ProbeFd : public Velik::FileDescriptorTask {
-  public:
-    template <typename Scheduler>  // a shared or a plain pointer: both forms
-    ProbeFd(Scheduler scheduler, const std::string& name, Lines* log)
-        : FileDescriptorTask(scheduler, Velik::TaskPriority::normal, name), log_(log) {}
-    void taskExecuteReadable() override {
-        log_->push_back("read");
-        onRead(*this);
-    }
-    void taskExecuteWritable() override {
-        log_->push_back("write");
-        onWrite(*this);
-    }
-    std::function<void(ProbeFd&)> onRead = [](ProbeFd&) {}, onWrite = onRead;
-
-  private:
-    Lines* log_;
-};
+using VelikTest::ProbeFd;
 
 class FdTaskTest : public VelikTest::SchedulerTest {
   protected:
@@ -125,7 +106,6 @@ TEST_F(FdTaskTest, HandlersRunOneAtATime) {
     };
     t->taskWatchWritableIs(true);
     t->readTask()->taskRunFromTest();
-    EXPECT_THAT(nested, testing::HasSubstr("TaskSchedulerCpp:"));
     EXPECT_THAT(nested, testing::HasSubstr("FileDescriptorTask::_taskExecuteWritable() "
                                            "Executing task already set"));
     t->taskWatchReadableIs(false);

@@ -3,9 +3,7 @@
 // never ran, with run times the test clock makes exact.
 #pragma once
 
-#include <Velik/FileDescriptorTask.h>
 #include <Velik/TaskGroup.h>
-#include <Velik/TimerTask.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,21 +11,6 @@
 #include "scheduler/SchedulerFixture.h"
 
 namespace VelikTest {
-
-class ReportTimer : public Velik::TimerTask {
-  public:
-    using TimerTask::TimerTask;
-    void taskExecute() override { body(); }
-    std::function<void()> body;
-};
-
-class ReportFd : public Velik::FileDescriptorTask {
-  public:
-    using FileDescriptorTask::FileDescriptorTask;
-    void taskExecuteReadable() override { onRead(*this); }
-    void taskExecuteWritable() override { onWrite(*this); }
-    std::function<void(ReportFd&)> onRead, onWrite;
-};
 
 class ReportTest : public SchedulerTest {
   protected:
@@ -49,15 +32,15 @@ class ReportTest : public SchedulerTest {
             runOnce();
         }
 
-        timer = std::make_shared<ReportTimer>(root.get(), P::low, "timer");
-        timer->body = [] { advanceNs(45 * ms); };  // more than twice the quantum
+        timer = std::make_shared<ProbeTimer>(root.get(), P::low, "timer");
+        timer->body = [](ProbeTimer&) { advanceNs(45 * ms); };  // more than twice the quantum
         timer->scheduleTask();
         runOnce();
         timer->scheduleTaskDelay(100.0);
 
-        conn = std::make_shared<ReportFd>(root, P::normal, "conn");
+        conn = std::make_shared<ProbeFd>(root, "conn");
         conn->taskWatchFdIs(fds[0]);
-        conn->onRead = [](ReportFd& self) {
+        conn->onRead = [](ProbeFd& self) {
             advanceNs(ms / 2);
             self.taskWorkCountInc(10);
         };
@@ -85,8 +68,8 @@ class ReportTest : public SchedulerTest {
     Pipe sockets{true};
     int* fds = sockets.fds;
     std::shared_ptr<ProbeTask> worker, idle;
-    std::shared_ptr<ReportTimer> timer;
-    std::shared_ptr<ReportFd> conn;
+    std::shared_ptr<ProbeTimer> timer;
+    std::shared_ptr<ProbeFd> conn;
     std::shared_ptr<Velik::TaskGroup> pool;
     std::vector<std::shared_ptr<ProbeTask>> jobs;
 };

@@ -2,10 +2,13 @@
 // steady clock is a variable the test moves, and tasks log their runs.
 #pragma once
 
+#include <Velik/FileDescriptorTask.h>
 #include <Velik/Platform.h>
 #include <Velik/Task.h>
 #include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include <Velik/Time.h>
+#include <Velik/TimerTask.h>
 
 #include "foundation/ThrowingAsserts.h"
 
@@ -68,6 +71,41 @@ class ProbeTask : public Velik::Task {
     bool alwaysReschedule = false;
 
   private:
+    std::vector<std::string>* log_;
+};
+
+// Notes the library time of each run and does whatever `body` says.
+class ProbeTimer : public Velik::TimerTask {
+  public:
+    using TimerTask::TimerTask;
+    void taskExecute() override {
+        runsAt.push_back(Velik::time());
+        if (body) {
+            body(*this);
+        }
+    }
+    std::vector<double> runsAt;
+    std::function<void(ProbeTimer&)> body;
+};
+
+// A normal descriptor task that logs its handler runs ("read", "write")
+// when given a log, and does what its bodies say.
+class ProbeFd : public Velik::FileDescriptorTask {
+  public:
+    template <typename Scheduler>  // a shared or a plain pointer: both forms
+    ProbeFd(Scheduler scheduler, const std::string& name, std::vector<std::string>* log = nullptr)
+        : FileDescriptorTask(scheduler, Velik::TaskPriority::normal, name), log_(log) {}
+    void taskExecuteReadable() override { handle("read", onRead); }
+    void taskExecuteWritable() override { handle("write", onWrite); }
+    std::function<void(ProbeFd&)> onRead = [](ProbeFd&) {}, onWrite = onRead;
+
+  private:
+    void handle(const char* side, const std::function<void(ProbeFd&)>& body) {
+        if (log_) {
+            log_->push_back(side);
+        }
+        body(*this);
+    }
     std::vector<std::string>* log_;
 };
 

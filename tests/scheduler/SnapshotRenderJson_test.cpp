@@ -92,7 +92,6 @@ TEST_F(AsyncJsonTest, SlowReaderGetsTheWholeDocumentInOrder) {
     EXPECT_EQ(render->taskName().str(),
               "TaskSchedulerRenderJson-fd:" + std::to_string(pipe.fds[1]));
     EXPECT_EQ(render->writeTask()->taskName().str(), render->taskName().str() + ":FdWrite");
-    EXPECT_FALSE(render->writeTask()->taskWatchReadable());
     EXPECT_NE(fcntl(pipe.fds[1], F_GETFL) & O_NONBLOCK, 0);
 
     EXPECT_EQ(pump(*render, 1000), documentOf(snaps));

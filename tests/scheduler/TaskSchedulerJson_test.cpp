@@ -1,6 +1,6 @@
 // The JSON snapshot: the key tree and member order of one realistic
-// scheduler, its values, and names that are not plain text.
-#include <Velik/Exception.h>
+// scheduler, the values the snapshot reader does not compare, and names that
+// are not plain text.
 #include <Velik/TaskSchedulerPrintContext.h>
 #include <Velik/TaskSchedulerSnapshot.h>
 
@@ -50,9 +50,7 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
     EXPECT_EQ(keysOf(s),
               (Keys{"schedulerName", "isRootScheduler", "priorityStats", "maxSchedulerSlip",
                     "tasks", "completedTasks", "subSchedulers", "history"}));
-    EXPECT_TRUE(s["isRootScheduler"].GetBool());
     EXPECT_EQ(keysOf(s["priorityStats"]), (Keys{"absolute", "high", "normal", "low", "scavenge"}));
-    EXPECT_EQ(s["priorityStats"]["normal"]["totalRunCount"].GetUint(), 4u);
     EXPECT_EQ(s["priorityStats"]["high"]["completedTasks"].GetUint(), 1u);
 
     // Largest total run time first; the task that never ran is skipped.
@@ -71,9 +69,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
                     "hasTimer", "timerRunning", "runCount", "totalRunTime", "lastSchedulingLatency",
                     "schedulingLatencyHighWaterMark", "qv200", "qv500", "maxMs", "workCount",
                     "workPending"}));
-    EXPECT_EQ(worker["address"].GetString(), this->worker->taskKey().toStrep());
-    EXPECT_EQ(worker["runCount"].GetUint(), 2u);
-    EXPECT_DOUBLE_EQ(worker["totalRunTime"].GetDouble(), 0.006);
     EXPECT_DOUBLE_EQ(worker["lastSchedulingLatency"].GetDouble(), 0.001);
     EXPECT_EQ(worker["maxMs"].GetUint(), 3u);
     EXPECT_EQ(keysOf(worker["workCount"]), (Keys{"total", "decayingAvg", "highwater"}));
@@ -81,10 +76,7 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
     EXPECT_DOUBLE_EQ(worker["workCount"]["decayingAvg"].GetDouble(), 5.0);
 
     const auto& timer = taskNamed(live, "timer");
-    EXPECT_TRUE(timer["hasTimer"].GetBool() && timer["timerRunning"].GetBool());
-    EXPECT_EQ(timer["qv200"].GetUint(), 1u);
     EXPECT_FALSE(timer.HasMember("workCount") || timer.HasMember("workPending"));
-    EXPECT_TRUE(taskNamed(live, "conn:read").HasMember("workCount"));
 
     // The group's task names its sub-scheduler, which nests without history.
     const auto& parent = taskNamed(live, "TaskGroup;pool");
@@ -95,7 +87,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
     const auto& sub = s["subSchedulers"][key.c_str()];
     EXPECT_EQ(keysOf(sub), (Keys{"schedulerName", "isRootScheduler", "priorityStats",
                                  "maxSchedulerSlip", "tasks", "subSchedulers"}));
-    EXPECT_STREQ(sub["schedulerName"].GetString(), "pool");
     EXPECT_EQ(sub["subSchedulers"].MemberCount(), 0u);
 
     const auto& done = s["completedTasks"]["tasks"][0];
@@ -109,9 +100,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
     EXPECT_EQ(history["historyEntryCount"].GetUint(), 100u);
     EXPECT_EQ(history["history"].Size(), 1u);  // the idle task's creation
     EXPECT_EQ(keysOf(history["history"][0]), (Keys{"nsSinceBoot", "eventType", "eventId"}));
-    EXPECT_STREQ(history["history"][0]["eventType"].GetString(), "create");
-    EXPECT_STREQ(history["history"][0]["eventId"].GetString(), "S idle");
-    EXPECT_EQ(history["history"][0]["nsSinceBoot"].GetInt64(), VelikTest::fakeNowNs);
 
     // Without the optional parts; a display order when one is set.
     auto snap = root->snapshot(true, false, false);
@@ -136,19 +124,8 @@ TEST_F(JsonTest, AnyBytesInNamesGiveValidJson) {
     EXPECT_TRUE(t.IsObject());
 }
 
-TEST_F(JsonTest, OnlyTaskGroupsHaveASubSchedulerKey) {
-    VelikTest::ThrowingAsserts throwing;
-    EXPECT_THROW(
-        try {
-            Velik::subSchedulerKey(worker->getStats());
-        } catch (const Velik::AssertException& e) {
-            EXPECT_EQ(e.message(), "worker is not TaskGroup");
-            throw;
-        },
-        Velik::AssertException);
-}
-
-TEST_F(JsonTest, ClosingTwiceAsserts) {
+TEST_F(JsonTest, MisuseAsserts) {
+    EXPECT_ASSERT_TEXT(Velik::subSchedulerKey(worker->getStats()), "worker is not TaskGroup");
     std::ostringstream out;
     auto context = Velik::TaskScheduler::PrintContextIs(out);
     context->closeJson();

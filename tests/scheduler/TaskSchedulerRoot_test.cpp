@@ -56,17 +56,6 @@ TEST_F(TaskSchedulerRootTest, SwitchesAreRecordedOnlyWhenTheyChange) {
     EXPECT_EQ(control->requests, 3);
 }
 
-TEST_F(TaskSchedulerRootTest, RandomPercentIsTheSameSequenceInEveryNewRoot) {
-    auto first = root;
-    newRoot();
-    unsigned seed = 0;
-    for (int i = 0; i < 20; ++i) {
-        unsigned expected = static_cast<unsigned>(rand_r(&seed)) / 21474836u;
-        EXPECT_EQ(first->randomPercent(), expected);
-        EXPECT_EQ(root->randomPercent(), expected);
-    }
-}
-
 TEST_F(TaskSchedulerRootTest, OtherThreadsPassTheCheckOnlyWhenAllowed) {
     auto t = task(TaskPriority::normal, "x");
     root->threadSanityDisabledIs(true);

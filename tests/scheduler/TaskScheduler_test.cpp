@@ -29,22 +29,18 @@ class TaskSchedulerTest : public VelikTest::SchedulerTest {
     }
 };
 
-TEST_F(TaskSchedulerTest, StrictPriorityOneTaskPerRunFifoWithinAQueue) {
+// Strictly by priority, first in first out within a queue; every run
+// requests the next, and the run that finds nothing records idle once.
+TEST_F(TaskSchedulerTest, StrictPriorityFifoAndIdleRecordedOnce) {
     auto tasks = schedule("SLNHnA", false);
-    EXPECT_EQ(control->requests, 1);
-    runOnce();
-    EXPECT_EQ(letters(), "A");
     runUntilIdle();
     EXPECT_EQ(letters(), "AHNnLS");
-    EXPECT_EQ(root->runTaskCount(TaskPriority::normal), 2u);
-
-    // Scavenge tasks take turns one per run; an absolute task cuts in.
-    log.clear();
-    auto scavengers = schedule("Ss", true);
-    runOnce(3);
-    tasks.back()->scheduleTask();
-    runOnce(2);
-    EXPECT_EQ(letters(), "SsSAs");
+    EXPECT_EQ(control->requests, 7);
+    EXPECT_FALSE(control->pending || root->schedulerHasRunnableTasks());
+    EXPECT_EQ(historyLines().front(), "schedulerIdle testRoot");
+    const std::size_t events = root->history()->size();
+    runOnce();
+    EXPECT_EQ(root->history()->size(), events);
 }
 
 TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
@@ -73,21 +69,6 @@ TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
         runOnce(row.runs);
         EXPECT_EQ(letters(), row.expected) << row.tasks;
     }
-}
-
-// A run always requests the next; the run that finds nothing records idle
-// once, and later empty runs record nothing.
-TEST_F(TaskSchedulerTest, EveryRunRequestsTheNextAndIdleIsRecordedOnce) {
-    auto t = task(TaskPriority::normal, "t");
-    t->scheduleTask();
-    runOnce();
-    EXPECT_EQ(control->requests, 2);
-    runOnce();
-    EXPECT_FALSE(control->pending || root->schedulerHasRunnableTasks());
-    EXPECT_EQ(historyLines().front(), "schedulerIdle testRoot");
-    const std::size_t events = root->history()->size();
-    runOnce();
-    EXPECT_EQ(root->history()->size(), events);
 }
 
 TEST_F(TaskSchedulerTest, QueueMovesFreezeAPassAndResumeWhereItStopped) {

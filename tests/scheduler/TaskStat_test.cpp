@@ -19,25 +19,21 @@ TaskStat statOf(const std::string& name, TaskPriority p, TaskStatus status,
                     20ns, 7ns, 8ns, status);
 }
 
-TaskStatus statusOf(std::uint8_t bits) {
-    return TaskStatus(bits);
-}
-
 TEST(TaskStatTest, StatusStringFollowsThePrecedenceOfTheBits) {
     const auto n = TaskPriority::normal;
-    EXPECT_EQ(statOf("a", n, statusOf(0)).taskStatusString(), " n");
-    EXPECT_EQ(statOf("a", n, statusOf(TaskStatus::taskOnRunQueueBit)).taskStatusString(), " N");
+    EXPECT_EQ(statOf("a", n, TaskStatus(0)).taskStatusString(), " n");
+    EXPECT_EQ(statOf("a", n, TaskStatus(TaskStatus::taskOnRunQueueBit)).taskStatusString(), " N");
     // Running beats suspended beats timer; an armed timer is upper case.
-    EXPECT_EQ(statOf("a", TaskPriority::high, statusOf(0x0F)).taskStatusString(), "*H");
-    EXPECT_EQ(statOf("a", n, statusOf(0x13)).taskStatusString(), "Sn");
-    EXPECT_EQ(statOf("a", TaskPriority::low, statusOf(0x03)).taskStatusString(), "Tl");
-    EXPECT_EQ(statOf("a", TaskPriority::scavenge, statusOf(0x01)).taskStatusString(), "ts");
+    EXPECT_EQ(statOf("a", TaskPriority::high, TaskStatus(0x0F)).taskStatusString(), "*H");
+    EXPECT_EQ(statOf("a", n, TaskStatus(0x13)).taskStatusString(), "Sn");
+    EXPECT_EQ(statOf("a", TaskPriority::low, TaskStatus(0x03)).taskStatusString(), "Tl");
+    EXPECT_EQ(statOf("a", TaskPriority::scavenge, TaskStatus(0x01)).taskStatusString(), "ts");
 }
 
 TEST(TaskStatTest, MergeSumsCountsKeepsMarksAndTakesTheLatest) {
-    TaskStat sum = statOf("m", TaskPriority::low, statusOf(0));
+    TaskStat sum = statOf("m", TaskPriority::low, TaskStatus(0));
     TaskStat later =
-        statOf("m", TaskPriority::low, statusOf(TaskStatus::taskOnRunQueueBit), TaskMaybeU32(7));
+        statOf("m", TaskPriority::low, TaskStatus(TaskStatus::taskOnRunQueueBit), TaskMaybeU32(7));
     later.taskLastSchedulingLatencyIs(1ns);
     later.taskRunTimeHighWaterMarkIs(50ns);
     sum += later;
@@ -51,12 +47,12 @@ TEST(TaskStatTest, MergeSumsCountsKeepsMarksAndTakesTheLatest) {
     EXPECT_EQ(sum.taskCompletedCount(), 1u);
     EXPECT_EQ(sum.taskStatusString(), " L");
 
-    sum += statOf("m", TaskPriority::low, statusOf(0));  // 7, then none
+    sum += statOf("m", TaskPriority::low, TaskStatus(0));  // 7, then none
     EXPECT_EQ(sum.taskWorkCountHighWaterMark(), TaskMaybeU32(7));
     EXPECT_EQ(sum.taskRunTimeHighWaterMark(), 50ns);
     EXPECT_EQ(sum.taskCompletedCount(), 2u);
 
-    EXPECT_ASSERT_TEXT(sum += statOf("other", TaskPriority::low, statusOf(0)), "m != other");
+    EXPECT_ASSERT_TEXT(sum += statOf("other", TaskPriority::low, TaskStatus(0)), "m != other");
 }
 
 class SchedulerStatsTest : public VelikTest::SchedulerTest {

@@ -23,7 +23,6 @@ TEST(TaskPriority, NamesLettersAndInvalidValues) {
         EXPECT_EQ(Velik::oneChar(static_cast<TaskPriority>(i)), "AHNLS-"[i]);
     }
     auto six = static_cast<TaskPriority>(6);
-    EXPECT_ASSERT_TEXT(Velik::toStrep(six), "TaskSchedulerCpp:");
     EXPECT_ASSERT_TEXT(Velik::toStrep(six), "unexpected priority value 6");
     EXPECT_ASSERT_TEXT(Velik::oneChar(six), "unexpected priority 6");
 }
@@ -108,9 +107,6 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
         EXPECT_EQ(t->qv200(), row.qv200) << row.ns;
         EXPECT_EQ(t->qv500(), row.qv500) << row.ns;
     }
-    EXPECT_EQ(t->taskRunCount(), 4u);
-    EXPECT_EQ(t->taskTotalRunTime(), TaskTimeDuration(1'999 + 2'000 + 4'999 + 5'000));
-    EXPECT_EQ(t->taskMaxRunTime(), TaskTimeDuration(5'000));
 }
 
 TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
@@ -187,15 +183,6 @@ TEST_F(TaskTest, DestroyedWhileQueuedLeavesNoTraceButItsName) {
               (Lines{"delete L gone", "unschedule L gone"}));
     runUntilIdle();
     EXPECT_TRUE(log.empty());
-
-    auto d = task(TaskPriority::normal, "hd");
-    d->scheduleTask();
-    d->handleDestroy();
-    EXPECT_FALSE(d->taskScheduled());
-    EXPECT_EQ(d->taskMagicNumber(), 0xDEADDEADu);
-    EXPECT_EQ(root->tasks().size(), 0u);
-    d.reset();  // the destructor must not unregister a second time
-    EXPECT_EQ(root->tasksPerPriority(TaskPriority::normal), 0u);
 }
 
 TEST_F(TaskTest, MisuseAssertsWithItsText) {
@@ -208,8 +195,8 @@ TEST_F(TaskTest, MisuseAssertsWithItsText) {
     Velik::TaskTimePoint end;
     EXPECT_ASSERT_TEXT(t->taskDoRun(VelikTest::fakeNow(), end), "TaskImpl::taskDoRun() N reg");
     EXPECT_TRUE(log.empty());
-    t->unscheduleTask();
-    t->handleDestroy();
+    t->handleDestroy();  // unqueues and unregisters; the destructor must not do it again
+    EXPECT_FALSE(t->taskScheduled());
     EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg not registered");
 
     EXPECT_ASSERT_TEXT(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");

@@ -35,59 +35,46 @@ VelikTop::ExitStatus statusOf(const std::string& json) {
 
 class SnapshotModelTest : public VelikTest::ReportTest {};
 
-TEST_F(SnapshotModelTest, RowsMatchTheLibrarysOwnRecords) {
+// Every row, on the root and one level down in the group, and every
+// history event against the library's own records.
+TEST_F(SnapshotModelTest, RowsAndHistoryMatchTheLibrarysOwnRecords) {
     worker->scheduleTask();
     runOnce();  // some history
     const auto snap =
         VelikTop::parseSnapshot("main", root->statsRenderJsonToString(false, true, true));
-
-    std::vector<Velik::TaskStat> stats;
-    root->getTaskStats(&stats, false);
-    pool->getTaskStats(&stats, false);
-    ASSERT_FALSE(stats.empty());
-    for (const Velik::TaskStat& s : stats) {
-        const TaskRow& row = rowNamed(snap, s.taskName());
-        EXPECT_EQ(row.statusLetters(), s.taskStatusString()) << s.taskName();
-        EXPECT_EQ(row.address, s.taskKey().toStrep());
-        EXPECT_EQ(row.runCount, s.taskRunCount());
-        EXPECT_DOUBLE_EQ(row.totalRunTime, static_cast<double>(s.taskTotalRunTime().count()) / 1e9);
-        EXPECT_DOUBLE_EQ(row.maxLatency,
-                         static_cast<double>(s.taskSchedulingLatencyHighWaterMark().count()) / 1e9);
-        EXPECT_EQ(row.qv200, s.taskQuantumViolation200());
-        EXPECT_EQ(row.workTotal.has_value(), s.taskWorkCountHighWaterMark().hasValue());
+    const TaskRow& group = rowNamed(snap, "TaskGroup;pool");
+    EXPECT_TRUE(group.isGroup);
+    auto seconds = [](Velik::TaskTimeDuration d) { return static_cast<double>(d.count()) / 1e9; };
+    const std::vector<Velik::TaskScheduler*> schedulers{root.get(), pool.get()};
+    for (Velik::TaskScheduler* scheduler : schedulers) {
+        std::vector<Velik::TaskStat> stats;
+        scheduler->getTaskStats(&stats, false);
+        for (const Velik::TaskStat& s : stats) {
+            SCOPED_TRACE(s.taskName());
+            const TaskRow& row = rowNamed(snap, s.taskName());
+            EXPECT_EQ(row.scheduler, scheduler->schedulerName().str());
+            EXPECT_EQ(row.depth, scheduler == root.get() ? 0 : 1);
+            EXPECT_EQ(row.scope == group.childScope, scheduler != root.get());
+            EXPECT_EQ(row.statusLetters(), s.taskStatusString());
+            EXPECT_EQ(row.address, s.taskKey().toStrep());
+            EXPECT_EQ(row.runCount, s.taskRunCount());
+            EXPECT_DOUBLE_EQ(row.totalRunTime, seconds(s.taskTotalRunTime()));
+            EXPECT_DOUBLE_EQ(row.maxLatency, seconds(s.taskSchedulingLatencyHighWaterMark()));
+            EXPECT_EQ(row.qv200, s.taskQuantumViolation200());
+            EXPECT_EQ(row.workTotal.has_value(), s.taskWorkCountHighWaterMark().hasValue());
+        }
     }
     EXPECT_EQ(rowNamed(snap, "worker").workPending, std::optional<std::uint64_t>(2));
-    EXPECT_FALSE(rowNamed(snap, "timer").workTotal);
-}
-
-TEST_F(SnapshotModelTest, GroupTasksFollowTheirGroupOneLevelDown) {
-    const auto snap =
-        VelikTop::parseSnapshot("main", root->statsRenderJsonToString(false, true, true));
-    const auto group = std::find_if(snap.tasks.begin(), snap.tasks.end(),
-                                    [](const TaskRow& r) { return r.isGroup; });
-    ASSERT_NE(group, snap.tasks.end());
-    EXPECT_EQ(group->depth, 0);
-    for (auto it = group + 1; it != group + 3; ++it) {
-        EXPECT_EQ(it->depth, 1);
-        EXPECT_EQ(it->scope, group->childScope);
-        EXPECT_EQ(it->scheduler, pool->schedulerName().str());
-    }
-    ASSERT_EQ(snap.schedulers.size(), 2u);
-    EXPECT_TRUE(snap.schedulers[0].isRoot);
-    EXPECT_EQ(snap.schedulers[0].skipped, 1u);  // "idle" never ran
-    EXPECT_EQ(snap.schedulers[1].scope, group->childScope);
-    EXPECT_EQ(snap.schedulers[0].priorities.at("normal").runs, 4u);
-}
-
-TEST_F(SnapshotModelTest, CompletedRecordsAndHistory) {
-    worker->scheduleTask();
-    runOnce();
-    const auto snap =
-        VelikTop::parseSnapshot("main", root->statsRenderJsonToString(false, true, true));
     const TaskRow& brief = rowNamed(snap, "short", true);
     EXPECT_EQ(brief.completedCount, 1u);
     EXPECT_EQ(brief.address, "");
     EXPECT_NE(brief.identity(), rowNamed(snap, "worker").identity());
+
+    ASSERT_EQ(snap.schedulers.size(), 2u);
+    EXPECT_TRUE(snap.schedulers[0].isRoot);
+    EXPECT_EQ(snap.schedulers[0].skipped, 1u);  // "idle" never ran
+    EXPECT_EQ(snap.schedulers[1].scope, group.childScope);
+    EXPECT_EQ(snap.schedulers[0].priorities.at("normal").runs, 5u);
 
     // Newest first, as the root keeps them.
     const auto& events = root->history()->events();

@@ -17,6 +17,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// The status `f` fails with, and its message.
+template <typename F>
+VelikTop::ExitStatus failureOf(F&& f, std::string* message = nullptr) {
+    try {
+        f();
+    } catch (const VelikTop::TopError& e) {
+        if (message) {
+            *message = e.what();
+        }
+        return e.status();
+    }
+    return VelikTop::exitOk;
+}
+
 class StatsClientTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -53,15 +67,7 @@ class StatsClientTest : public ::testing::Test {
     }
 
     VelikTop::ExitStatus failure(const std::string& at, std::string* message = nullptr) {
-        try {
-            VelikTop::fetch(at, "snapshot", 5.0);
-        } catch (const VelikTop::TopError& e) {
-            if (message) {
-                *message = e.what();
-            }
-            return e.status();
-        }
-        return VelikTop::exitOk;
+        return failureOf([&] { VelikTop::fetch(at, "snapshot", 5.0); }, message);
     }
 
     std::string dir, path, request;
@@ -96,9 +102,9 @@ TEST_F(StatsClientTest, MissingDeadAndSilentSockets) {
 
 TEST_F(StatsClientTest, DirectoriesStandForTheirSockets) {
     fs::create_directory(dir + "/b");
-    std::ofstream(dir + "/b/io.sock");
-    std::ofstream(dir + "/b/main.sock");
-    std::ofstream(dir + "/b/disk.sock");
+    for (const char* thread : {"io", "main", "disk"}) {
+        std::ofstream(dir + "/b/" + thread + ".sock");
+    }
     const auto endpoints = VelikTop::resolveEndpoints({dir + "/b", dir + "/b/io.sock"});
     ASSERT_EQ(endpoints.size(), 3u);  // io.sock only once
     EXPECT_EQ(endpoints[0].thread, "disk");
@@ -110,12 +116,7 @@ TEST_F(StatsClientTest, DirectoriesStandForTheirSockets) {
 
     fs::create_directory(dir + "/empty");
     for (const std::string& bad : {dir + "/none", dir + "/empty"}) {
-        try {
-            VelikTop::resolveEndpoints({bad});
-            ADD_FAILURE() << bad;
-        } catch (const VelikTop::TopError& e) {
-            EXPECT_EQ(e.status(), VelikTop::exitUnreachable);
-        }
+        EXPECT_EQ(failureOf([&] { VelikTop::resolveEndpoints({bad}); }), VelikTop::exitUnreachable);
     }
 }
 
@@ -132,12 +133,10 @@ TEST(Options, ModesIntervalAndMistakes) {
         {"velik-top", "--once", "--json"}, {"velik-top", "-i"},        {"velik-top", "-i", "0"},
         {"velik-top", "-i", "1x"},         {"velik-top", "-i", "nan"}, {"velik-top", "--top"}};
     for (const auto& args : bad) {
-        try {
-            VelikTop::parseOptions(static_cast<int>(args.size()), args.data());
-            ADD_FAILURE() << args.back();
-        } catch (const VelikTop::TopError& e) {
-            EXPECT_EQ(e.status(), VelikTop::exitUsage) << args.back();
-        }
+        EXPECT_EQ(
+            failureOf([&] { VelikTop::parseOptions(static_cast<int>(args.size()), args.data()); }),
+            VelikTop::exitUsage)
+            << args.back();
     }
 }
 
