@@ -2,7 +2,8 @@
 // `CLOCK_MONOTONIC`, cheap enough to read several times per task run.
 //
 // Where the processor's time-stamp counter is invariant (constant rate, not
-// stopped in sleep states) the clock is the counter scaled to nanoseconds. The
+// stopped in sleep states) and the kernel still keeps time by it (clock
+// source `tsc`), the clock is the counter scaled to nanoseconds. The
 // scale is measured against `CLOCK_MONOTONIC` on first use and re-measured
 // about once a second by whichever reader comes first; every re-measurement
 // starts from the value the old scale gives at that instant and only bends
