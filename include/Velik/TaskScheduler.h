@@ -75,6 +75,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     // run; with nothing to pick the scheduler turns idle. An exception from
     // the task passes through.
     void handleSchedulerRun();
+    // The same run, started from the steady reading `now` taken just before
+    // by the caller (the root's callback hands on the reading its event loop
+    // pass took), which `checkSchedulerLatency` then uses instead of a clock
+    // read of its own.
+    void handleSchedulerRunAt(TaskTimePoint now);
     // The next task to run, from priority `from` down, unlinked from its
     // queue; null when every queue from `from` on is empty.
     TaskImpl* pickOneTask(TaskTimePoint now, TaskPriority from);
@@ -87,7 +92,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     void schedulerHasRunnableTasksIs(bool runnable, TaskTimePoint now);
     void requestSchedulerRunAndRecord(TaskTimePoint now);
     // Measures the delay from the last run request to now.
-    void checkSchedulerLatency();
+    void checkSchedulerLatency() { checkSchedulerLatency(taskSteadyNow()); }
+    // The same with now read already.
+    void checkSchedulerLatency(TaskTimePoint now);
 
     // The queue moves of a task group pass, over all five queues.
     void taskRunQueuesMovePersistentToTemporary();

@@ -14,11 +14,15 @@ constexpr double kNever = std::numeric_limits<double>::infinity();
 // leave a notifiee due at the target still waiting after the jump.
 constexpr double kJumpSlack = 1e-6;
 
-double realSeconds() noexcept {
-    return static_cast<double>(steadyNanoseconds()) * 1e-9;
+double realSeconds(std::int64_t nanoseconds) noexcept {
+    return static_cast<double>(nanoseconds) * 1e-9;
 }
 
 }  // namespace
+
+namespace Impl {
+[[gnu::tls_model("initial-exec")]] constinit thread_local std::int64_t passReading = 0;
+}  // namespace Impl
 
 Clock::Notifiee::~Notifiee() {
     if (slot_ != kUnqueued) {
@@ -68,7 +72,12 @@ Clock::~Clock() {
 }
 
 double Clock::now() const noexcept {
-    return realSeconds() + lead_.load(std::memory_order_relaxed);
+    return realSeconds(steadyNanoseconds()) + lead_.load(std::memory_order_relaxed);
+}
+
+double Clock::now(std::int64_t& reading) const noexcept {
+    reading = steadyNanoseconds();
+    return realSeconds(reading) + lead_.load(std::memory_order_relaxed);
 }
 
 double Clock::nextTime() const noexcept {
@@ -97,12 +106,13 @@ void Clock::advanceTo(double time) noexcept {
     }
 }
 
-std::size_t Clock::deliverDue(double now) {
+std::size_t Clock::deliverDue(double now, std::int64_t reading) {
     struct Delivery {
         Clock& clock;
         explicit Delivery(Clock& c) : clock(c) { ++clock.delivering_; }
         ~Delivery() {
             --clock.delivering_;
+            Impl::passReading = 0;  // also when a notifiee throws
             clock.admitLate();
         }
     } delivery(*this);
@@ -112,6 +122,9 @@ std::size_t Clock::deliverDue(double now) {
         Notifiee& due = armed_.front();
         armed_.erase(due);
         due.timeMin_ = kNever;
+        // Fresh for the first notifiee only: a later one comes after the
+        // earlier ones' work.
+        Impl::passReading = delivered == 0 ? reading : 0;
         ++delivered;
         due.onTime();  // may destroy `due`
     }

@@ -131,7 +131,8 @@ void MainLoop::run() {
     const double end = clock_.now() + (limit > 0 ? limit : 0.0);
     bool first = true;
     while (hasWork()) {
-        double now = clock_.now();
+        std::int64_t reading = 0;
+        double now = clock_.now(reading);
         if (!first && now >= end) {
             return;
         }
@@ -141,7 +142,7 @@ void MainLoop::run() {
         if (next <= now) {
             if (now - lastPoll_ >= kPollInterval) {
                 poll(0);
-                now = lastPoll_ = clock_.now();
+                now = lastPoll_ = clock_.now(reading);
             }
         } else {
             const double until = std::min(next, end);
@@ -154,9 +155,9 @@ void MainLoop::run() {
                     poll(-1);  // only descriptors to wait for: nothing to jump to
                 }
             }
-            now = lastPoll_ = clock_.now();
+            now = lastPoll_ = clock_.now(reading);
         }
-        clock_.deliverDue(now);
+        clock_.deliverDue(now, reading);
     }
 }
 

@@ -177,17 +177,20 @@ void TaskScheduler::requestSchedulerRunAndRecord(TaskTimePoint now) {
     requestSchedulerRun();
 }
 
-void TaskScheduler::checkSchedulerLatency() {
-    currentRunTime_ = taskSteadyNow();
+void TaskScheduler::checkSchedulerLatency(TaskTimePoint now) {
+    currentRunTime_ = now;
     TaskTimeDuration slip = currentRunTime_ - lastRunRequestTime_;
     if (slip > maxSchedulerSlip_) {
         maxSchedulerSlip_ = slip;
     }
 }
 
-[[gnu::flatten]] void TaskScheduler::handleSchedulerRun() {
-    checkSchedulerLatency();
-    TaskTimePoint now = currentRunTime_;
+void TaskScheduler::handleSchedulerRun() {
+    handleSchedulerRunAt(taskSteadyNow());
+}
+
+[[gnu::flatten]] void TaskScheduler::handleSchedulerRunAt(TaskTimePoint now) {
+    checkSchedulerLatency(now);
     if (root_->suspended()) {
         // The request is consumed; unsuspending requests a new run.
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "{} Suspended", schedulerName_);

@@ -6,6 +6,7 @@
 #include "Velik/Thread.h"
 
 #include "Kiv/ActivityManager.h"
+#include "Kiv/Clock.h"
 
 #include <unistd.h>
 
@@ -73,13 +74,23 @@ void TaskSchedulerRoot::callback() {
 }
 
 void TaskSchedulerRoot::handleSchedulerRun() {
+    // On the framework's loop the pass's own reading starts the run: one
+    // clock read less per run. Elsewhere (libevent, a test clock, a call
+    // from outside a delivery) the run reads the clock itself.
+    const std::int64_t passReading = Kiv::Clock::takePassReading();
+    bool fresh = passReading != 0 && !Impl::taskSteadyTestClock;
     if (followVirtualTime_) {
         bool frameworkFlag = frameworkVirtualTime();
         if (frameworkFlag != virtualTime_) {
             virtualTimeIs(frameworkFlag);
+            fresh = false;  // its history event must not postdate the run's start
         }
     }
-    TaskScheduler::handleSchedulerRun();
+    if (fresh) {
+        handleSchedulerRunAt(TaskTimePoint(TaskTimeDuration(passReading)));
+    } else {
+        TaskScheduler::handleSchedulerRun();
+    }
 }
 
 // --- The thread's schedulers ---

@@ -1,5 +1,6 @@
 // The framework clock: its notifiees in order, and the processor tick counter.
 #include "Kiv/Clock.h"
+#include "Kiv/SteadyClock.h"
 #include "Kiv/Ticks.h"
 
 #include <algorithm>
@@ -115,6 +116,39 @@ TEST(TicksTest, CounterAdvancesAtTheCalibratedRate) {
     const double expected = std::chrono::duration<double>(now - start).count() / 500e-6;
     EXPECT_GT(steps, expected * 0.7);
     EXPECT_LT(steps, expected * 1.3);
+}
+
+// The loop's pass reading goes to the first notifiee of a pass only, once,
+// and is a real reading taken before that notifiee's delivery; no other
+// notifiee, thread or moment sees one.
+TEST_F(ClockTest, PassReadingReachesOnlyTheFirstNotifieeOnce) {
+    std::vector<std::int64_t> taken, again;
+    std::int64_t before = 0, after = 0;
+    const auto take = [&] {
+        after = Kiv::steadyNanoseconds();
+        taken.push_back(Kiv::Clock::takePassReading());
+        again.push_back(Kiv::Clock::takePassReading());
+    };
+    Timer first(take), second(take);
+    first.timeMinIs(0.0);
+    second.timeMinIs(0.0);
+    before = Kiv::steadyNanoseconds();
+    Kiv::System::doRun();
+    ASSERT_EQ(taken.size(), 2u);
+    EXPECT_GE(taken[0], before);
+    EXPECT_LE(taken[0], after);
+    EXPECT_EQ(taken[1], 0);
+    EXPECT_EQ(again, (std::vector<std::int64_t>{0, 0}));
+    EXPECT_EQ(Kiv::Clock::takePassReading(), 0);  // outside a delivery
+
+    // A notifiee that throws leaves none behind for code after the loop.
+    Timer thrower([] { throw 1; });
+    Timer untaken;
+    untaken.timeMinIs(0.0);
+    thrower.timeMinIs(-1.0);  // delivered first, and takes nothing
+    EXPECT_THROW(Kiv::System::doRun(), int);
+    EXPECT_EQ(Kiv::Clock::takePassReading(), 0);
+    untaken.timeMinIs(kNever);
 }
 
 }  // namespace

@@ -31,11 +31,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <utility>
 #include <vector>
 
 namespace Kiv {
 
 class MainLoop;
+
+namespace Impl {
+// See `Clock::takePassReading()`. Initial-exec: read on every task run, so
+// it must be one load from the thread pointer, not a call.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local std::int64_t passReading;
+}  // namespace Impl
 
 class Clock {
   public:
@@ -99,6 +106,16 @@ class Clock {
     // The number of armed notifiees.
     std::size_t armedCount() const noexcept { return armed_.size() + late_.size(); }
 
+    // The steady-clock reading (`steadyNanoseconds()`, real time, no virtual
+    // lead) with which the main loop of this thread decided what its current
+    // pass delivers, while the first notifiee of that pass is being
+    // delivered; 0 at any other moment, on any other thread, and once taken.
+    // Lets that notifiee stamp its start without reading the clock again:
+    // only the heap's pop and the dispatch to `onTime()` lie between the
+    // reading and the notifiee. Taking it consumes it, so a nested run (or
+    // a second taker) reads the clock itself.
+    static std::int64_t takePassReading() noexcept { return std::exchange(Impl::passReading, 0); }
+
   private:
     friend class MainLoop;
 
@@ -131,11 +148,16 @@ class Clock {
     // Moves the clock forward to `time` (never backwards).
     void advanceTo(double time) noexcept;
 
+    // Now, with the steady-clock reading it came from.
+    double now(std::int64_t& reading) const noexcept;
+
     // Delivers, in order of time and then arming, every notifiee due by `now`
     // that was armed before the delivery began; those armed during it wait
     // for the next one, so a notifiee that keeps re-arming itself cannot hold
-    // the loop. Returns the number delivered.
-    std::size_t deliverDue(double now);
+    // the loop. `reading` (0 for none) is the steady reading `now` came from,
+    // offered to the first notifiee through `takePassReading()`. Returns the
+    // number delivered.
+    std::size_t deliverDue(double now, std::int64_t reading = 0);
     void admitLate() noexcept;
 
     Queue armed_;
