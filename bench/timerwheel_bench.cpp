@@ -33,7 +33,8 @@
 // million libevent timers and the floor of a random restart (one random
 // write into a 64-byte record among a million; also with a library clock
 // read, and with the read through a pointer to a record of a control's
-// size), alternating batches in one run.
+// size), alternating batches in one run. Beside/Restart also restarts the
+// controls to absolute times (`setTimeoutAt`) from one reading per batch.
 //
 // bytes_per_timer: the object (sizeof) plus the wheel's fixed footprint
 // (`timeouts_footprint()`) / n; controls add the shared pointer's control
@@ -305,6 +306,16 @@ struct Beside {
             }
         });
     }
+    // Restarts to absolute times from one clock reading for the whole batch,
+    // as a caller restarting many timers together does.
+    double controlRestartAt() {
+        return VelikBench::timed([&] {
+            const double now = Velik::time();
+            for (int k = 0; k < batch; ++k) {
+                controls[rng.next() % n]->setTimeoutAt(now + rng.delay());
+            }
+        });
+    }
     double libeventRestart() {
         return VelikBench::timed([&] {
             for (int k = 0; k < batch; ++k) {
@@ -374,12 +385,14 @@ Beside& beside() {
 // `floor_ns`), `x_libevent` = libevent / control and `x_floor` = control /
 // floor; beside them the floor with a clock read (`floor_time_ns`) and with
 // a clock read through a pointer (`floor_ptr_time_ns`), and the control over
-// the latter (`x_floor_ptr_time`).
+// the latter (`x_floor_ptr_time`); and restarts to absolute times that share
+// one clock reading (`control_at_ns`, `x_libevent_at`, `x_floor_at`).
 void besideRestart(benchmark::State& state) {
     Beside& b = beside();
-    double control = 0, libevent = 0, floor = 0, floorTime = 0, floorPointerTime = 0;
+    double control = 0, controlAt = 0, libevent = 0, floor = 0, floorTime = 0, floorPointerTime = 0;
     for (auto _ : state) {
         control += b.controlRestart();
+        controlAt += b.controlRestartAt();
         libevent += b.libeventRestart();
         floor += b.floor();
         floorTime += b.floorTime();
@@ -394,6 +407,9 @@ void besideRestart(benchmark::State& state) {
     state.counters["floor_time_ns"] = floorTime / ops;
     state.counters["floor_ptr_time_ns"] = floorPointerTime / ops;
     state.counters["x_floor_ptr_time"] = control / floorPointerTime;
+    state.counters["control_at_ns"] = controlAt / ops;
+    state.counters["x_libevent_at"] = libevent / controlAt;
+    state.counters["x_floor_at"] = controlAt / floor;
 }
 
 // Start then stop one extra timer while the million stay armed, per pair.

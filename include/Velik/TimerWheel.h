@@ -91,6 +91,9 @@ class TimerWheelEvent {
 
     // Starts (or restarts) the timer on `wheel` to expire `seconds` from now.
     void setTimeout(const std::shared_ptr<TimerWheel>& wheel, double seconds);
+    // Starts (or restarts) the timer on `wheel` to expire at the absolute
+    // time `expiry`.
+    void setTimeoutAt(const std::shared_ptr<TimerWheel>& wheel, double expiry);
     // Stops the timer on `wheel`; harmless when it is not running.
     void delTimeout(const std::shared_ptr<TimerWheel>& wheel);
 
@@ -185,6 +188,10 @@ class TimerWheel : public Platform::TimeoutHandler {
     // master timer only when the new expiry is earlier than the one it is
     // armed for.
     void timerStart(TimerWheelEvent* ev, double seconds);
+    // `timerStart` for the absolute time `expiry`, with no clock read: among
+    // many timers that read is most of a restart's cost, so timers restarted
+    // together can share one.
+    void timerStartAt(TimerWheelEvent* ev, double expiry);
     // Stops `ev` wherever it is; its expiry time becomes +infinity. Never
     // touches the master timer.
     void timerStop(TimerWheelEvent* ev);
@@ -234,6 +241,7 @@ class TimerWheelTimerControl : public TimerWheelEvent, public Platform::TimerCon
     ~TimerWheelTimerControl() override;
 
     void setTimeout(double seconds) override;
+    void setTimeoutAt(double expiry) override;
     void delTimeout() override;
     double remainingTimeout() const override;
 

@@ -1,5 +1,6 @@
 #include "Velik/Platform.h"
 
+#include "Velik/Time.h"
 #include "Velik/TypeName.h"
 
 #include <map>
@@ -23,6 +24,10 @@ ValueFormatters& valueFormatters() {
 }
 
 }  // namespace
+
+void TimerControl::setTimeoutAt(double expiry) {
+    setTimeout(expiry - Velik::time());
+}
 
 bool refCountingEnabled() {
     return refCounting;

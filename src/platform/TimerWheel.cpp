@@ -102,6 +102,10 @@ void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, doubl
     wheel->timerStart(this, seconds);
 }
 
+void TimerWheelEvent::setTimeoutAt(const std::shared_ptr<TimerWheel>& wheel, double expiry) {
+    wheel->timerStartAt(this, expiry);
+}
+
 void TimerWheelEvent::delTimeout(const std::shared_ptr<TimerWheel>& wheel) {
     wheel->timerStop(this);
 }
@@ -196,7 +200,10 @@ void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
     // Among many timers the event is rarely in cache: its miss overlaps the
     // clock read.
     __builtin_prefetch(&ev->link_, 1);
-    double expiry = Velik::time() + seconds;
+    timerStartAt(ev, Velik::time() + seconds);
+}
+
+void TimerWheel::timerStartAt(TimerWheelEvent* ev, double expiry) {
     if (ev->expirationTime_ == expiry) {
         return;
     }
@@ -209,8 +216,8 @@ void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
         // one write; the master timer is armed no later than the filed tick.
         if (timeout_expires(&ev->link_) <= tick) {
             ev->expirationTime_ = expiry;
-            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {} expire at {}, filed",
-                        fmt::ptr(ev), seconds, expiry);
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout, expire at {}, filed",
+                        fmt::ptr(ev), expiry);
             return;
         }
         // An earlier one is moved by the library in one step.
@@ -223,8 +230,8 @@ void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
     }
     ev->expirationTime_ = expiry;
     timeouts_add(timeouts_, &ev->link_, tick);
-    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {} expire at {} tick {}",
-                fmt::ptr(ev), seconds, expiry, tick);
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout, expire at {} tick {}", fmt::ptr(ev),
+                expiry, tick);
     if (masterTimerExpiry_ > expiry) {
         setMasterTimer();
     }
@@ -389,6 +396,10 @@ TimerWheelTimerControl::~TimerWheelTimerControl() {
 
 void TimerWheelTimerControl::setTimeout(double seconds) {
     TimerWheelEvent::setTimeout(wheel_, seconds);
+}
+
+void TimerWheelTimerControl::setTimeoutAt(double expiry) {
+    TimerWheelEvent::setTimeoutAt(wheel_, expiry);
 }
 
 void TimerWheelTimerControl::delTimeout() {

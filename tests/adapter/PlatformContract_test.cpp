@@ -215,6 +215,11 @@ TEST_P(PlatformContract, TimerIsOneShotReArmableFromItsHandlerAndReportsWhatRema
         EXPECT_LE(timer->remainingTimeout(), 100.25);
         timer->setTimeout(-1.0);  // already past: due, and nothing remains
         EXPECT_EQ(timer->remainingTimeout(), 0.0);
+        timer->setTimeoutAt(Velik::time() + 100.25);
+        EXPECT_GT(timer->remainingTimeout(), 100.2);
+        EXPECT_LE(timer->remainingTimeout(), 100.25);
+        timer->setTimeoutAt(Velik::time() - 1.0);
+        EXPECT_EQ(timer->remainingTimeout(), 0.0);
 
         double armedAt = Velik::time();
         timer->setTimeout(3600.0);

@@ -42,6 +42,10 @@ struct Probe : TimerWheelEvent {
         setTimeout(wheel, seconds);
         due = expirationTime();
     }
+    void startAt(const std::shared_ptr<TimerWheel>& wheel, double expiry) {
+        setTimeoutAt(wheel, expiry);
+        due = expirationTime();
+    }
     void timeout() override {
         lateness.push_back(Velik::time() - due);
         if (order) {
@@ -362,6 +366,36 @@ TEST_F(TimerWheelLibevent, TimerControlHookAndLifetime) {
         wheel.reset();
         control.reset();
         EXPECT_TRUE(weak.expired());
+    });
+}
+
+// An absolute start keeps the time given. Timers of one instant come in the
+// order they were started, also when one is moved there from later; a time
+// already past is due on the next pass. A control takes absolute times too.
+TEST_F(TimerWheelLibevent, AbsoluteStartsKeepTheirTimeAndStartOrder) {
+    onLoopThread([] {
+        Order order;
+        Probe a(1, &order), b(2, &order), c(3, &order), past(4, &order);
+        auto wheel = std::make_shared<TimerWheel>();
+        Handler handler;
+        handler.swallow = true;
+        auto control = Platform::getTimerControl(&handler, wheel);
+        const double at = Velik::time() + 0.25;
+        b.startAt(wheel, at + 0.5);
+        a.startAt(wheel, at);
+        c.startAt(wheel, at);
+        b.startAt(wheel, at);
+        control->setTimeoutAt(at);
+        EXPECT_EQ(a.expirationTime(), at);
+        EXPECT_LE(control->remainingTimeout(), 0.25);
+        past.startAt(wheel, Velik::time() - 1.0);
+        doLeEventLoop(1.0);
+        EXPECT_EQ(order, (Order{4, 1, 3, 2}));
+        EXPECT_EQ(handler.expiries, 1);
+        for (Probe* p : {&a, &b, &c, &past}) {
+            ASSERT_EQ(p->lateness.size(), 1u) << p->id;
+            EXPECT_GE(p->lateness[0], 0.0) << p->id;
+        }
     });
 }
 
