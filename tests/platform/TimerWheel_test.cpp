@@ -353,7 +353,7 @@ TEST_F(TimerWheelLibevent, TimerControlHookAndLifetime) {
         EXPECT_EQ(handler.expiries, 1);
         handler.swallow = false;
         Probe next;
-        control->setTimeout(0.5);
+        control->setTimeoutAt(Velik::time() + 0.5);
         next.start(wheel, 0.7);
         EXPECT_THROW(doLeEventLoop(1.0), std::runtime_error);
         EXPECT_EQ(handler.expiries, 2);
@@ -370,31 +370,23 @@ TEST_F(TimerWheelLibevent, TimerControlHookAndLifetime) {
 }
 
 // An absolute start keeps the time given. Timers of one instant come in the
-// order they were started, also when one is moved there from later; a time
-// already past is due on the next pass. A control takes absolute times too.
+// order they were started, also one moved there from later; a time already
+// past is due on the next pass.
 TEST_F(TimerWheelLibevent, AbsoluteStartsKeepTheirTimeAndStartOrder) {
     onLoopThread([] {
         Order order;
-        Probe a(1, &order), b(2, &order), c(3, &order), past(4, &order);
+        Probe a(1, &order), b(2, &order), past(3, &order);
         auto wheel = std::make_shared<TimerWheel>();
-        Handler handler;
-        handler.swallow = true;
-        auto control = Platform::getTimerControl(&handler, wheel);
         const double at = Velik::time() + 0.25;
         b.startAt(wheel, at + 0.5);
         a.startAt(wheel, at);
-        c.startAt(wheel, at);
         b.startAt(wheel, at);
-        control->setTimeoutAt(at);
-        EXPECT_EQ(a.expirationTime(), at);
-        EXPECT_LE(control->remainingTimeout(), 0.25);
         past.startAt(wheel, Velik::time() - 1.0);
+        EXPECT_EQ(a.expirationTime(), at);
         doLeEventLoop(1.0);
-        EXPECT_EQ(order, (Order{4, 1, 3, 2}));
-        EXPECT_EQ(handler.expiries, 1);
-        for (Probe* p : {&a, &b, &c, &past}) {
-            ASSERT_EQ(p->lateness.size(), 1u) << p->id;
-            EXPECT_GE(p->lateness[0], 0.0) << p->id;
+        EXPECT_EQ(order, (Order{3, 1, 2}));
+        for (Probe* p : {&a, &b, &past}) {
+            EXPECT_GE(p->lateness.at(0), 0.0) << p->id;
         }
     });
 }
