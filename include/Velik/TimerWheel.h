@@ -190,7 +190,8 @@ class TimerWheel : public Platform::TimeoutHandler {
     void timerStart(TimerWheelEvent* ev, double seconds);
     // `timerStart` for the absolute time `expiry`, with no clock read: among
     // many timers that read is most of a restart's cost, so timers restarted
-    // together can share one.
+    // together can share one. An expiry that is not a number is due at once,
+    // as a past one is.
     void timerStartAt(TimerWheelEvent* ev, double expiry);
     // Stops `ev` wherever it is; its expiry time becomes +infinity. Never
     // touches the master timer.

@@ -3,6 +3,7 @@
 #include "Velik/Time.h"
 #include "Velik/TypeName.h"
 
+#include <cmath>
 #include <map>
 #include <mutex>
 
@@ -26,7 +27,7 @@ ValueFormatters& valueFormatters() {
 }  // namespace
 
 void TimerControl::setTimeoutAt(double expiry) {
-    setTimeout(expiry - Velik::time());
+    setTimeout(std::isnan(expiry) ? 0.0 : expiry - Velik::time());
 }
 
 bool refCountingEnabled() {

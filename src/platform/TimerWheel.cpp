@@ -204,6 +204,9 @@ void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
 }
 
 void TimerWheel::timerStartAt(TimerWheelEvent* ev, double expiry) {
+    if (std::isnan(expiry)) [[unlikely]] {
+        expiry = -never;  // a key the parking map can order
+    }
     if (ev->expirationTime_ == expiry) {
         return;
     }

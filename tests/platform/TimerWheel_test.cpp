@@ -371,21 +371,22 @@ TEST_F(TimerWheelLibevent, TimerControlHookAndLifetime) {
 
 // An absolute start keeps the time given. Timers of one instant come in the
 // order they were started, also one moved there from later; a time already
-// past is due on the next pass.
+// past, or not a number, is due on the next pass, earliest first.
 TEST_F(TimerWheelLibevent, AbsoluteStartsKeepTheirTimeAndStartOrder) {
     onLoopThread([] {
         Order order;
-        Probe a(1, &order), b(2, &order), past(3, &order);
+        Probe a(1, &order), b(2, &order), past(3, &order), nan(4, &order);
         auto wheel = std::make_shared<TimerWheel>();
         const double at = Velik::time() + 0.25;
         b.startAt(wheel, at + 0.5);
         a.startAt(wheel, at);
         b.startAt(wheel, at);
         past.startAt(wheel, Velik::time() - 1.0);
+        nan.startAt(wheel, std::nan(""));
         EXPECT_EQ(a.expirationTime(), at);
         doLeEventLoop(1.0);
-        EXPECT_EQ(order, (Order{3, 1, 2}));
-        for (Probe* p : {&a, &b, &past}) {
+        EXPECT_EQ(order, (Order{4, 3, 1, 2}));
+        for (Probe* p : {&a, &b, &past, &nan}) {
             EXPECT_GE(p->lateness.at(0), 0.0) << p->id;
         }
     });
