@@ -104,9 +104,9 @@ class TimerControl {
     virtual void setTimeout(double seconds) = 0;
     // Arms (or re-arms) the timer to expire at `expiry`, an absolute time on
     // the library clock (`Velik::time()`); a time already past, or not a
-    // number, is due at once. The timer wheel's controls take it as given, without a clock
-    // read of their own, so a caller restarting many of them reads
-    // `Velik::time()` once for all; the others convert it to a delay.
+    // number, is due at once. The timer wheel's controls take it as given,
+    // without a clock read of their own, so a caller restarting many of them
+    // reads `Velik::time()` once for all; the others convert it to a delay.
     virtual void setTimeoutAt(double expiry);
     // Disarms; harmless when not armed.
     virtual void delTimeout() = 0;
