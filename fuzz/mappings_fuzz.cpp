@@ -1,6 +1,6 @@
-// Lines of a memory map: any line parses or is refused without harm, and a
-// line that parses, written back in the maps layout, parses to the same
-// record. The accepted records then answer both lookups.
+// The text of a memory map: any text reads without harm, and the records
+// read, written back in the maps layout, read to the same list. The records
+// then answer both lookups.
 #include <Velik/Mappings.h>
 
 #include <fmt/format.h>
@@ -11,37 +11,30 @@ using VelikFuzz::check;
 
 namespace {
 
-std::string mapsLine(const Velik::MappingInfo& info) {
-    std::string line = fmt::format("{:x}-{:x} {} {:x} {:x}:{:x} {:x}", info.start, info.end,
-                                   info.perms, info.offset, info.major, info.minor, info.inode);
-    if (!info.path.empty()) {
-        line += " " + info.path;
+std::string mapsText(const Velik::MappingInfos& infos) {
+    std::string text;
+    for (const Velik::MappingInfo& info : infos) {
+        text += fmt::format("{:x}-{:x} {} {:x} {:x}:{:x} {:x}", info.start, info.end, info.perms,
+                            info.offset, info.major, info.minor, info.inode);
+        if (!info.path.empty()) {
+            text += " " + info.path;
+        }
+        text += '\n';
     }
-    return line;
+    return text;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string_view input = VelikFuzz::asText(data, size);
-    Velik::MappingInfos infos;
-    while (!input.empty()) {
-        const size_t end = input.find('\n');
-        const std::string_view line = input.substr(0, end);
-        input = end == std::string_view::npos ? std::string_view() : input.substr(end + 1);
-
-        const std::optional<Velik::MappingInfo> info = Velik::parseMappingLine(line);
-        if (!info) {
-            continue;
-        }
-        check(!info->perms.empty(), "perms is a word");
-        check(info->perms.find_first_of(" \t\n") == std::string::npos, "perms is one word");
-        check(info->path.find_first_of(" \t\n") == std::string::npos, "the path is one word");
-        check(Velik::parseMappingLine(mapsLine(*info)) == info,
-              "a record written back parses to itself");
-        (void)fmt::format("{}", *info);
-        infos.insert(*info);
+    const Velik::MappingInfos infos = Velik::parseMappings(VelikFuzz::asText(data, size));
+    for (const Velik::MappingInfo& info : infos) {
+        check(!info.perms.empty(), "perms is a word");
+        check(info.perms.find_first_of(" \t\n") == std::string::npos, "perms is one word");
+        check(info.path.find_first_of(" \t\n") == std::string::npos, "the path is one word");
+        (void)fmt::format("{}", info);
     }
+    check(Velik::parseMappings(mapsText(infos)) == infos, "records written back read the same");
     for (const Velik::MappingInfo& info : infos) {
         const auto* address = reinterpret_cast<const void*>(uintptr_t{info.start});
         const Velik::MappingInfo byAddress = infos.find(address);

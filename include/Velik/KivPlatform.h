@@ -58,8 +58,10 @@ class FileDescriptor : public Velik::Platform::FdControl {
     void setReads(bool wanted) override;
     void setWrites(bool wanted) override;
     // Binds `fd` to the framework object, which makes it non-blocking and
-    // applies the interests wanted. Throws the framework's
-    // `Kiv::SystemException` when the descriptor cannot be watched.
+    // applies the interests wanted. A descriptor the loop cannot poll (a
+    // regular file, /dev/null) throws `Velik::RuntimeException` "cannot
+    // watch fd <fd>: <error>", here and in `setReads` / `setWrites`, as the
+    // libevent platform does.
     void setFd(int fd) override;
     // Turns both interests off and detaches the descriptor.
     void delFd() override;

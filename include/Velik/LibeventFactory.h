@@ -84,7 +84,10 @@ class LibeventFdControl : public Platform::FdControl {
     void setReads(bool wanted) override;
     void setWrites(bool wanted) override;
     // Binds `fd` and makes it non-blocking; a failing `fcntl` aborts the
-    // process.
+    // process. Arming a descriptor the loop cannot poll (a regular file,
+    // /dev/null) throws `RuntimeException` "cannot watch fd <fd>: <error>",
+    // here and in `setReads` / `setWrites`; the descriptor stays bound and
+    // that event unarmed.
     void setFd(int fd) override;
     void delFd() override;
     int getFd() const override { return fd_; }
@@ -97,6 +100,7 @@ class LibeventFdControl : public Platform::FdControl {
   private:
     void armRead();
     void armWrite();
+    void addOrThrow(event* ev);
 
     Platform::FdEventHandler* handler_;
     int fd_ = -1;

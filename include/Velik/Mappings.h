@@ -7,22 +7,21 @@
 // Lookups return a default `MappingInfo` (all zero, empty strings) when
 // nothing matches.
 //
-// Properties of the record format, kept on purpose: addresses and offsets
-// are 32-bit, so on a 64-bit process they hold the low 32 bits of what the
-// file says (and `find` compares the low 32 bits of the address); the inode
-// is read as hexadecimal digits although the file writes it in decimal; the
-// path is one word.
-//
-// A line that does not read as exactly one record (for example a path with a
-// space in it, or the " (deleted)" the kernel appends to the path of a
-// removed file) throws `Velik::RuntimeException` naming the line, and the
-// table is left as it was: a list is stored whole or not at all.
+// Properties of the reading, kept on purpose: addresses and offsets are
+// 32-bit, so on a 64-bit process they hold the low 32 bits of what the file
+// says (and `find` compares the low 32 bits of the address); the inode is
+// read as hexadecimal digits although the file writes it in decimal; the
+// path is one word. Whatever follows that word on its line (a second word of
+// a path with a blank, or the " (deleted)" the kernel appends to the path of
+// a removed file) is read as the start of the next record, which normally
+// fails to parse and so ends the list there, silently: the record holding
+// the first word is kept, the lines after it are not read. Nothing in the
+// data throws.
 #pragma once
 
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,13 +41,6 @@ struct MappingInfo {
 
     bool operator==(const MappingInfo&) const = default;
 };
-
-// Parses one line of a maps file, with or without its line feed: the seven
-// fields as scanf's "%x-%x %s %x %x:%x %x" reads them, spaces, then an
-// optional one-word path and nothing else. Returns no value for a line that
-// is not exactly that. Never throws for any input; allocation failures
-// propagate.
-std::optional<MappingInfo> parseMappingLine(std::string_view line);
 
 // The records of one maps file, in file order.
 class MappingInfos {
@@ -76,6 +68,12 @@ class MappingInfos {
     std::vector<MappingInfo> infos_;
 };
 
+// Reads the text of a maps file exactly as `PidMappings::populate` reads the
+// file: records in order until one does not parse (see above). The text ends
+// at its first NUL byte, which a maps file never holds. Never throws for any
+// input; allocation failures propagate.
+MappingInfos parseMappings(std::string_view text);
+
 // The process-wide table of the last list read for each process id. It has
 // no lock: populate and read it from one thread at a time.
 class PidMappings {
@@ -83,8 +81,9 @@ class PidMappings {
     // Reads /proc/<pid>/maps, stores the list under `pid` (replacing any
     // earlier one) and returns a copy. A file that cannot be opened (the
     // process is gone, or not ours to read) gives an empty list and leaves
-    // the table unchanged. A line that is not one record, or a read error,
-    // throws `Velik::RuntimeException` and leaves the table unchanged.
+    // the table unchanged. Reading ends at the first record that does not
+    // parse, or at a read error (the process ended meanwhile); what was read
+    // up to there is the list.
     static MappingInfos populate(int pid);
 
     // A copy of the list stored for `pid`; empty (and stored so) for a

@@ -20,6 +20,22 @@
 // waiting task leaves its queue without running (suspended, unscheduled,
 // destroyed), the parent's next run finds nothing and leaves the queue then.
 //
+// Quanta. The group quantum (`taskGroupQuantumIs`, the parent task's
+// quantum) is checked only between the runs of members: it decides whether
+// the parent task picks another member, and never cuts a member's run short.
+// What bounds a member's run is the member's own quantum, which its
+// `taskShouldYield()` checks. A member takes its scheduler's default quantum
+// when it is made, and a group's default is copied from the scheduler above
+// when the group is made (20 ms unless changed), so setting only the group
+// quantum leaves every member at 20 ms. One run of the parent task then
+// lasts up to the group quantum plus one member's quantum, and it counts as
+// a quantum violation of the parent task from twice the group quantum. Give
+// the members a quantum of at most half the group's, through the group's
+// default before they are made, or `taskQuantumIs` on each:
+//
+//   group->taskGroupQuantumIs(std::chrono::milliseconds(2));   // a group run
+//   group->defaultTaskQuantumIs(std::chrono::milliseconds(1)); // members made from now
+//
 // Lifetime. A group is owned by shared pointers, and every task registered
 // in it holds one: the group, and with it its parent task, lives on while any
 // of its tasks does, even after the application has dropped its own

@@ -1,7 +1,10 @@
 #include "Velik/KivPlatform.h"
 
+#include "Velik/Errno.h"
+#include "Velik/Exception.h"
 #include "Velik/Fmtrace.h"
 
+#include <Kiv/Exception.h>
 #include <Kiv/System.h>
 
 #include <utility>
@@ -30,6 +33,20 @@ void trace(unsigned level, const char* className, const char* function, int line
     }
 }
 
+// Runs a change of the framework descriptor's watch. The framework refuses
+// descriptors its loop cannot poll (a regular file, /dev/null) with its own
+// exception; callers see the library's, with the text the libevent platform
+// gives for the same descriptor.
+template <typename Change>
+void watchChange(int fd, Change change) {
+    try {
+        change();
+    } catch (const Kiv::SystemException& e) {
+        Velik::RuntimeException::throwException(
+            fmt::format("cannot watch fd {}: {}", fd, Velik::strerror(e.error())));
+    }
+}
+
 }  // namespace
 
 Velik::Platform::DebugHandler* kivVelikDebugHandle() {
@@ -50,17 +67,17 @@ FileDescriptor::~FileDescriptor() {
 
 void FileDescriptor::setFd(int fd) {
     trace(5, traceClassName, __func__, __LINE__, "registering fd:{}", fd);
-    descriptor_->descriptorIs(fd);
+    watchChange(fd, [&] { descriptor_->descriptorIs(fd); });
 }
 
 void FileDescriptor::setReads(bool wanted) {
     trace(5, traceClassName, __func__, __LINE__, "{}", wanted);
-    descriptor_->notifyOnReadableIs(wanted);
+    watchChange(getFd(), [&] { descriptor_->notifyOnReadableIs(wanted); });
 }
 
 void FileDescriptor::setWrites(bool wanted) {
     trace(5, traceClassName, __func__, __LINE__, "{}", wanted);
-    descriptor_->notifyOnWritableIs(wanted);
+    watchChange(getFd(), [&] { descriptor_->notifyOnWritableIs(wanted); });
 }
 
 // Turning the interests off disarms without detaching, so the descriptor

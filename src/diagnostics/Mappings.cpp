@@ -1,9 +1,5 @@
 #include "Velik/Mappings.h"
 
-#include "Velik/Errno.h"
-#include "Velik/Exception.h"
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -28,67 +24,69 @@ struct FileCloser {
     void operator()(FILE* file) const noexcept { std::fclose(file); }
 };
 
-// getline's buffer, which it grows (and may move) as lines need.
-struct LineBuffer {
+// A word scanf allocated with "%ms".
+struct ScannedWord {
     char* data = nullptr;
-    size_t capacity = 0;
-    LineBuffer() = default;
-    LineBuffer(const LineBuffer&) = delete;
-    LineBuffer& operator=(const LineBuffer&) = delete;
-    ~LineBuffer() { std::free(data); }
+    ScannedWord() = default;
+    ScannedWord(const ScannedWord&) = delete;
+    ScannedWord& operator=(const ScannedWord&) = delete;
+    ~ScannedWord() { std::free(data); }
+    std::string text() const { return data ? std::string(data) : std::string(); }
 };
 
-std::string_view withoutLineFeed(std::string_view line) {
-    if (!line.empty() && line.back() == '\n') {
-        line.remove_suffix(1);
+// The path after a record's seven fields: blanks, then a line feed (no
+// path) or one word. False when no word can be read.
+bool readPath(FILE* file, std::string& path) {
+    int next;
+    while ((next = std::getc(file)) == ' ') {
     }
-    return line;
+    if (next == '\n') {
+        path.clear();
+        return true;
+    }
+    std::ungetc(next, file);
+    ScannedWord word;
+    if (std::fscanf(file, "%ms", &word.data) != 1) {
+        return false;
+    }
+    path = word.text();
+    return true;
 }
 
-// The path after the seven fields: spaces, then one word or nothing. No
-// value when anything follows the word.
-std::optional<std::string> readPath(const std::string& text, size_t position) {
-    while (position < text.size() && text[position] == ' ') {
-        ++position;
+// Reads records until one does not parse. The fields are read with scanf
+// across line ends on purpose: a path is one word, and whatever follows it
+// on its line (a second word, " (deleted)") is read as the next record, which
+// normally fails and so ends the list there.
+MappingInfos readMappings(FILE* file) {
+    MappingInfos infos;
+    for (;;) {
+        MappingInfo info;
+        ScannedWord perms;
+        if (std::fscanf(file, "%x-%x %ms %x %x:%x %x", &info.start, &info.end, &perms.data,
+                        &info.offset, &info.major, &info.minor, &info.inode) != 7) {
+            return infos;
+        }
+        info.perms = perms.text();
+        if (!readPath(file, info.path)) {
+            return infos;
+        }
+        infos.insert(info);
     }
-    if (position == text.size()) {
-        return std::string();
-    }
-    std::string word(text.size() - position + 1, '\0');
-    int used = -1;
-    if (std::sscanf(text.c_str() + position, "%s%n", word.data(), &used) != 1 || used < 0 ||
-        position + size_t(used) != text.size()) {
-        return std::nullopt;
-    }
-    word.resize(word.find('\0'));  // `used` also counts any tabs before the word
-    return word;
 }
 
 }  // namespace
 
-std::optional<MappingInfo> parseMappingLine(std::string_view line) {
-    const std::string text(withoutLineFeed(line));
-    // scanf would read across these, so one line could pass for two records.
-    if (text.find_first_of(std::string_view("\n\0", 2)) != std::string::npos) {
-        return std::nullopt;
+MappingInfos parseMappings(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
+    if (text.empty()) {
+        return {};
     }
-    MappingInfo info;
-    std::string perms(text.size() + 1, '\0');  // a word of the line always fits
-    int consumed = -1;
-    const int fields =
-        std::sscanf(text.c_str(), "%x-%x %s %x %x:%x %x%n", &info.start, &info.end, perms.data(),
-                    &info.offset, &info.major, &info.minor, &info.inode, &consumed);
-    if (fields < 7 || consumed < 0) {
-        return std::nullopt;
+    std::string copy(text);
+    std::unique_ptr<FILE, FileCloser> file(fmemopen(copy.data(), copy.size(), "r"));
+    if (!file) {
+        throw std::bad_alloc();
     }
-    std::optional<std::string> path = readPath(text, size_t(consumed));
-    if (!path) {
-        return std::nullopt;
-    }
-    perms.resize(perms.find('\0'));
-    info.perms = std::move(perms);
-    info.path = std::move(*path);
-    return info;
+    return readMappings(file.get());
 }
 
 MappingInfo MappingInfos::find(const void* address) const {
@@ -117,27 +115,9 @@ MappingInfos PidMappings::populate(int pid) {
     if (!file) {
         return {};
     }
-    MappingInfos infos;
-    LineBuffer buffer;
-    size_t lineNumber = 0;
-    ssize_t length;
-    while ((length = ::getline(&buffer.data, &buffer.capacity, file.get())) >= 0) {
-        ++lineNumber;
-        const std::string_view line(buffer.data, size_t(length));
-        std::optional<MappingInfo> info = parseMappingLine(line);
-        if (!info) {
-            RuntimeException::throwException(fmt::format(
-                "malformed line {} of {}: \"{}\"", lineNumber, fileName, withoutLineFeed(line)));
-        }
-        infos.insert(*info);
-    }
-    // A process that ends while its map is read can fail the read midway.
-    if (const int error = errno; std::ferror(file.get())) {
-        RuntimeException::throwException(
-            fmt::format("failed to read {} errno: {}", fileName, strerror(error)));
-    }
-    table()[pid] = infos;
-    return infos;
+    MappingInfos& stored = table()[pid];
+    stored = readMappings(file.get());
+    return stored;
 }
 
 MappingInfos PidMappings::mappingInfos(int pid) {

@@ -1,6 +1,8 @@
 #include "Velik/LibeventFactory.h"
 
 #include "Velik/Assert.h"
+#include "Velik/Errno.h"
+#include "Velik/Exception.h"
 #include "Velik/FastForward.h"
 #include "Velik/Fmtrace.h"
 #include "Velik/LibeventAdditions.h"
@@ -10,6 +12,7 @@
 #include <event2/thread.h>
 #include <fcntl.h>
 
+#include <cerrno>
 #include <cmath>
 #include <ctime>
 #include <exception>
@@ -207,9 +210,13 @@ void eventPrioritySet(event* ev, Platform::EventPriority priority) {
 
 void le_debug_cb(int severity, const char* msg) {
     static constexpr unsigned levels[] = {9, 5, 1, 0};
+    // libevent warns before it returns a failure, and the caller reads the
+    // failure's errno after that: the trace must not change it.
+    const int error = errno;
     VELIK_ASSERT(severity >= 0 && severity <= 3, "invalid libevent severity:{} msg:{}", severity,
                  msg);
     VELIK_FTRACE(leTrace, levels[severity], "{}", msg);
+    errno = error;
 }
 
 void le_fatal_cb(int err) {
@@ -340,13 +347,24 @@ LibeventFdControl::~LibeventFdControl() {
 void LibeventFdControl::armRead() {
     event_assign(&readEvent_, threadBase, fd_, EV_READ | EV_PERSIST, handleFdRead, this);
     eventPrioritySet(&readEvent_, Platform::eventPriorityDefault);
-    event_add(&readEvent_, nullptr);
+    addOrThrow(&readEvent_);
 }
 
 void LibeventFdControl::armWrite() {
     event_assign(&writeEvent_, threadBase, fd_, EV_WRITE, handleFdWrite, this);
     eventPrioritySet(&writeEvent_, Platform::eventPriorityDefault);
-    event_add(&writeEvent_, nullptr);
+    addOrThrow(&writeEvent_);
+}
+
+// The loop refuses descriptors it cannot poll (a regular file, /dev/null),
+// and the error is the caller's to see: an event left unarmed would never
+// fire. The text is the one the framework platform gives.
+void LibeventFdControl::addOrThrow(event* ev) {
+    if (event_add(ev, nullptr) != 0) {
+        const int error = errno;
+        RuntimeException::throwException(
+            fmt::format("cannot watch fd {}: {}", fd_, Velik::strerror(error)));
+    }
 }
 
 void LibeventFdControl::setFd(int fd) {

@@ -8,7 +8,8 @@
 #include "scheduler/WriteNoSigpipe.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/epoll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -27,6 +28,21 @@ void makeNonBlocking(int fd) {
     }
 }
 
+// Whether an event loop can watch `fd`: both platforms poll with epoll,
+// which refuses descriptors that are always ready. A descriptor that is not
+// open counts as pollable, so that watching it reports the error.
+bool pollable(int fd) {
+    const int probe = epoll_create1(EPOLL_CLOEXEC);
+    if (probe < 0) {
+        return true;
+    }
+    epoll_event event{};
+    event.events = EPOLLOUT;
+    const bool refused = epoll_ctl(probe, EPOLL_CTL_ADD, fd, &event) != 0 && errno == EPERM;
+    close(probe);
+    return !refused;
+}
+
 }  // namespace
 
 std::string makeJsonTaskName(int fd, std::string_view text) {
@@ -42,10 +58,9 @@ SnapshotWriteJsonTask::SnapshotWriteJsonTask(std::shared_ptr<TaskScheduler> sche
       fd_(fd),
       completion_(std::move(completion)) {
     taskWatchReadableIs(false);
-    struct stat st;
-    // A regular file is always writable, and event loops refuse to watch
-    // one: it is simply written at every run.
-    watched_ = fstat(fd, &st) != 0 || !S_ISREG(st.st_mode);
+    // A descriptor the loops cannot poll (a regular file, /dev/null) is
+    // always writable: it is simply written at every run.
+    watched_ = pollable(fd);
     if (watched_) {
         taskWatchFdIs(fd);
     }

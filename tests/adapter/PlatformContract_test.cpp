@@ -6,7 +6,11 @@
 #include "platform/Families.h"
 #include "platform/Pipe.h"
 
+#include <Velik/Errno.h>
+#include <Velik/Exception.h>
 #include <Velik/PlatformSelection.h>
+#include <Velik/TaskScheduler.h>
+#include <Velik/TaskSchedulerRoot.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
 
@@ -295,6 +299,56 @@ TEST_P(PlatformContract, CallbackRequestsCoalesceNeverRunSynchronouslyAndDieWith
         control.reset();
         runUntilIdle();
         EXPECT_EQ(handler.log.size(), 7u);
+    });
+}
+
+// Descriptors no event loop can watch (a regular file, /dev/null: always
+// ready) are refused where they would be armed, by both families with one
+// exception and one text; the control stays usable.
+TEST_P(PlatformContract, UnwatchableDescriptorsAreRefusedWhereArmed) {
+    run([] {
+        Recorder recorder;
+        const int file = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        ASSERT_GE(file, 0);
+        const auto refused = [](const std::function<void()>& call, int fd) {
+            try {
+                call();
+                ADD_FAILURE() << "fd " << fd << " was accepted";
+            } catch (const RuntimeException& e) {
+                EXPECT_EQ(e.message(),
+                          fmt::format("cannot watch fd {}: {}", fd, Velik::strerror(EPERM)));
+            }
+        };
+        auto control = Platform::getFdControl(&recorder);
+        control->setReads(true);
+        refused([&] { control->setFd(file); }, file);
+        control->delFd();
+        control->setReads(false);
+        control->setFd(null);  // nothing to arm yet
+        refused([&] { control->setWrites(true); }, null);
+        control->setWrites(false);
+        Pipe pipe;
+        control->setFd(pipe.fds[1]);
+        control->setWrites(true);
+        pass();
+        EXPECT_EQ(recorder.log, std::vector<std::string>{"w" + std::to_string(pipe.fds[1])});
+        control.reset();
+        close(file);
+        close(null);
+    });
+}
+
+// The asynchronous snapshot writer writes such a descriptor at every run.
+TEST_P(PlatformContract, AsyncSnapshotToDevNullCompletes) {
+    run([] {
+        auto root = schedulerRootVelik();
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        bool done = false;
+        root->snapshotRenderJsonAsync(null, root->snapshot(true, true, true), [&] { done = true; });
+        runUntilIdle();
+        EXPECT_TRUE(done);
+        close(null);
     });
 }
 
