@@ -22,6 +22,21 @@ ConstStringRef intern(std::string_view text) {
     return ConstStringCache::forThisThread().intern(text);
 }
 
+// The letter of a priority that may be out of range: registration asserts on
+// such a priority with its own message, so naming the task must not.
+char displayLetter(TaskPriority priority) {
+    const auto value = static_cast<std::size_t>(priority);
+    return value < sizeof priorityLetters ? priorityLetters[value] : '?';
+}
+
+ConstStringRef internDisplayName(TaskPriority priority, std::string_view name) {
+    fmt::basic_memory_buffer<char, 128> text;  // no heap for usual names
+    text.push_back(displayLetter(priority));
+    text.push_back(' ');
+    text.append(name.data(), name.data() + name.size());
+    return intern(std::string_view(text.data(), text.size()));
+}
+
 }  // namespace
 
 std::string TaskKey::toStrep() const {
@@ -32,22 +47,11 @@ std::string TaskKey::toStrep() const {
 
 _TaskBase::_TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
     : scheduler_(scheduler ? scheduler->shared_from_this() : nullptr),
-      taskName_(intern(name)),
-      taskStatsName_(taskName_),
+      taskDisplayName_(internDisplayName(priority, name)),
+      taskStatsName_(taskDisplayName_.suffix(displayNamePrefix)),
       taskPriority_(priority) {}
 
 _TaskBase::~_TaskBase() = default;
-
-std::string TaskDisplayName::str() const {
-    std::string text(1, letter_);
-    text += ' ';
-    text += name_->str();
-    return text;
-}
-
-std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name) {
-    return stream << name.letter() << ' ' << name.name();
-}
 
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
     return stream << task->taskDisplayName();
@@ -106,8 +110,7 @@ namespace {
 // The body of `recordHistory`, inlined into the three events of every run.
 [[gnu::always_inline]] inline void recordTaskEvent(const TaskImpl& task, TaskTimePoint now,
                                                    TaskSchedulerEventType type) {
-    task.scheduler()->history()->insertTaskEvent(
-        now, type, task.taskName(), priorityLetters[static_cast<std::size_t>(task.taskPriority())]);
+    task.scheduler()->history()->insertTaskEvent(now, type, task.taskDisplayName());
 }
 
 }  // namespace
@@ -419,7 +422,9 @@ TaskStatus TaskImpl::taskStatus() const {
 // --- Statistics ---
 
 void TaskImpl::taskStatsNameIs(const std::string& name) {
-    taskStatsName_ = intern(name);
+    // The task's own name is served from the display name, not interned again.
+    ConstStringRef own = taskName();
+    taskStatsName_ = own.view() == name ? std::move(own) : intern(name);
 }
 
 void TaskImpl::includeInCompletedTaskIs(bool include) {

@@ -91,7 +91,7 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
 
 TaskImpl* TaskScheduler::taskForTest(std::string_view name) const {
     for (TaskImpl& task : tasks_) {
-        if (task.taskName().str() == name) {
+        if (task.taskName().view() == name) {
             return &task;
         }
     }

@@ -109,6 +109,36 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     }
 }
 
+// History events refer to the display name, interned once per task name;
+// the bare and the statistics names are served from the same element, and
+// it outlives the task.
+TEST_F(TaskTest, HistoryEventsReferToTheDisplayNameInternedOnce) {
+    auto& cache = Velik::ConstStringCache::forThisThread();
+    const std::size_t before = cache.size();
+    auto t = task(TaskPriority::normal, "reader");
+    auto again = task(TaskPriority::normal, "reader");
+    EXPECT_EQ(cache.size(), before + 1);
+    EXPECT_EQ(t->taskDisplayName().str(), "N reader");
+    EXPECT_EQ(t->taskName().str(), "reader");
+    EXPECT_EQ(t->taskStatsName().str(), "reader");
+    EXPECT_EQ(fmt::format("{}|{}", t->taskName(), t->taskStatsName()), "reader|reader");
+    EXPECT_EQ(root->taskForTest("reader"), again.get());  // the newest first
+    EXPECT_EQ(root->taskForTest("N reader"), nullptr);
+    t->scheduleTask();
+    t.reset();
+    again.reset();
+    const auto& events = root->history()->events();
+    ASSERT_EQ(events.size(),
+              8u);  // create twice, schedule, runnable, busy, unschedule, delete twice
+    for (const auto& event : events) {
+        if (event.eventType <= Velik::lastTaskEventType) {
+            EXPECT_EQ(event.name.str(), "N reader") << event.eventTypeDisplay();
+            EXPECT_EQ(event.name.elem(), events.back().name.elem());
+        }
+    }
+    EXPECT_EQ(cache.size(), before + 1);
+}
+
 TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
     auto t = task(TaskPriority::normal, "tick");
     t->taskQuantumIs(TaskTimeDuration(1'000'000));
