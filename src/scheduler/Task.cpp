@@ -367,10 +367,15 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
 }
 
 void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {
-    if (taskQuantum_.count() != 0 && elapsed >= 2 * taskQuantum_) {
+    // Divided rather than the quantum multiplied, which overflows for the
+    // largest quanta; the same bounds for whole nanoseconds (elapsed is never
+    // negative).
+    if (taskQuantum_.count() != 0 && elapsed / 2 >= taskQuantum_) {
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "Ran {} used {} {}% violation", taskDisplayName(),
-                    elapsed.count(), elapsed.count() * 100 / taskQuantum_.count());
-        if (elapsed < 5 * taskQuantum_) {
+                    elapsed.count(),
+                    static_cast<std::int64_t>(static_cast<__int128>(elapsed.count()) * 100 /
+                                              taskQuantum_.count()));
+        if (elapsed / 5 < taskQuantum_) {
             ++qv200_;
         } else {
             ++qv500_;

@@ -109,6 +109,28 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     }
 }
 
+// The largest quanta do not overflow the violation bounds, and a default
+// quantum that is not positive is refused as a task's own would be.
+TEST_F(TaskTest, ViolationBoundsHoldForHugeQuantaAndTheDefaultMustBePositive) {
+    auto t = task(TaskPriority::normal, "huge");
+    t->taskQuantumNoCheckIs(TaskTimeDuration::max());
+    t->body = [](ProbeTask&) { advanceNs(1'000); };
+    t->taskRunAndRecordFromTest();
+    EXPECT_EQ(t->qv200() + t->qv500(), 0u);
+    // Twice 2e18 ns fits; five times does not.
+    t->taskQuantumNoCheckIs(TaskTimeDuration(2'000'000'000'000'000'000));
+    t->body = [](ProbeTask&) { advanceNs(4'000'000'000'000'000'000); };
+    t->taskRunAndRecordFromTest();
+    EXPECT_EQ(t->qv200(), 1u);
+    EXPECT_EQ(t->qv500(), 0u);
+
+    EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(-1)), "Quantum: -1");
+    EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(0)), "Quantum: 0");
+    EXPECT_EQ(root->defaultTaskQuantum(), std::chrono::milliseconds(20));
+    root->defaultTaskQuantumIs(std::chrono::seconds(30));  // no upper limit, as NoCheckIs
+    EXPECT_EQ(task(TaskPriority::low, "long")->taskQuantum(), std::chrono::seconds(30));
+}
+
 // History events refer to the display name, interned once per task name;
 // the bare and the statistics names are served from the same element, and
 // it outlives the task.
