@@ -154,7 +154,7 @@ class TaskImpl : public _TaskBase {
 
     // Asks for one run: appends the task to its run queue unless it is
     // already queued. A request made while suspended is dropped (and
-    // recorded); unsuspending queues the task.
+    // recorded); unsuspending queues the task. Asserts after `handleDestroy`.
     virtual void scheduleTask();
     // Takes the task off its run queue, if it is on one.
     void unscheduleTask();
@@ -264,6 +264,9 @@ class TaskImpl : public _TaskBase {
     // the history with `now`. Kinds of task that replace an immediate run
     // with something else (a timer) use it without re-reading the clock.
     void unscheduleTaskPrivate(TaskTimePoint now);
+    // Asserts that the task may still be queued or armed: not after
+    // `handleDestroy` (nor on memory that is no constructed task).
+    void checkNotDestroyed() const;
     // Records an event of this task in the scheduler's history.
     void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
     TaskSchedulerRoot* root() const;

@@ -126,6 +126,7 @@ void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) con
     if (taskRunQueueLink_.isLinked()) {
         return;
     }
+    checkNotDestroyed();
     if (reschedulingItself()) {
         // The usual "more work: yield" path. The stamp and the history
         // event wait for the run's end time, which is read anyway: one clock
@@ -148,6 +149,14 @@ void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) con
     taskRunQueueAppend();
     scheduler_->schedulerHasRunnableTasksIs(true, now);
     taskBusyIs(taskScheduled(), now);
+}
+
+void TaskImpl::checkNotDestroyed() const {
+    if (taskMagicNumber_ != taskMagicNumberConstructed) [[unlikely]] {
+        // Queued, it would fail only at its run, far from the mistake.
+        VELIK_CLASS_ASSERT(false, "Task: {} scheduled after handleDestroy (taskMagicNumber: {})",
+                           taskDisplayName(), taskMagicNumber_);
+    }
 }
 
 bool TaskImpl::reschedulingItself() const {

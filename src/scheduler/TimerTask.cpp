@@ -103,6 +103,7 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool restart) {
         taskBusyIs(taskScheduled(), now);
         return;
     }
+    checkNotDestroyed();
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer already running {} expire {}", taskDisplayName(),
                 currentExpirationTime());
     VELIK_CLASS_ASSERT(timerRunning_, "Task: {}", taskDisplayName());

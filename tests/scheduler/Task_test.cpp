@@ -250,6 +250,12 @@ TEST_F(TaskTest, MisuseAssertsWithItsText) {
     t->handleDestroy();  // unqueues and unregisters; the destructor must not do it again
     EXPECT_FALSE(t->taskScheduled());
     EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg not registered");
+    // Queueing it again fails at the call, not later on the magic number.
+    EXPECT_ASSERT_TEXT(t->scheduleTask(), "Task: N reg scheduled after handleDestroy");
+    t->taskSuspendedIs(true);
+    EXPECT_ASSERT_TEXT(t->taskSuspendedIs(false), "Task: N reg scheduled after handleDestroy");
+    EXPECT_FALSE(t->taskScheduled());
+    EXPECT_EQ(root->runnableTaskCount(), 0u);
 
     EXPECT_ASSERT_TEXT(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");
     EXPECT_ASSERT_TEXT(root->runnableTaskCount(static_cast<TaskPriority>(5)), "TaskSchedulerCpp:");

@@ -137,6 +137,18 @@ TEST_F(TimerTaskTest, JitterOffsetsDrawTheRootsRandomPercent) {
     }
 }
 
+// After handleDestroy the task may not be queued or armed again: the call
+// fails at once, saying so, and leaves the task idle.
+TEST_F(TimerTaskTest, SchedulingAfterHandleDestroyFailsAtTheCall) {
+    t->handleDestroy();
+    EXPECT_ASSERT_TEXT(t->scheduleTask(), "Task: N tt scheduled after handleDestroy");
+    EXPECT_ASSERT_TEXT(t->scheduleTaskDelay(1.0), "Task: N tt scheduled after handleDestroy");
+    EXPECT_ASSERT_TEXT(t->scheduleTaskLowestDelay(1s), "Task: N tt scheduled after handleDestroy");
+    EXPECT_ASSERT_TEXT(t->scheduleTaskJitterUp(1s, 10), "Task: N tt scheduled after handleDestroy");
+    EXPECT_EQ(stateOf(*t), "idle");
+    EXPECT_EQ(root->runnableTaskCount(), 0u);
+}
+
 TEST_F(TimerTaskTest, AssertionTextsAndNothingHalfDone) {
     t->scheduleTaskDelay(5.0);
     const double expiry = t->currentExpirationTime();
