@@ -26,7 +26,8 @@ namespace Velik {
 
 class ConstStringCache;
 
-// A reference to an interned string, or to none (the empty string).
+// A reference to an interned string (or to a suffix of one), or to none (the
+// empty string).
 class ConstStringRef {
   public:
     // One interned string: its cache, its text and its reference count.
@@ -60,15 +61,11 @@ class ConstStringRef {
 
     ConstStringRef() = default;
     // Takes a reference on `elem` (which may be null).
-    explicit ConstStringRef(const Elem* elem) : elem_(elem) {
-        if (elem_) {
-            elem_->refCountInc();
-        }
-    }
-    ConstStringRef(const ConstStringRef& other) : ConstStringRef(other.elem_) {}
-    ConstStringRef(ConstStringRef&& other) noexcept : elem_(other.elem_) { other.elem_ = nullptr; }
+    explicit ConstStringRef(const Elem* elem) : ConstStringRef(elem, 0) {}
+    ConstStringRef(const ConstStringRef& other) : ConstStringRef(other.elem(), other.skip()) {}
+    ConstStringRef(ConstStringRef&& other) noexcept : bits_(other.bits_) { other.bits_ = 0; }
     ConstStringRef& operator=(const ConstStringRef& other) {
-        if (elem_ != other.elem_) {
+        if (bits_ != other.bits_) {
             ConstStringRef(other).swap(*this);
         }
         return *this;
@@ -77,28 +74,56 @@ class ConstStringRef {
         ConstStringRef(std::move(other)).swap(*this);
         return *this;
     }
-    void swap(ConstStringRef& other) noexcept { std::swap(elem_, other.elem_); }
+    void swap(ConstStringRef& other) noexcept { std::swap(bits_, other.bits_); }
     ~ConstStringRef() {
-        if (elem_) {
-            elem_->refCountDec();
+        if (const Elem* e = elem()) {
+            e->refCountDec();
         }
     }
 
-    // The text; the empty string for a null reference.
-    const std::string& str() const { return elem_ ? elem_->str() : emptyString(); }
-    const char* c_str() const { return str().c_str(); }
-    bool isNull() const { return elem_ == nullptr; }
-    const Elem* elem() const { return elem_; }
+    // A reference to the same element that reads as its text without the
+    // first `skip` bytes: one interned "N reader" serves "reader" too. At
+    // most `maxSkip` bytes, and no more than the text holds (asserted).
+    static constexpr std::size_t maxSkip = 7;
+    ConstStringRef suffix(std::size_t skip) const;
 
-    // Equal texts. References from one cache compare by pointer.
+    // The text; empty for a null reference.
+    std::string_view view() const {
+        const Elem* e = elem();
+        return e ? std::string_view(e->str()).substr(skip()) : std::string_view();
+    }
+    // A copy of the text.
+    std::string str() const { return std::string(view()); }
+    // The text, NUL-terminated (a suffix of a string is one).
+    const char* c_str() const {
+        const Elem* e = elem();
+        return e ? e->str().c_str() + skip() : "";
+    }
+    bool isNull() const { return bits_ == 0; }
+    const Elem* elem() const { return reinterpret_cast<const Elem*>(bits_ & ~skipMask); }
+    // How many leading bytes of the element's text this reference leaves out.
+    std::size_t skip() const { return bits_ & skipMask; }
+
+    // Equal texts. References to the same text of one cache compare by
+    // pointer.
     friend bool operator==(const ConstStringRef& a, const ConstStringRef& b) {
-        return a.elem_ == b.elem_ || a.str() == b.str();
+        return a.bits_ == b.bits_ || a.view() == b.view();
     }
 
   private:
-    static const std::string& emptyString();
+    // The skip lives in the low bits of the element's address, which its
+    // alignment leaves free: a reference stays one word.
+    static constexpr std::uintptr_t skipMask = maxSkip;
+    static_assert(alignof(Elem) > maxSkip);
 
-    const Elem* elem_ = nullptr;
+    ConstStringRef(const Elem* elem, std::size_t skip)
+        : bits_(reinterpret_cast<std::uintptr_t>(elem) | (elem ? skip : 0)) {
+        if (elem) {
+            elem->refCountInc();
+        }
+    }
+
+    std::uintptr_t bits_ = 0;
 };
 
 std::ostream& operator<<(std::ostream& stream, const ConstStringRef& ref);
@@ -157,7 +182,7 @@ class ConstStringCache {
 template <>
 struct std::hash<Velik::ConstStringRef> {
     std::size_t operator()(const Velik::ConstStringRef& ref) const {
-        return std::hash<std::string>()(ref.str());
+        return std::hash<std::string_view>()(ref.view());
     }
 };
 
@@ -165,6 +190,8 @@ template <>
 struct fmt::formatter<Velik::ConstStringRef> : fmt::formatter<fmt::string_view> {
     template <typename Context>
     auto format(const Velik::ConstStringRef& ref, Context& context) const {
-        return fmt::formatter<fmt::string_view>::format(ref.str(), context);
+        const std::string_view text = ref.view();
+        return fmt::formatter<fmt::string_view>::format(fmt::string_view(text.data(), text.size()),
+                                                        context);
     }
 };

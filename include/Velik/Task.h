@@ -66,27 +66,6 @@ class TaskKey {
     std::uintptr_t value_ = 0;
 };
 
-// A task's display name: its priority letter, one blank and its name
-// ("N reader"). Made on demand from the interned name, so that a task with a
-// name of its own interns one string, not two. Formats and streams as the
-// text; refers to the task's name, so it lives no longer than the task.
-class TaskDisplayName {
-  public:
-    TaskDisplayName(char letter, const ConstStringRef& name) : letter_(letter), name_(&name) {}
-
-    char letter() const { return letter_; }
-    const ConstStringRef& name() const { return *name_; }
-    std::string str() const;
-
-    friend bool operator==(const TaskDisplayName& a, std::string_view b) { return a.str() == b; }
-
-  private:
-    char letter_;
-    const ConstStringRef* name_;
-};
-
-std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name);
-
 // How `taskShouldYield()` decides.
 enum class TaskShouldYieldMode : std::uint8_t {
     ticks = 0,          // processor tick counter, then the steady clock
@@ -121,13 +100,13 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     virtual ~_TaskBase();
 
     TaskScheduler* scheduler() const { return scheduler_.get(); }
-    const ConstStringRef& taskName() const { return taskName_; }
+    // The name the task was given ("reader"): the display name without its
+    // priority letter and blank, from the same interned text.
+    ConstStringRef taskName() const { return taskDisplayName_.suffix(displayNamePrefix); }
     const ConstStringRef& taskStatsName() const { return taskStatsName_; }
     // The priority letter, one blank and the task name ("N reader"): the name
-    // history events show.
-    TaskDisplayName taskDisplayName() const {
-        return TaskDisplayName(oneChar(taskPriority_), taskName_);
-    }
+    // history events hold.
+    const ConstStringRef& taskDisplayName() const { return taskDisplayName_; }
     TaskPriority taskPriority() const { return taskPriority_; }
     std::uint8_t taskTestYieldRatio() const { return taskTestYieldRatio_; }
     std::uint8_t taskTestYieldRatioEffective() const { return taskTestYieldRatioEffective_; }
@@ -136,12 +115,16 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     bool taskBusy() const { return taskBusy_; }
 
   protected:
+    // The letter and the blank before the task name in the display name.
+    static constexpr std::size_t displayNamePrefix = 2;
+
     // Shares ownership of `scheduler` (which must be owned by a shared
-    // pointer) and interns the names in the thread's string cache.
+    // pointer) and interns the display name in the thread's string cache:
+    // one string per task name, which the task and statistics names share.
     _TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::string_view name);
 
     std::shared_ptr<TaskScheduler> scheduler_;
-    ConstStringRef taskName_;
+    ConstStringRef taskDisplayName_;
     ConstStringRef taskStatsName_;
     TaskPriority taskPriority_;
     std::uint8_t taskTestYieldRatio_ = 0;
@@ -171,7 +154,7 @@ class TaskImpl : public _TaskBase {
 
     // Asks for one run: appends the task to its run queue unless it is
     // already queued. A request made while suspended is dropped (and
-    // recorded); unsuspending queues the task.
+    // recorded); unsuspending queues the task. Asserts after `handleDestroy`.
     virtual void scheduleTask();
     // Takes the task off its run queue, if it is on one.
     void unscheduleTask();
@@ -281,6 +264,9 @@ class TaskImpl : public _TaskBase {
     // the history with `now`. Kinds of task that replace an immediate run
     // with something else (a timer) use it without re-reading the clock.
     void unscheduleTaskPrivate(TaskTimePoint now);
+    // Asserts that the task may still be queued or armed: not after
+    // `handleDestroy` (nor on memory that is no constructed task).
+    void checkNotDestroyed() const;
     // Records an event of this task in the scheduler's history.
     void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
     TaskSchedulerRoot* root() const;
@@ -356,11 +342,3 @@ class Task : public TaskImpl {
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task);
 
 }  // namespace Velik
-
-template <>
-struct fmt::formatter<Velik::TaskDisplayName> : fmt::formatter<fmt::string_view> {
-    template <typename Context>
-    auto format(const Velik::TaskDisplayName& name, Context& context) const {
-        return fmt::formatter<fmt::string_view>::format(name.str(), context);
-    }
-};

@@ -134,7 +134,9 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     const TaskRunQueue& taskRunQueue(TaskPriority priority) const;
 
     TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
-    void defaultTaskQuantumIs(TaskTimeDuration quantum) { defaultTaskQuantum_ = quantum; }
+    // The quantum new tasks start with. Asserts with "Quantum: " unless
+    // positive, as a task's own quantum; no upper limit.
+    void defaultTaskQuantumIs(TaskTimeDuration quantum);
     TaskTimeDuration maxSchedulerSlip() const { return maxSchedulerSlip_; }
     TaskTimePoint lastRunRequestTime() const { return lastRunRequestTime_; }
     void lastRunRequestTimeIs(TaskTimePoint time) { lastRunRequestTime_ = time; }

@@ -31,16 +31,13 @@ class TaskSchedulerHistory {
 
     struct Event {
         TaskSchedulerEventType eventType;
-        // A task event's priority letter; 0 for scheduler events and names
-        // given directly.
-        char letter;
         TaskTimePoint time;
-        // The task's or the scheduler's name.
+        // The task's display name ("N reader") or the scheduler's name.
         ConstStringRef name;
 
         const char* eventTypeDisplay() const { return Velik::eventTypeDisplay(eventType); }
-        // The task's display name ("N reader"), or the name as it is.
-        std::string displayName() const;
+        // The recorded name's text.
+        std::string displayName() const { return name.str(); }
         // The event type's display name padded with blanks to 12 characters
         // (longer names are not cut), one blank, then the display name.
         std::string display() const;
@@ -60,20 +57,19 @@ class TaskSchedulerHistory {
 
     // The same checks and records, given the name directly. Inline: a task
     // run records three events, and the checks of a constant type fold away.
-    // A task event may carry the priority letter of its display name.
     void insertTaskEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
-                         const ConstStringRef& name, char letter = 0) {
+                         const ConstStringRef& name) {
         if (eventType > lastTaskEventType) [[unlikely]] {
             eventTypeFailed(eventType, true);
         }
-        record(now, eventType, name, letter);
+        record(now, eventType, name);
     }
     void insertSchedulerEvent(TaskTimePoint now, TaskSchedulerEventType eventType,
                               const ConstStringRef& name) {
         if (eventType <= lastTaskEventType || eventType > lastSchedulerEventType) [[unlikely]] {
             eventTypeFailed(eventType, false);
         }
-        record(now, eventType, name, 0);
+        record(now, eventType, name);
     }
 
     // Room for this many events.
@@ -103,9 +99,8 @@ class TaskSchedulerHistory {
     // a task event (`taskEvent`) or not a scheduler event.
     [[noreturn]] void eventTypeFailed(TaskSchedulerEventType eventType, bool taskEvent) const;
 
-    void record(TaskTimePoint now, TaskSchedulerEventType eventType, const ConstStringRef& name,
-                char letter) {
-        events_.push_front(Event{eventType, letter, now, name});
+    void record(TaskTimePoint now, TaskSchedulerEventType eventType, const ConstStringRef& name) {
+        events_.push_front(Event{eventType, now, name});
     }
 
     Events events_;

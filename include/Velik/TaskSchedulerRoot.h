@@ -113,6 +113,8 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     // A pseudo-random 0..100 (100 is rare) from the root's own seed, which
     // starts at 0: the same sequence in every new root.
     unsigned randomPercent();
+    // Restarts the sequence from `seed`, for tests that need a given draw.
+    void randomSeedForTestIs(unsigned seed) { randomSeed_ = seed; }
 
     // `checkSchedulerLatency`, then marks now as the last run request.
     void doUpdateSchedulerLatency();

@@ -67,11 +67,14 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     // --- Delays ---
 
     // Restarts the timer to run the task `delay` from now (taking it off its
-    // run queue); never stops it, zero runs it now.
+    // run queue); never stops it, zero runs it now, and a delay that is not a
+    // number arms the timer due at once. Arming after `handleDestroy`
+    // asserts, as `scheduleTask` does.
     void scheduleTaskDelay(double delay);
     void scheduleTaskDelay(TaskTimeDuration delay);
     // As `scheduleTaskDelay(delay + offset)`, the offset random in
-    // [0, delay * maxJitterPercentage / 100]; asserts beyond 100 percent.
+    // [0, delay * maxJitterPercentage / 100], exact for every delay; asserts
+    // beyond 100 percent.
     void scheduleTaskJitterUp(double delay, std::uint8_t maxJitterPercentage);
     void scheduleTaskJitterUp(TaskTimeDuration delay, std::uint8_t maxJitterPercentage);
     // As `scheduleTaskDelay(delay - offset)`: never negative, and a result of
@@ -80,7 +83,8 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     void scheduleTaskJitterDown(TaskTimeDuration delay, std::uint8_t maxJitterPercentage);
     // Brings the run forward to `delay` from now, never back: arms an idle
     // timer, shortens a later one, and leaves a sooner timer or a due task
-    // alone. A never delay is an assertion failure.
+    // alone. A delay that is not a number comes before any timer (due at
+    // once); a never delay is an assertion failure.
     void scheduleTaskLowestDelay(double delay);
     void scheduleTaskLowestDelay(TaskTimeDuration delay);
 

@@ -22,13 +22,18 @@ void ConstStringRef::Elem::refCountDecLast() const {
     }
 }
 
-const std::string& ConstStringRef::emptyString() {
-    static const std::string empty;
-    return empty;
+ConstStringRef ConstStringRef::suffix(std::size_t skip) const {
+    const std::size_t total = skip + this->skip();
+    const std::size_t length = elem() ? elem()->str().size() : 0;
+    if (total > maxSkip || total > length) [[unlikely]] {
+        Impl::assertFailed(sourceName, __LINE__, true, __func__, "ConstStringRef",
+                           "suffix skip {} of \"{}\"", skip, view());
+    }
+    return ConstStringRef(elem(), total);
 }
 
 std::ostream& operator<<(std::ostream& stream, const ConstStringRef& ref) {
-    return stream << ref.str();
+    return stream << ref.view();
 }
 
 ConstStringCache::~ConstStringCache() {

@@ -22,6 +22,21 @@ ConstStringRef intern(std::string_view text) {
     return ConstStringCache::forThisThread().intern(text);
 }
 
+// The letter of a priority that may be out of range: registration asserts on
+// such a priority with its own message, so naming the task must not.
+char displayLetter(TaskPriority priority) {
+    const auto value = static_cast<std::size_t>(priority);
+    return value < sizeof priorityLetters ? priorityLetters[value] : '?';
+}
+
+ConstStringRef internDisplayName(TaskPriority priority, std::string_view name) {
+    fmt::basic_memory_buffer<char, 128> text;  // no heap for usual names
+    text.push_back(displayLetter(priority));
+    text.push_back(' ');
+    text.append(name.data(), name.data() + name.size());
+    return intern(std::string_view(text.data(), text.size()));
+}
+
 }  // namespace
 
 std::string TaskKey::toStrep() const {
@@ -32,22 +47,11 @@ std::string TaskKey::toStrep() const {
 
 _TaskBase::_TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
     : scheduler_(scheduler ? scheduler->shared_from_this() : nullptr),
-      taskName_(intern(name)),
-      taskStatsName_(taskName_),
+      taskDisplayName_(internDisplayName(priority, name)),
+      taskStatsName_(taskDisplayName_.suffix(displayNamePrefix)),
       taskPriority_(priority) {}
 
 _TaskBase::~_TaskBase() = default;
-
-std::string TaskDisplayName::str() const {
-    std::string text(1, letter_);
-    text += ' ';
-    text += name_->str();
-    return text;
-}
-
-std::ostream& operator<<(std::ostream& stream, const TaskDisplayName& name) {
-    return stream << name.letter() << ' ' << name.name();
-}
 
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
     return stream << task->taskDisplayName();
@@ -106,8 +110,7 @@ namespace {
 // The body of `recordHistory`, inlined into the three events of every run.
 [[gnu::always_inline]] inline void recordTaskEvent(const TaskImpl& task, TaskTimePoint now,
                                                    TaskSchedulerEventType type) {
-    task.scheduler()->history()->insertTaskEvent(
-        now, type, task.taskName(), priorityLetters[static_cast<std::size_t>(task.taskPriority())]);
+    task.scheduler()->history()->insertTaskEvent(now, type, task.taskDisplayName());
 }
 
 }  // namespace
@@ -123,6 +126,7 @@ void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) con
     if (taskRunQueueLink_.isLinked()) {
         return;
     }
+    checkNotDestroyed();
     if (reschedulingItself()) {
         // The usual "more work: yield" path. The stamp and the history
         // event wait for the run's end time, which is read anyway: one clock
@@ -145,6 +149,14 @@ void TaskImpl::recordHistory(TaskTimePoint now, TaskSchedulerEventType type) con
     taskRunQueueAppend();
     scheduler_->schedulerHasRunnableTasksIs(true, now);
     taskBusyIs(taskScheduled(), now);
+}
+
+void TaskImpl::checkNotDestroyed() const {
+    if (taskMagicNumber_ != taskMagicNumberConstructed) [[unlikely]] {
+        // Queued, it would fail only at its run, far from the mistake.
+        VELIK_CLASS_ASSERT(false, "Task: {} scheduled after handleDestroy (taskMagicNumber: {})",
+                           taskDisplayName(), taskMagicNumber_);
+    }
 }
 
 bool TaskImpl::reschedulingItself() const {
@@ -364,10 +376,15 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
 }
 
 void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {
-    if (taskQuantum_.count() != 0 && elapsed >= 2 * taskQuantum_) {
+    // Divided rather than the quantum multiplied, which overflows for the
+    // largest quanta; the same bounds for whole nanoseconds (elapsed is never
+    // negative).
+    if (taskQuantum_.count() != 0 && elapsed / 2 >= taskQuantum_) {
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "Ran {} used {} {}% violation", taskDisplayName(),
-                    elapsed.count(), elapsed.count() * 100 / taskQuantum_.count());
-        if (elapsed < 5 * taskQuantum_) {
+                    elapsed.count(),
+                    static_cast<std::int64_t>(static_cast<__int128>(elapsed.count()) * 100 /
+                                              taskQuantum_.count()));
+        if (elapsed / 5 < taskQuantum_) {
             ++qv200_;
         } else {
             ++qv500_;
@@ -419,7 +436,9 @@ TaskStatus TaskImpl::taskStatus() const {
 // --- Statistics ---
 
 void TaskImpl::taskStatsNameIs(const std::string& name) {
-    taskStatsName_ = intern(name);
+    // The task's own name is served from the display name, not interned again.
+    ConstStringRef own = taskName();
+    taskStatsName_ = own.view() == name ? std::move(own) : intern(name);
 }
 
 void TaskImpl::includeInCompletedTaskIs(bool include) {

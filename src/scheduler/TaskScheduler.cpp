@@ -89,9 +89,15 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
     task->recordHistory(now, TaskSchedulerEventType::del);
 }
 
+void TaskScheduler::defaultTaskQuantumIs(TaskTimeDuration quantum) {
+    // New tasks take it without a check of their own.
+    VELIK_CLASS_ASSERT(quantum.count() > 0, "Quantum: {}", quantum.count());
+    defaultTaskQuantum_ = quantum;
+}
+
 TaskImpl* TaskScheduler::taskForTest(std::string_view name) const {
     for (TaskImpl& task : tasks_) {
-        if (task.taskName().str() == name) {
+        if (task.taskName().view() == name) {
             return &task;
         }
     }

@@ -13,12 +13,8 @@
 
 namespace Velik {
 
-std::string TaskSchedulerHistory::Event::displayName() const {
-    return letter ? fmt::format("{} {}", letter, name) : name.str();
-}
-
 std::string TaskSchedulerHistory::Event::display() const {
-    return fmt::format("{:<12} {}", eventTypeDisplay(), displayName());
+    return fmt::format("{:<12} {}", eventTypeDisplay(), name);
 }
 
 void TaskSchedulerHistory::eventTypeFailed(TaskSchedulerEventType eventType, bool taskEvent) const {
@@ -31,7 +27,7 @@ void TaskSchedulerHistory::eventTypeFailed(TaskSchedulerEventType eventType, boo
 
 void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,
                                   const _TaskBase* task) {
-    insertTaskEvent(now, eventType, task->taskName(), oneChar(task->taskPriority()));
+    insertTaskEvent(now, eventType, task->taskDisplayName());
 }
 
 void TaskSchedulerHistory::insert(TaskTimePoint now, TaskSchedulerEventType eventType,

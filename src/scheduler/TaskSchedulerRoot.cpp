@@ -120,7 +120,7 @@ std::size_t TaskSchedulerRoot::taskGroupCount() const {
 
 std::shared_ptr<TaskScheduler> TaskSchedulerRoot::findSchedulerForTest(std::string_view name) {
     for (TaskScheduler* scheduler : schedulers_) {
-        if (scheduler->schedulerName().str() == name) {
+        if (scheduler->schedulerName().view() == name) {
             return scheduler->shared_from_this();
         }
     }

@@ -61,7 +61,7 @@ void renderPriorityStats(Impl::JsonWriter& w, const TaskSchedulerQueueStats& que
 void renderTask(Impl::JsonWriter& w, const TaskStat& stat, bool completed) {
     const TaskStatus status = stat.taskStatus();
     w.StartObject();
-    member(w, "name", std::string_view(stat.taskNameRef().str()));
+    member(w, "name", stat.taskNameRef().view());
     if (!completed) {
         char address[24];  // "0x" and 16 digits: no allocation per task
         const auto end = fmt::format_to_n(address, sizeof address, "{:#x}", stat.taskKey().value());
@@ -192,8 +192,8 @@ void TaskSchedulerSnapshot::History::renderJson(TaskSchedulerPrintContext& conte
         jsonKey(w, "nsSinceBoot");
         w.Int64(event.time.time_since_epoch().count());
         member(w, "eventType", std::string_view(event.eventTypeDisplay()));
-        if (!event.name.str().empty()) {
-            member(w, "eventId", std::string_view(event.displayName()));
+        if (!event.name.view().empty()) {
+            member(w, "eventId", event.name.view());
         }
         w.EndObject();
     }

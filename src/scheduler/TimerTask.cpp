@@ -42,6 +42,15 @@ double printable(double delay) {
 std::int64_t printable(TaskTimeDuration delay) {
     return delay.count();
 }
+// Whether delay + offset leaves the range of the delay's form; doubles reach
+// infinity instead, which the wheel takes as never.
+bool sumOverflows(double, double) {
+    return false;
+}
+bool sumOverflows(TaskTimeDuration delay, TaskTimeDuration offset) {
+    std::int64_t sum;
+    return __builtin_add_overflow(delay.count(), offset.count(), &sum);
+}
 
 }  // namespace
 
@@ -64,7 +73,9 @@ const std::shared_ptr<TimerWheel>& TimerTask::wheel() const {
 // --- The two primitives on the wheel event ---
 
 bool TimerTask::doStartTimer(double delay, bool restart) {
-    if (!restart && !(delay < remainingTimeout())) {
+    // A delay that is not a number is due at once on the wheel, so it comes
+    // before any running timer.
+    if (!restart && !(delay < remainingTimeout()) && !std::isnan(delay)) {
         return false;
     }
     setTimeout(wheel(), delay);
@@ -92,6 +103,7 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool restart) {
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Already on runQueue {}", taskDisplayName());
         return;
     }
+    checkNotDestroyed();
     if (restart) {
         unscheduleTaskPrivate(now);
     }
@@ -134,6 +146,15 @@ void TimerTask::_scheduleTaskJitterUp(Delay delay, std::uint8_t maxJitterPercent
         return;
     }
     const Delay offset = jitterOffset(delay, maxJitterPercentage);
+    if (sumOverflows(delay, offset)) [[unlikely]] {
+        // Beyond the largest count of nanoseconds: the sum in seconds, so
+        // the timer is not armed earlier than asked.
+        const double seconds = toSeconds(delay) + toSeconds(offset);
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "Timer jitterUp {} delay {} + {} = {}",
+                    taskDisplayName(), printable(delay), printable(offset), seconds);
+        scheduleTaskDelayedPrivate(seconds, true);
+        return;
+    }
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "Timer jitterUp {} delay {} + {} = {}", taskDisplayName(),
                 printable(delay), printable(offset), printable(delay + offset));
     scheduleTaskDelayedPrivate(delay + offset, true);
@@ -186,7 +207,17 @@ double TimerTask::jitterOffset(double delay, std::uint8_t maxJitterPercentage) c
     VELIK_CLASS_ASSERT(maxJitterPercentage <= 100, "maxJitterPercentage: {} > 100",
                        static_cast<char>(maxJitterPercentage));
     const double q = root()->randomPercent();
-    const double offset = q * (maxJitterPercentage * delay) / 10000.0;
+    double offset = q * (maxJitterPercentage * delay) / 10000.0;
+    if (!std::isfinite(offset) && std::isfinite(delay)) [[unlikely]] {
+        // Only the product left the double range: the same share, scaled
+        // down first.
+        offset = q * (maxJitterPercentage * (delay / 10000.0));
+    }
+    if (offset > delay && delay >= 0.0) [[unlikely]] {
+        // The share is at most the whole delay; more is rounding, which
+        // would fail below, or jitter a timer down past zero.
+        offset = delay;
+    }
     // Written so that a NaN fails too.
     VELIK_CLASS_ASSERT(delay >= offset, "offset( {} ) > delayIntoFuture( {} )", offset, delay);
     return offset;
@@ -196,8 +227,13 @@ TaskTimeDuration TimerTask::jitterOffset(TaskTimeDuration delay,
                                          std::uint8_t maxJitterPercentage) const {
     VELIK_CLASS_ASSERT(maxJitterPercentage <= 100, "maxJitterPercentage: {} > 100",
                        static_cast<char>(maxJitterPercentage));
-    const std::int64_t q = root()->randomPercent();
-    const TaskTimeDuration offset((delay.count() * maxJitterPercentage) * q / 10000);
+    const std::int64_t share = std::int64_t{maxJitterPercentage} * root()->randomPercent();
+    // delay * share / 10000, truncated toward zero, without the product
+    // that overflows for delays of a little over ten days: whole ten
+    // thousands of the delay and the rest apart (both keep the delay's sign).
+    const std::int64_t whole = delay.count() / 10000;
+    const std::int64_t rest = delay.count() % 10000;
+    const TaskTimeDuration offset(whole * share + rest * share / 10000);
     VELIK_CLASS_ASSERT(!(delay < offset), "offset( {} ) > delayIntoFuture( {} )", offset.count(),
                        delay.count());
     return offset;

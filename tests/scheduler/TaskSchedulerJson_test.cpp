@@ -124,6 +124,19 @@ TEST_F(JsonTest, AnyBytesInNamesGiveValidJson) {
     EXPECT_TRUE(t.IsObject());
 }
 
+// An event's id is the text it recorded: a task's display name, which is
+// never empty ("N " for a task named ""); only an empty text is left out.
+TEST_F(JsonTest, EventIdIsTheRecordedDisplayName) {
+    auto unnamed = task(Velik::TaskPriority::normal, "");
+    unnamed->scheduleTask();
+    const auto doc = parse(root->statsRenderJsonToString(false, false, true));
+    Keys ids;
+    for (const auto& e : doc["schedulers"]["testRoot"]["history"]["history"].GetArray()) {
+        ids.push_back(e.HasMember("eventId") ? e["eventId"].GetString() : "-");
+    }
+    EXPECT_EQ(ids, (Keys{"N ", "N ", "N ", "S idle"}));  // busy, schedule, create, create
+}
+
 TEST_F(JsonTest, MisuseAsserts) {
     EXPECT_ASSERT_TEXT(Velik::subSchedulerKey(worker->getStats()), "worker is not TaskGroup");
     std::ostringstream out;

@@ -109,6 +109,39 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     }
 }
 
+// The violation bounds hold for the largest quanta; a default quantum must be
+// positive, as a task's own.
+TEST_F(TaskTest, HugeQuantaAndTheDefaultQuantum) {
+    auto t = task(TaskPriority::normal, "huge");
+    t->taskQuantumNoCheckIs(TaskTimeDuration::max());
+    t->taskRunAndRecordFromTest();
+    t->taskQuantumNoCheckIs(TaskTimeDuration(2'000'000'000'000'000'000));  // 5x overflows
+    t->body = [](ProbeTask&) { advanceNs(4'000'000'000'000'000'000); };
+    t->taskRunAndRecordFromTest();
+    EXPECT_EQ(t->qv200(), 1u);
+    EXPECT_EQ(t->qv500(), 0u);
+    EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(-1)), "Quantum: -1");
+    EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(0)), "Quantum: 0");
+    EXPECT_EQ(root->defaultTaskQuantum(), std::chrono::milliseconds(20));
+}
+
+// Events hold the display name, interned once and shared with the task's
+// name and statistics name; it outlives the task.
+TEST_F(TaskTest, HistoryEventsHoldTheDisplayNameInternedOnce) {
+    auto& cache = Velik::ConstStringCache::forThisThread();
+    const std::size_t before = cache.size();
+    auto t = task(TaskPriority::normal, "reader");
+    EXPECT_EQ(fmt::format("{}|{}|{}", t->taskDisplayName(), t->taskName(), t->taskStatsName()),
+              "N reader|reader|reader");
+    EXPECT_EQ(cache.size(), before + 1);
+    EXPECT_EQ(root->taskForTest("reader"), t.get());
+    t.reset();
+    for (const auto& event : root->history()->events()) {
+        EXPECT_EQ(event.name.str(), "N reader") << event.eventTypeDisplay();
+    }
+    EXPECT_EQ(cache.size(), before + 1);
+}
+
 TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
     auto t = task(TaskPriority::normal, "tick");
     t->taskQuantumIs(TaskTimeDuration(1'000'000));
@@ -198,6 +231,9 @@ TEST_F(TaskTest, MisuseAssertsWithItsText) {
     t->handleDestroy();  // unqueues and unregisters; the destructor must not do it again
     EXPECT_FALSE(t->taskScheduled());
     EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg not registered");
+    // Queueing it again fails at the call, not later on the magic number.
+    EXPECT_ASSERT_TEXT(t->scheduleTask(), "Task: N reg scheduled after handleDestroy");
+    EXPECT_FALSE(t->taskScheduled());
 
     EXPECT_ASSERT_TEXT(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");
     EXPECT_ASSERT_TEXT(root->runnableTaskCount(static_cast<TaskPriority>(5)), "TaskSchedulerCpp:");

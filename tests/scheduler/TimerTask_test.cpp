@@ -137,6 +137,45 @@ TEST_F(TimerTaskTest, JitterOffsetsDrawTheRootsRandomPercent) {
     }
 }
 
+// Jitter is exact for every delay: no product overflows, no sum leaves the
+// nanosecond range, and rounding never takes an offset past its delay.
+TEST_F(TimerTaskTest, JitterIsExactForEveryDelay) {
+    const Velik::TaskTimeDuration twoWeeks = std::chrono::hours(24 * 14);
+    unsigned seed = 0;
+    for (int i = 0; i < 200; ++i) {
+        const unsigned q = static_cast<unsigned>(rand_r(&seed)) / 21474836u;
+        EXPECT_EQ(t->jitterOffset(twoWeeks, 100), twoWeeks / 100 * q) << i;
+    }
+    constexpr unsigned seedOfAHundred = 57966750;  // its first draw is 100
+    root->randomSeedForTestIs(seedOfAHundred);
+    t->scheduleTaskJitterDown(781418.8730041712, 100);  // exactly zero: due now
+    EXPECT_EQ(stateOf(*t), "due");
+    root->randomSeedForTestIs(seedOfAHundred);
+    t->scheduleTaskJitterUp(TimerTask::neverDelay - 1ns, 100);
+    EXPECT_GT(t->timerRemaining(), 1.8e10);
+    root->randomSeedForTestIs(seedOfAHundred);
+    EXPECT_DOUBLE_EQ(t->jitterOffset(1e308, 50), 5e307);
+}
+
+// Not a number is due at once, as for scheduleTaskDelay: it arms an idle
+// timer and brings a running one forward.
+TEST_F(TimerTaskTest, LowestDelayOfNotANumberIsDueAtOnce) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    t->scheduleTaskLowestDelay(nan);
+    EXPECT_EQ(t->timerRemaining(), 0.0);
+    t->scheduleTaskDelay(5.0);
+    t->scheduleTaskLowestDelay(nan);
+    EXPECT_EQ(t->timerRemaining(), 0.0);
+    elapse(0.05);
+    EXPECT_EQ(stateOf(*t), "due");
+}
+
+TEST_F(TimerTaskTest, ArmingAfterHandleDestroyFailsAtTheCall) {
+    t->handleDestroy();
+    EXPECT_ASSERT_TEXT(t->scheduleTaskDelay(1.0), "Task: N tt scheduled after handleDestroy");
+    EXPECT_EQ(stateOf(*t), "idle");
+}
+
 TEST_F(TimerTaskTest, AssertionTextsAndNothingHalfDone) {
     t->scheduleTaskDelay(5.0);
     const double expiry = t->currentExpirationTime();
