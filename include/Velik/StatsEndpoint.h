@@ -36,7 +36,9 @@
 // reply's memory for that long and nothing else.
 //
 // The socket file is created with mode 0600 (no moment where others could
-// connect) and removed when the endpoint is destroyed. Serve several threads
+// connect) and removed when the endpoint is destroyed. Beside it, the
+// endpoint holds a lock on "<path>.lock" (mode 0600) for its whole life, so
+// that two daemons started at once on one path cannot both take it. Serve several threads
 // with one endpoint per thread root, one socket each, typically
 // "<dir>/<name>.sock" in a directory of mode 0700.
 //
@@ -121,6 +123,8 @@ class StatsEndpoint {
     int listenFd_ = -1;
     dev_t socketDev_ = 0;
     ino_t socketIno_ = 0;
+    // The lock on "<socketPath>.lock", held for the endpoint's life.
+    int lockFd_ = -1;
     std::shared_ptr<Impl::StatsListener> listener_;
     std::map<int, std::shared_ptr<Impl::StatsConnection>> connections_;
     std::uint64_t acceptedCount_ = 0;
@@ -132,8 +136,9 @@ class StatsEndpoint {
 // as the socket should answer. The directory must exist.
 //
 // A stale socket file at the path (nobody answers) is replaced. Throws
-// `RuntimeException` when another process answers on it ("... is served by
-// another process"), when the path is something other than a socket, when
+// `RuntimeException` when another endpoint answers on it or holds its lock
+// file ("... is in use: another endpoint answers on it ..."), when the path
+// is something other than a socket, when
 // it is too long for a Unix socket address, or when the socket cannot be
 // made, bound or listened on (with the system's error text).
 std::unique_ptr<StatsEndpoint> serveStats(TaskSchedulerRoot& root, std::string socketPath,

@@ -18,28 +18,15 @@ StatsConnection::Deadline::Deadline(StatsConnection& connection, TaskScheduler* 
                                     TaskPriority priority)
     : TimerTask(scheduler, priority, "StatsEndpoint:deadline"), connection_(connection) {}
 
-StatsConnection::SnapshotSlicer::SnapshotSlicer(
-    StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority,
-    std::shared_ptr<const TaskSchedulerSnapshot> snapshot)
+StatsConnection::Slicer::Slicer(StatsConnection& connection, TaskScheduler* scheduler,
+                                TaskPriority priority, std::unique_ptr<StatsReplySource> source)
     : Task(scheduler, priority, "StatsEndpoint:render"),
       connection_(connection),
-      context_(TaskScheduler::PrintContextIs(out_)),
-      render_(std::move(snapshot), snapshotRecordsPerSlice) {}
+      source_(std::move(source)) {}
 
-StatsConnection::SnapshotSlicer::~SnapshotSlicer() {
-    if (!finished_) {
-        context_->abandonJson();
-    }
-}
-
-void StatsConnection::SnapshotSlicer::taskExecute() {
-    if (!render_.renderSlice(*context_)) {
-        context_->closeJson();
-        finished_ = true;
-    }
-    context_->flush();
-    std::string text = std::move(out_).str();
-    out_.str(std::string());
+void StatsConnection::Slicer::taskExecute() {
+    std::string text;
+    finished_ = !source_->renderSlice(text);
     taskWorkCountInc(1);
     connection_.write(std::move(text));
 }
@@ -90,10 +77,8 @@ void StatsConnection::requestComplete(std::string_view line) {
     const StatsRequest request = parseStatsRequest(line);
     if (!request.verb) {
         reply(statsErrorLine(request.error));
-    } else if (*request.verb == StatsVerb::snapshot) {
-        replySnapshot();
     } else {
-        reply(renderStatsReply(endpoint_.root(), *request.verb, endpoint_.options().includeNoRuns));
+        replySliced(*request.verb);
     }
 }
 
@@ -111,12 +96,12 @@ void StatsConnection::reply(std::string text) {
     write(std::move(text));
 }
 
-void StatsConnection::replySnapshot() {
+void StatsConnection::replySliced(StatsVerb verb) {
     startReply();
-    // Taking the snapshot is quick; rendering it is what takes slices.
-    slicer_ = std::make_shared<SnapshotSlicer>(
+    // Gathering the records is quick; rendering them is what takes slices.
+    slicer_ = std::make_shared<Slicer>(
         *this, scheduler(), taskPriority(),
-        endpoint_.root().snapshot(endpoint_.options().includeNoRuns, true, true));
+        makeStatsReplySource(endpoint_.root(), verb, endpoint_.options().includeNoRuns));
     slicer_->scheduleTask();
 }
 

@@ -3,13 +3,11 @@
 
 #include <Velik/FileDescriptorTask.h>
 #include <Velik/SnapshotRenderJson.h>
-#include <Velik/TaskSchedulerPrintContext.h>
-#include <Velik/TaskSchedulerSnapshot.h>
 #include <Velik/TimerTask.h>
 
-#include <cstddef>
+#include "scheduler/StatsReplySource.h"
+
 #include <memory>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -21,10 +19,11 @@ namespace Velik::Impl {
 
 // Reads one request line without blocking and never more than the longest
 // request, then stops reading and hands the reply (or one error line) to a
-// write task of its own. A snapshot is rendered and written a slice at a
-// time, so that neither a large one nor a slow reader holds the thread
-// long; the other replies are rendered in one go. A deadline bounds each phase: a request not
-// complete in time gets "error: request timed out", a reply not taken in time is dropped. Its end,
+// write task of its own. Every reply is rendered and written a slice at a
+// time (StatsReplySource.h), each slice written before the next is
+// rendered, so that neither a large reply nor a slow reader holds the thread
+// long. A deadline bounds each phase: a request not complete in time gets
+// "error: request timed out", a reply not taken in time is dropped. Its end,
 // in every case, is `StatsEndpoint::connectionEnded`.
 class StatsConnection : public FileDescriptorTask {
   public:
@@ -47,27 +46,19 @@ class StatsConnection : public FileDescriptorTask {
     // Whether the request was read and the reply is being written.
     bool replying() const { return writer_ != nullptr; }
 
-    // Task records rendered per slice of a snapshot reply: about a
-    // millisecond of rendering.
-    static constexpr std::size_t snapshotRecordsPerSlice = 400;
-
   private:
-    // Renders the next slice of the snapshot and hands it to the writer.
-    class SnapshotSlicer : public Task {
+    // Renders the next slice of the reply and hands it to the writer.
+    class Slicer : public Task {
       public:
-        SnapshotSlicer(StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority,
-                       std::shared_ptr<const TaskSchedulerSnapshot> snapshot);
-        // A reply dropped half way is left unclosed.
-        ~SnapshotSlicer() override;
+        Slicer(StatsConnection& connection, TaskScheduler* scheduler, TaskPriority priority,
+               std::unique_ptr<StatsReplySource> source);
         void taskExecute() override;
-        // Everything, the document's end included, has been handed over.
+        // Everything, the reply's end included, has been handed over.
         bool finished() const { return finished_; }
 
       private:
         StatsConnection& connection_;
-        std::ostringstream out_;
-        std::unique_ptr<TaskSchedulerPrintContext> context_;
-        TaskSchedulerSnapshot::SlicedRender render_;
+        std::unique_ptr<StatsReplySource> source_;
         bool finished_ = false;
     };
 
@@ -84,8 +75,8 @@ class StatsConnection : public FileDescriptorTask {
     void requestComplete(std::string_view line);
     // Stops reading and writes `text`; the connection ends once it is written.
     void reply(std::string text);
-    // Stops reading and starts the sliced snapshot reply.
-    void replySnapshot();
+    // Stops reading and starts the sliced reply to `verb`.
+    void replySliced(StatsVerb verb);
     // Stops reading, re-arms the deadline for the reply and makes the writer.
     void startReply();
     void write(std::string text);
@@ -99,7 +90,7 @@ class StatsConnection : public FileDescriptorTask {
     std::string request_;
     std::shared_ptr<Deadline> deadline_;
     std::shared_ptr<SnapshotWriteJsonTask> writer_;
-    std::shared_ptr<SnapshotSlicer> slicer_;
+    std::shared_ptr<Slicer> slicer_;
 };
 
 }  // namespace Velik::Impl

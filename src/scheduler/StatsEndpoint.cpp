@@ -95,11 +95,11 @@ StatsEndpoint::StatsEndpoint(TaskSchedulerRoot& root, std::string socketPath,
     listenFd_ = socket.fd;
     socketDev_ = socket.dev;
     socketIno_ = socket.ino;
+    lockFd_ = socket.lockFd;
     try {
         listener_ = std::make_shared<Impl::StatsListener>(*this, listenFd_);
     } catch (...) {
-        ::close(listenFd_);
-        Impl::unlinkIfSame(socketPath_, socketDev_, socketIno_);
+        Impl::closeListening(socketPath_, socket);
         throw;
     }
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 4, "serving {} on {}", root_.schedulerName(), socketPath_);
@@ -111,8 +111,7 @@ StatsEndpoint::~StatsEndpoint() {
     }
     listener_->taskWatchFdDel();
     listener_.reset();
-    ::close(listenFd_);
-    Impl::unlinkIfSame(socketPath_, socketDev_, socketIno_);
+    Impl::closeListening(socketPath_, {listenFd_, socketDev_, socketIno_, lockFd_});
 }
 
 bool StatsEndpoint::peerAllowed(int fd) const {

@@ -1,12 +1,9 @@
 // Stats endpoint requests and replies.
 #include "scheduler/StatsRequest.h"
 
-#include "Velik/TaskSchedulerRoot.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 
 namespace Velik::Impl {
 
@@ -33,31 +30,6 @@ StatsRequest parseStatsRequest(std::string_view line) {
 
 std::string statsErrorLine(std::string_view reason) {
     return fmt::format("error: {}\n", reason);
-}
-
-std::string renderStatsReply(const TaskSchedulerRoot& root, StatsVerb verb, bool includeNoRuns) {
-    switch (verb) {
-        case StatsVerb::snapshot:
-            return root.statsRenderJsonToString(includeNoRuns, true, true);
-        case StatsVerb::report:
-            return root.statsRenderTextForDebugToString(includeNoRuns, true, false, false);
-        case StatsVerb::history:
-            return historyRenderLines(root);
-    }
-    return {};
-}
-
-std::string historyRenderLines(const TaskSchedulerRoot& root) {
-    fmt::memory_buffer out;
-    const auto& events = root.history()->events();
-    const std::string& scheduler = root.schedulerName().str();
-    // The ring holds the newest first.
-    for (auto it = events.rbegin(); it != events.rend(); ++it) {
-        fmt::format_to(std::back_inserter(out), "{} {} {} {}\n",
-                       it->time.time_since_epoch().count(), scheduler, it->eventTypeDisplay(),
-                       it->displayName());
-    }
-    return fmt::to_string(out);
 }
 
 }  // namespace Velik::Impl

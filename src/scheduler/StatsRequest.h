@@ -5,10 +5,6 @@
 #include <string>
 #include <string_view>
 
-namespace Velik {
-class TaskSchedulerRoot;
-}
-
 namespace Velik::Impl {
 
 enum class StatsVerb { snapshot, report, history };
@@ -26,12 +22,5 @@ StatsRequest parseStatsRequest(std::string_view line);
 
 // "error: <reason>\n".
 std::string statsErrorLine(std::string_view reason);
-
-// The reply to `verb` for `root`, rendered now on the root's thread.
-std::string renderStatsReply(const TaskSchedulerRoot& root, StatsVerb verb, bool includeNoRuns);
-
-// The root's history, oldest first, one event a line:
-// "<nsSinceBoot> <schedulerName> <eventType> <eventId>".
-std::string historyRenderLines(const TaskSchedulerRoot& root);
 
 }  // namespace Velik::Impl

@@ -5,6 +5,7 @@
 #include "Velik/Errno.h"
 #include "Velik/Exception.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,6 +26,10 @@ namespace {
 
 [[noreturn]] void failErrno(std::string_view what, const std::string& path, int error) {
     fail(fmt::format("stats socket {}: {} failed: {}", path, what, Velik::strerror(error)));
+}
+
+[[noreturn]] void failNotSocket(const std::string& path) {
+    fail(fmt::format("stats socket {}: the path exists and is not a socket", path));
 }
 
 sockaddr_un addressOf(const std::string& path) {
@@ -68,7 +73,7 @@ void replaceStale(const std::string& path, const sockaddr_un& address) {
         return;
     }
     if (!S_ISSOCK(st.st_mode)) {
-        fail(fmt::format("stats socket {}: the path exists and is not a socket", path));
+        failNotSocket(path);
     }
     FdGuard probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (probe.get() < 0) {
@@ -89,10 +94,70 @@ void replaceStale(const std::string& path, const sockaddr_un& address) {
     }
 }
 
+// Removes `path` if it is still the file (`dev`, `ino`).
+void unlinkIfSame(const std::string& path, dev_t dev, ino_t ino) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && st.st_dev == dev && st.st_ino == ino) {
+        unlink(path.c_str());
+    }
+}
+
+// Whether `fd` is still the file at `path`: a holder that went away removes
+// its lock file, and whoever was waiting on the old one must start over.
+bool isFileAt(int fd, const std::string& path) {
+    struct stat held, named;
+    return fstat(fd, &held) == 0 && lstat(path.c_str(), &named) == 0 &&
+           held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+// The exclusive lock on "<path>.lock", as a descriptor to keep.
+int lockSocketPath(const std::string& path) {
+    const std::string lockPath = socketLockPath(path);
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        FdGuard fd(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (fd.get() < 0) {
+            // A missing directory reads as it would without the lock file.
+            failErrno(errno == ENOENT ? "bind" : "opening the lock file " + lockPath, path, errno);
+        }
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        if (fcntl(fd.get(), F_OFD_SETLK, &lock) != 0) {
+            if (errno == EAGAIN || errno == EACCES) {
+                fail(fmt::format(
+                    "stats socket {} is in use: another endpoint answers on it or is starting "
+                    "(it holds {})",
+                    path, lockPath));
+            }
+            failErrno("locking " + lockPath, path, errno);
+        }
+        if (isFileAt(fd.get(), lockPath)) {
+            return fd.release();
+        }
+    }
+    fail(fmt::format("stats socket {}: the lock file {} keeps being replaced", path, lockPath));
+}
+
 }  // namespace
 
-ListeningSocket listenOwnerOnly(const std::string& path, int backlog) {
-    const sockaddr_un address = addressOf(path);
+std::string socketLockPath(const std::string& path) {
+    return path + ".lock";
+}
+
+namespace {
+
+// Removes the lock file if `lockFd` still holds it: whoever waits on it then
+// sees it gone and starts over.
+void removeLockFile(const std::string& path, int lockFd) {
+    const std::string lockPath = socketLockPath(path);
+    if (isFileAt(lockFd, lockPath)) {
+        unlink(lockPath.c_str());
+    }
+}
+
+// Binds and listens at `path`, the lock held: nobody else replaces or binds
+// it meanwhile.
+ListeningSocket listenLocked(const std::string& path, const sockaddr_un& address, int backlog) {
     replaceStale(path, address);
     FdGuard fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
@@ -118,14 +183,35 @@ ListeningSocket listenOwnerOnly(const std::string& path, int backlog) {
         unlink(path.c_str());
         failErrno("listen", path, error);
     }
-    return ListeningSocket{fd.release(), st.st_dev, st.st_ino};
+    return ListeningSocket{fd.release(), st.st_dev, st.st_ino, -1};
 }
 
-void unlinkIfSame(const std::string& path, dev_t dev, ino_t ino) {
-    struct stat st;
-    if (lstat(path.c_str(), &st) == 0 && st.st_dev == dev && st.st_ino == ino) {
-        unlink(path.c_str());
+}  // namespace
+
+ListeningSocket listenOwnerOnly(const std::string& path, int backlog) {
+    const sockaddr_un address = addressOf(path);
+    // Refused before a lock file is made beside it.
+    struct stat existing;
+    if (lstat(path.c_str(), &existing) == 0 && !S_ISSOCK(existing.st_mode)) {
+        failNotSocket(path);
     }
+    FdGuard lock(lockSocketPath(path));
+    ListeningSocket listening;
+    try {
+        listening = listenLocked(path, address, backlog);
+    } catch (...) {
+        removeLockFile(path, lock.get());
+        throw;
+    }
+    listening.lockFd = lock.release();
+    return listening;
+}
+
+void closeListening(const std::string& path, const ListeningSocket& socket) {
+    ::close(socket.fd);
+    unlinkIfSame(path, socket.dev, socket.ino);
+    removeLockFile(path, socket.lockFd);
+    ::close(socket.lockFd);
 }
 
 std::optional<uid_t> peerUid(int fd) {

@@ -10,23 +10,33 @@
 
 namespace Velik::Impl {
 
-// A listening socket and the identity of its file.
+// A listening socket, the identity of its file, and the lock that makes the
+// path ours.
 struct ListeningSocket {
     int fd = -1;
     dev_t dev = 0;
     ino_t ino = 0;
+    int lockFd = -1;
 };
 
+// The lock file beside the socket: "<path>.lock".
+std::string socketLockPath(const std::string& path);
+
 // Listens at `path`: non-blocking, close-on-exec, the file of mode 0600 from
-// the moment it exists. A socket file nobody answers on is replaced first.
-// Throws `RuntimeException` for a path too long for a socket address, a path
-// that is not a socket, a socket another process answers on, or a failing
+// the moment it exists. First takes an exclusive open-file-description lock
+// on "<path>.lock" (created with mode 0600, never through a symlink), held
+// until `closeListening`: two endpoints started together on one path cannot
+// both replace a stale socket file, and only the holder ever removes or
+// binds the path. A socket file nobody answers on is then replaced. Throws
+// `RuntimeException` for a path too long for a socket address, a path that
+// is not a socket, a path another endpoint holds or answers on, or a failing
 // system call (with its error text).
 ListeningSocket listenOwnerOnly(const std::string& path, int backlog);
 
-// Removes `path` if it is still the file (`dev`, `ino`): a daemon that took
-// the path over since keeps its socket.
-void unlinkIfSame(const std::string& path, dev_t dev, ino_t ino);
+// Closes the socket, removes its file and the lock file if they are still
+// the ones it made (a daemon that took the path over since keeps them), and
+// releases the lock.
+void closeListening(const std::string& path, const ListeningSocket& socket);
 
 // The uid of the peer on a connected socket (SO_PEERCRED); none on failure.
 std::optional<uid_t> peerUid(int fd);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <limits>
 #include <sstream>
 
 namespace Velik {
@@ -59,8 +60,11 @@ void renderLegend(std::ostream& stream, bool withCompleted) {
     stream << "\n";
 }
 
-std::string nameColumn(const TaskStat& stat, bool showKeys) {
-    return showKeys ? stat.taskName() + stat.taskKey().toStrep() : stat.taskName();
+// The name as shown, then the key when keys are shown.
+std::string nameColumn(const TaskStat& stat, bool showKeys,
+                       const TextReportSlicedRender::NameText& nameText) {
+    std::string name = nameText ? nameText(stat.taskNameRef().str()) : stat.taskName();
+    return showKeys ? name + stat.taskKey().toStrep() : name;
 }
 
 // The row formats, parsed once per table: feeding a format that has been
@@ -75,8 +79,9 @@ struct RowFormats {
 };
 
 void renderTaskRow(std::ostream& stream, RowFormats& formats, const TaskStat& stat,
-                   std::size_t width, bool completed, bool showKeys) {
-    const std::string name = nameColumn(stat, showKeys);
+                   std::size_t width, bool completed, bool showKeys,
+                   const TextReportSlicedRender::NameText& nameText) {
+    const std::string name = nameColumn(stat, showKeys, nameText);
     const std::string padding(width - std::min(width, name.size()), ' ');
     const bool work = stat.taskWorkCountHighWaterMark().hasValue();
     const bool pending = stat.taskWorkPendingHighWaterMark().hasValue();
@@ -97,21 +102,32 @@ void renderTaskRow(std::ostream& stream, RowFormats& formats, const TaskStat& st
     stream << row << "\n";
 }
 
-}  // namespace
-
-void statsRenderTextTasks(std::ostream& stream, const std::string& title,
-                          const std::vector<TaskStat>& stats, bool completed, bool showKeys) {
+// Largest total run time first.
+std::vector<const TaskStat*> sortedByRunTime(const std::vector<TaskStat>& stats) {
     std::vector<const TaskStat*> sorted;
     sorted.reserve(stats.size());
-    std::size_t width = title.size();
     for (const TaskStat& stat : stats) {
         sorted.push_back(&stat);
-        width = std::max(width, stat.taskNameRef().str().size() +
-                                    (showKeys ? stat.taskKey().toStrep().size() : 0));
     }
     std::sort(sorted.begin(), sorted.end(), [](const TaskStat* a, const TaskStat* b) {
         return a->taskTotalRunTime() > b->taskTotalRunTime();
     });
+    return sorted;
+}
+
+std::size_t nameWidth(const std::string& title, const std::vector<const TaskStat*>& stats,
+                      bool showKeys, const TextReportSlicedRender::NameText& nameText) {
+    std::size_t width = title.size();
+    for (const TaskStat* stat : stats) {
+        const std::size_t name = nameText ? nameText(stat->taskNameRef().str()).size()
+                                          : stat->taskNameRef().str().size();
+        width = std::max(width, name + (showKeys ? stat->taskKey().toStrep().size() : 0));
+    }
+    return width;
+}
+
+void renderTableHeader(std::ostream& stream, const std::string& title, std::size_t width,
+                       bool completed) {
     const std::string padding(width - title.size(), ' ');
     if (completed) {
         stream << format("%s%s %2s %10s %13s %14s %4s %4s %5s %4s %26s %20s") % title % padding %
@@ -123,9 +139,18 @@ void statsRenderTextTasks(std::ostream& stream, const std::string& title,
                       "Total/DecayA/Max-WorkCount" % "Last/Max-WorkPending";
     }
     stream << "\n";
+}
+
+}  // namespace
+
+void statsRenderTextTasks(std::ostream& stream, const std::string& title,
+                          const std::vector<TaskStat>& stats, bool completed, bool showKeys) {
+    const std::vector<const TaskStat*> sorted = sortedByRunTime(stats);
+    const std::size_t width = nameWidth(title, sorted, showKeys, {});
+    renderTableHeader(stream, title, width, completed);
     RowFormats formats(completed);
     for (const TaskStat* stat : sorted) {
-        renderTaskRow(stream, formats, *stat, width, completed, showKeys);
+        renderTaskRow(stream, formats, *stat, width, completed, showKeys, {});
     }
 }
 
@@ -133,16 +158,110 @@ void statsRenderTextImpl(std::ostream& stream, const TaskSchedulerQueueStats& qu
                          double maxSchedulerSlip, const std::vector<TaskStat>& live,
                          std::uint32_t skipped, const std::vector<TaskStat>& completed,
                          bool showKeys) {
-    renderQueueTable(stream, queueStats);
-    stream << format("Maximum scheduler slip %.6f seconds\n") % maxSchedulerSlip << "\n";
-    renderLegend(stream, !completed.empty());
-    statsRenderTextTasks(stream, "TaskName", live, false, showKeys);
-    if (skipped != 0) {
-        stream << format("Skipped %u task%s with no runs\n") % skipped % (skipped == 1 ? "" : "s");
+    TextReportSlicedRender render(queueStats, maxSchedulerSlip, live, skipped, completed, showKeys);
+    while (render.renderSlice(stream, std::numeric_limits<std::size_t>::max())) {
     }
-    if (!completed.empty()) {
-        statsRenderTextTasks(stream, "TaskName (completed)", completed, true, false);
+}
+
+// --- The report a slice at a time ---
+
+TextReportSlicedRender::TextReportSlicedRender(const TextReportData& data, bool showKeys,
+                                               NameText nameText)
+    : TextReportSlicedRender(data.queueStats, data.maxSchedulerSlip, data.live, data.skipped,
+                             data.completed, showKeys, std::move(nameText)) {}
+
+TextReportSlicedRender::TextReportSlicedRender(const TaskSchedulerQueueStats& queueStats,
+                                               double maxSchedulerSlip,
+                                               const std::vector<TaskStat>& live,
+                                               std::uint32_t skipped,
+                                               const std::vector<TaskStat>& completed,
+                                               bool showKeys, NameText nameText)
+    : queueStats_(queueStats),
+      maxSchedulerSlip_(maxSchedulerSlip),
+      skipped_(skipped),
+      nameText_(std::move(nameText)),
+      live_(makeTable("TaskName", live, false, showKeys)),
+      // Keys are never shown for completed records: they name no live task.
+      completed_(makeTable("TaskName (completed)", completed, true, false)) {}
+
+TextReportSlicedRender::Table TextReportSlicedRender::makeTable(std::string title,
+                                                                const std::vector<TaskStat>& stats,
+                                                                bool completed,
+                                                                bool showKeys) const {
+    Table table;
+    table.title = std::move(title);
+    table.completed = completed;
+    table.showKeys = showKeys;
+    table.sorted = sortedByRunTime(stats);
+    table.width = nameWidth(table.title, table.sorted, showKeys, nameText_);
+    return table;
+}
+
+std::size_t TextReportSlicedRender::renderRows(std::ostream& stream, Table& table,
+                                               std::size_t rows) const {
+    const std::size_t n = std::min(rows, table.sorted.size() - table.next);
+    RowFormats formats(table.completed);
+    for (std::size_t i = 0; i < n; ++i, ++table.next) {
+        renderTaskRow(stream, formats, *table.sorted[table.next], table.width, table.completed,
+                      table.showKeys, nameText_);
     }
+    return n;
+}
+
+bool TextReportSlicedRender::renderSlice(std::ostream& stream, std::size_t rows) {
+    std::size_t budget = std::max<std::size_t>(rows, 1);
+    while (stage_ != Stage::finished) {
+        switch (stage_) {
+            case Stage::head:
+                renderQueueTable(stream, queueStats_);
+                stream << format("Maximum scheduler slip %.6f seconds\n") % maxSchedulerSlip_
+                       << "\n";
+                renderLegend(stream, !completed_.sorted.empty());
+                renderTableHeader(stream, live_.title, live_.width, false);
+                stage_ = Stage::liveRows;
+                break;
+            case Stage::liveRows:
+            case Stage::completedRows: {
+                Table& table = stage_ == Stage::liveRows ? live_ : completed_;
+                if (budget == 0 && table.next < table.sorted.size()) {
+                    return true;
+                }
+                budget -= renderRows(stream, table, budget);
+                if (table.next == table.sorted.size()) {
+                    stage_ = stage_ == Stage::liveRows ? Stage::skippedLine : Stage::finished;
+                }
+                break;
+            }
+            case Stage::skippedLine:
+                if (skipped_ != 0) {
+                    stream << format("Skipped %u task%s with no runs\n") % skipped_ %
+                                  (skipped_ == 1 ? "" : "s");
+                }
+                stage_ = completed_.sorted.empty() ? Stage::finished : Stage::completedHead;
+                break;
+            case Stage::completedHead:
+                renderTableHeader(stream, completed_.title, completed_.width, true);
+                stage_ = Stage::completedRows;
+                break;
+            case Stage::finished:
+                break;
+        }
+    }
+    return false;
+}
+
+TextReportData gatherTextReport(const TaskSchedulerRoot& root, bool includeNoRuns,
+                                bool includeCompleted) {
+    TextReportData data;
+    for (const TaskScheduler* scheduler : root.schedulers()) {
+        data.skipped += scheduler->getTaskStats(&data.live, includeNoRuns);
+        if (includeCompleted) {
+            scheduler->getCompletedTaskStats(&data.completed, includeNoRuns);
+        }
+    }
+    data.queueStats = root.queueStatsRoot();
+    data.maxSchedulerSlip = seconds(root.maxSchedulerSlip());
+    return data;
 }
 
 // --- The root's entry points ---
@@ -159,17 +278,9 @@ void TaskSchedulerRoot::statsRenderTextForDebug(std::ostream& stream, bool inclu
                                                 bool includeCompleted, bool includeHistory,
                                                 bool showKeys) const {
     sanityCheckCurrentRunningThread();
-    std::vector<TaskStat> live;
-    std::vector<TaskStat> completed;
-    std::uint32_t skipped = 0;
-    for (const TaskScheduler* scheduler : schedulers()) {
-        skipped += scheduler->getTaskStats(&live, includeNoRuns);
-        if (includeCompleted) {
-            scheduler->getCompletedTaskStats(&completed, includeNoRuns);
-        }
-    }
-    statsRenderTextImpl(stream, queueStatsRoot(), seconds(maxSchedulerSlip()), live, skipped,
-                        completed, showKeys);
+    const TextReportData data = gatherTextReport(*this, includeNoRuns, includeCompleted);
+    statsRenderTextImpl(stream, data.queueStats, data.maxSchedulerSlip, data.live, data.skipped,
+                        data.completed, showKeys);
     if (includeHistory) {
         historyRenderTextForDebug(stream);
     }

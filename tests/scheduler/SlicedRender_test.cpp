@@ -1,7 +1,8 @@
-// A snapshot rendered a slice at a time writes exactly the bytes of one
-// render, whatever the slice size.
+// A snapshot or a text report rendered a slice at a time writes exactly the
+// bytes of one render, whatever the slice size.
 #include <Velik/TaskSchedulerPrintContext.h>
 #include <Velik/TaskSchedulerSnapshot.h>
+#include <Velik/TaskSchedulerTextReport.h>
 
 #include "scheduler/ReportFixture.h"
 
@@ -40,6 +41,48 @@ TEST_F(SlicedRenderTest, SameBytesAsOneRenderForEverySliceSize) {
             EXPECT_EQ(slices, 1);
         }
     }
+}
+
+TEST_F(SlicedRenderTest, TextReportSlicesAddUpToTheWholeReport) {
+    jobs.clear();  // a completed table too
+    const Velik::TextReportData data = Velik::gatherTextReport(*root, true, true);
+    ASSERT_FALSE(data.completed.empty());
+    std::ostringstream whole;
+    Velik::statsRenderTextImpl(whole, data.queueStats, data.maxSchedulerSlip, data.live,
+                               data.skipped, data.completed, true);
+    EXPECT_EQ(whole.str(), root->statsRenderTextForDebugToString(true, true, false, true));
+
+    const std::size_t rows = data.live.size() + data.completed.size();
+    for (std::size_t perSlice : {0u, 1u, 2u, 1000u}) {
+        std::ostringstream out;
+        Velik::TextReportSlicedRender render(data, true);
+        std::size_t slices = 1;
+        for (; render.renderSlice(out, perSlice); ++slices) {
+        }
+        EXPECT_TRUE(render.done());
+        EXPECT_FALSE(render.renderSlice(out, 1)) << "nothing after the end";
+        EXPECT_EQ(out.str(), whole.str()) << perSlice;
+        // Slices run across the two tables; zero rows a slice means one.
+        const std::size_t per = std::max<std::size_t>(perSlice, 1);
+        EXPECT_EQ(slices, (rows + per - 1) / per) << perSlice;
+    }
+}
+
+TEST_F(SlicedRenderTest, ShownNamesSetTheNameColumnsWidth) {
+    auto odd = task(Velik::TaskPriority::low, "odd\t");
+    const Velik::TextReportData data = Velik::gatherTextReport(*root, true, false);
+    std::ostringstream out;
+    Velik::TextReportSlicedRender render(data, false, [](std::string_view name) {
+        return name == "odd\t" ? std::string(30, '#') : std::string(name);
+    });
+    while (render.renderSlice(out, 3)) {
+    }
+    const std::string text = out.str();
+    EXPECT_EQ(text.find("odd\t"), std::string::npos);
+    // The header and every row put the status column after 30 columns.
+    EXPECT_NE(text.find("\nTaskName" + std::string(22, ' ') + " SP "), std::string::npos);
+    EXPECT_NE(text.find("\nworker" + std::string(24, ' ') + " "), std::string::npos);
+    EXPECT_NE(text.find("\n" + std::string(30, '#') + "  l "), std::string::npos);
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -248,6 +250,108 @@ TEST_P(StatsEndpointTest, SocketFileOwnerOnlyReplacedWhenStaleRemovedAtTheEnd) {
         endpoint.reset();
         EXPECT_FALSE(std::filesystem::exists(path));
         EXPECT_TRUE(open.ended());
+    });
+}
+
+// Whether `text` holds a byte a terminal could take for a control: C0 but
+// the line ends, DEL, the C1 range raw or as UTF-8 (U+0080 to U+009F).
+bool holdsControl(std::string_view text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto b = static_cast<unsigned char>(text[i]);
+        const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+        if ((b < 0x20 && b != '\n') || b == 0x7f || (b == 0xc2 && next >= 0x80 && next <= 0x9f) ||
+            (b >= 0x80 && b <= 0x9f &&
+             (i == 0 || static_cast<unsigned char>(text[i - 1]) < 0xc0))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Runs of the reply render task so far, in its completed record.
+std::uint64_t renderRuns(const Velik::TaskSchedulerRoot& root) {
+    std::vector<Velik::TaskStat> completed;
+    root.getCompletedTaskStats(&completed, true);
+    for (const Velik::TaskStat& stat : completed) {
+        if (stat.taskName() == "StatsEndpoint:render") {
+            return stat.taskRunCount();
+        }
+    }
+    return 0;
+}
+
+TEST_P(StatsEndpointTest, ReportAndHistoryInSlicesWithControlCharactersOfNamesEscaped) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        root->historyEntryCountIs(3000);
+        const std::string hostile = "evil\x1b]0;pwned\x07\r\x9b\xc2\x9b\xff";
+        const std::string shown = R"(evil\x1b]0;pwned\x07\x0d\x9b\xc2\x9b\xff)";
+        std::vector<std::shared_ptr<ProbeTask>> tasks;
+        for (int i = 0; i < 800; ++i) {
+            tasks.push_back(std::make_shared<ProbeTask>(
+                root.get(), TaskPriority::low, i ? "filler" + std::to_string(i) : hostile));
+            tasks.back()->scheduleTask();
+        }
+        auto endpoint = Velik::serveStats(*root, path);
+
+        const std::string report = ask("report\n");
+        EXPECT_FALSE(holdsControl(report));
+        // 800 rows and more, a few hundred a slice.
+        const std::uint64_t afterReport = renderRuns(*root);
+        EXPECT_GE(afterReport, 3u);
+        EXPECT_EQ(report.substr(0, 8), "Priority");
+        const std::size_t header = report.find("\nTaskName ");
+        ASSERT_NE(header, std::string::npos);
+        const std::size_t row = report.find("\n" + shown + " ");
+        EXPECT_NE(row, std::string::npos) << "the name shown escaped";
+        if (row != std::string::npos) {
+            // The name column is as wide as the escaped name: the status
+            // column stays aligned with the header's.
+            const std::size_t spColumn = report.find(" SP ", header) - header;
+            EXPECT_EQ(report.substr(row + spColumn, 4), "  l ");
+        }
+        EXPECT_NE(report.find("filler799 "), std::string::npos);
+        EXPECT_TRUE(report.ends_with("\n"));
+
+        const std::string history = ask("history\n");
+        EXPECT_FALSE(holdsControl(history));
+        EXPECT_NE(history.find(" run end L " + shown + "\n"), std::string::npos);
+        EXPECT_GE(std::count(history.begin(), history.end(), '\n'), 2400);
+        EXPECT_GE(renderRuns(*root), afterReport + 3);
+
+        // The library's own report keeps the name as it is.
+        EXPECT_NE(root->statsRenderTextForDebugToString(true, true, false, false).find(hostile),
+                  std::string::npos);
+    });
+}
+
+TEST_P(StatsEndpointTest, TheLockBesideTheSocketKeepsASecondEndpointOffAStaleFile) {
+    run([this] {
+        auto root = Velik::schedulerRootVelik();
+        close(socketAt(path, true));  // stale: nobody answers
+        // Another endpoint starting on the same path holds the lock and is
+        // about to replace the stale file: this one must not take it too.
+        const int held = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        ASSERT_EQ(fcntl(held, F_OFD_SETLK, &lock), 0);
+        try {
+            Velik::serveStats(*root, path);
+            ADD_FAILURE() << "served a path whose lock another endpoint holds";
+        } catch (const Velik::RuntimeException& e) {
+            EXPECT_THAT(e.message(), testing::HasSubstr("is in use: another endpoint"));
+        }
+        struct stat st;
+        EXPECT_EQ(lstat(path.c_str(), &st), 0) << "the stale file is the holder's to replace";
+        close(held);  // it went away: the lock file it left is reused
+
+        auto endpoint = Velik::serveStats(*root, path);
+        EXPECT_EQ(ask("report\n").substr(0, 8), "Priority");
+        ASSERT_EQ(lstat((path + ".lock").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0600u);
+        endpoint.reset();
+        EXPECT_FALSE(std::filesystem::exists(path));
+        EXPECT_FALSE(std::filesystem::exists(path + ".lock"));
     });
 }
 

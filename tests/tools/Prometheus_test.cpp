@@ -2,6 +2,7 @@
 #include "Prometheus.h"
 
 #include "FakeSnapshot.h"
+#include "scheduler/StatsPrintable.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -73,6 +74,18 @@ TEST(Prometheus, LabelValuesAreEscaped) {
     const std::string text = VelikTop::prometheusText({snap});
     EXPECT_THAT(text, HasSubstr(R"(thread="th\"read")"));
     EXPECT_THAT(text, HasSubstr(R"(task="we\"ird\\\nname")"));
+}
+
+TEST(Prometheus, NoControlCharacterOrBrokenUtf8ReachesTheExposition) {
+    VelikTop::ThreadSnapshot snap =
+        VelikTopTest::fakeSnapshot({{.name = "x"}}, "t\x1b]2;title\x07");
+    snap.tasks[0].name = std::string("a\x1b[31m\r\0b\xc2\x9b\xff\"\\\nc", 16);
+    const std::string text = VelikTop::prometheusText({snap});
+    EXPECT_THAT(text, HasSubstr(R"(thread="t\\x1b]2;title\\x07")"));
+    EXPECT_THAT(text, HasSubstr(R"(task="a\\x1b[31m\\x0d\\x00b\\xc2\\x9b\\xff\"\\\nc")"));
+    for (const std::string& line : linesOf(text)) {
+        EXPECT_FALSE(Velik::Impl::needsPrintable(line)) << line;
+    }
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -98,6 +100,90 @@ TEST_F(StatsClientTest, MissingDeadAndSilentSockets) {
     EXPECT_EQ(failure(path), VelikTop::exitMalformed);  // closed without a word
     server.join();
     EXPECT_EQ(failure(path), VelikTop::exitUnreachable);
+}
+
+TEST_F(StatsClientTest, AReplyBeyondTheLimitIsRefused) {
+    serveOnce(std::string(300000, 'x'));
+    std::string message;
+    EXPECT_EQ(failureOf([&] { VelikTop::fetch(path, "snapshot", 5.0, 200000); }, &message),
+              VelikTop::exitMalformed);
+    EXPECT_EQ(message, path + ": reply larger than 200000 bytes; stopped reading");
+    server.join();
+    fs::remove(path);
+    serveOnce(std::string(200000, 'x'));  // the limit itself is taken
+    EXPECT_EQ(VelikTop::fetch(path, "snapshot", 5.0, 200000).size(), 200000u);
+    EXPECT_EQ(VelikTop::maxReplyBytes, std::size_t{64} << 20);
+}
+
+TEST_F(StatsClientTest, ASocketServedByAnotherUserIsNotRead) {
+    EXPECT_TRUE(VelikTop::trustedServer(1000, 1000));
+    EXPECT_TRUE(VelikTop::trustedServer(0, 1000));
+    EXPECT_FALSE(VelikTop::trustedServer(1001, 1000));
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "playing another user needs root";
+    }
+    // The server's credentials are those of the process that listens.
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setresuid(65534, 65534, 65534) != 0 || listen(fd, 1) != 0) {
+            _exit(1);
+        }
+        (void)!write(ready[1], "r", 1);
+        const int client = accept(fd, nullptr, nullptr);
+        (void)!write(client, "{\"schedulers\":{}}", 17);
+        _exit(0);
+    }
+    close(fd);
+    char byte;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    std::string message;
+    EXPECT_EQ(failureOf([&] { VelikTop::fetch(path, "snapshot", 5.0); }, &message),
+              VelikTop::exitRefused);
+    EXPECT_EQ(message, path + ": served by uid 65534, neither you (uid 0) nor root; not read");
+    int status;
+    waitpid(child, &status, 0);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST_F(StatsClientTest, TheDefaultDirectoryMustBeTheUsersAlone) {
+    const std::string own = dir + "/own";
+    fs::create_directory(own);
+    chmod(own.c_str(), 0755);
+    EXPECT_NO_THROW(VelikTop::checkOwnDirectory(own));
+    EXPECT_NO_THROW(VelikTop::checkOwnDirectory(dir + "/missing"));
+
+    std::string message;
+    const auto refused = [&](const std::string& at) {
+        return failureOf([&] { VelikTop::checkOwnDirectory(at); }, &message);
+    };
+    const std::string open = dir + "/open";
+    fs::create_directory(open);
+    chmod(open.c_str(), 01777);  // sticky like /tmp, still anyone's to fill
+    EXPECT_EQ(refused(open), VelikTop::exitUnreachable);
+    EXPECT_EQ(message, open +
+                           ": not used: writable by others (mode 1777) (name a socket or "
+                           "directory to use it anyway)");
+    chmod(open.c_str(), 0770);
+    EXPECT_EQ(refused(open), VelikTop::exitUnreachable);
+
+    fs::create_directory_symlink(own, dir + "/link");
+    EXPECT_EQ(refused(dir + "/link"), VelikTop::exitUnreachable);
+    EXPECT_NE(message.find("not a directory"), std::string::npos) << message;
+
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(own.c_str(), 65534, 65534), 0);
+        EXPECT_EQ(refused(own), VelikTop::exitUnreachable);
+        EXPECT_NE(message.find("owned by uid 65534, not by you (uid 0)"), std::string::npos)
+            << message;
+    }
 }
 
 TEST_F(StatsClientTest, DirectoriesStandForTheirSockets) {

@@ -115,7 +115,25 @@ TEST(TableText, CompactFigures) {
     EXPECT_EQ(VelikTop::formatSeconds(12e-6), "12.0us");
     EXPECT_EQ(VelikTop::formatSeconds(4.56e-3), "4.56ms");
     EXPECT_EQ(VelikTop::formatSeconds(1.2), "1.20s");
-    EXPECT_EQ(VelikTop::printable("a\x1b[2Jb\n"), "a?[2Jb?");
+}
+
+TEST(TableText, PrintableShowsEveryControlEscapedAndKeepsTheRest) {
+    EXPECT_EQ(VelikTop::printable("a\x1b[2Jb\n"), R"(a\x1b[2Jb\x0a)");
+    EXPECT_EQ(VelikTop::printable(std::string("\0\a\r\x7f", 4)), R"(\x00\x07\x0d\x7f)");
+    // C1 controls: U+009B as UTF-8 and a raw 0x9b (not UTF-8) alike.
+    EXPECT_EQ(VelikTop::printable("x\xc2\x9b"
+                                  "1m\x9b"
+                                  "2J"),
+              R"(x\xc2\x9b1m\x9b2J)");
+    EXPECT_EQ(VelikTop::printable("\xc2\x80\xc2\x9f\xc2\xa0"), R"(\xc2\x80\xc2\x9f)"
+                                                               "\xc2\xa0");
+    // Broken UTF-8: a cut sequence, an overlong form, a surrogate.
+    EXPECT_EQ(VelikTop::printable("\xe2\x82 \xc0\xaf \xed\xa0\x80"),
+              R"(\xe2\x82 \xc0\xaf \xed\xa0\x80)");
+    for (const char* kept :
+         {"plain:name-1", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "back\\slash"}) {
+        EXPECT_EQ(VelikTop::printable(kept), kept);
+    }
 }
 
 }  // namespace

@@ -72,6 +72,20 @@ expect_in "$prom" '^velik_task_runs_total\{thread="main",scheduler="connections"
     "--prometheus task sample"
 expect_in "$prom" '^velik_scheduler_max_slip_seconds\{thread="background",' "--prometheus slip"
 
+# Without an argument the default directory is read only when it is the
+# user's alone: another user could have made it first under /tmp.
+default=$work/xdg/velik_demo-$(id -u)
+mkdir -p "$default"
+ln -s "$stats/main.sock" "$default/main.sock"
+chmod 0777 "$default"
+set +e
+msg=$(XDG_RUNTIME_DIR=$work/xdg "$top" --json 2>&1); rc=$?
+set -e
+[[ $rc -eq 3 ]] || fail "a default directory writable by others exits $rc"
+expect_in "$msg" 'not used: writable by others \(mode 0777\)' "default directory message"
+chmod 0700 "$default"
+XDG_RUNTIME_DIR=$work/xdg "$top" --json >/dev/null || fail "the user's own default directory refused"
+
 # Errors: each its own exit status and a clear message.
 set +e
 msg=$("$top" --once "$work/none.sock" 2>&1); rc=$?

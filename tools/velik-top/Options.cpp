@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -88,6 +89,29 @@ std::string demoStatsDirectory() {
     return base + "/velik_demo-" + std::to_string(::getuid());
 }
 
+void checkOwnDirectory(const std::string& directory) {
+    struct stat st;
+    if (::lstat(directory.c_str(), &st) != 0) {
+        return;
+    }
+    const auto refuse = [&](const std::string& why) {
+        throw TopError(exitUnreachable, directory + ": not used: " + why +
+                                            " (name a socket or directory to use it anyway)");
+    };
+    if (!S_ISDIR(st.st_mode)) {
+        refuse("not a directory");
+    }
+    if (st.st_uid != ::geteuid()) {
+        refuse("owned by uid " + std::to_string(st.st_uid) + ", not by you (uid " +
+               std::to_string(::geteuid()) + ")");
+    }
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+        refuse(std::string("writable by others (mode ") + mode + ")");
+    }
+}
+
 std::vector<Endpoint> resolveEndpoints(const std::vector<std::string>& targets) {
     std::vector<Endpoint> out;
     for (const std::string& target : targets) {
@@ -146,7 +170,9 @@ std::string usageText() {
 
 Shows the tasks of a running daemon, live, from its stats sockets. A
 directory stands for every *.sock in it, one thread each. Without an
-argument: the demo daemon's ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-<uid>/.
+argument: the demo daemon's ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-<uid>/,
+if it is yours and writable by you alone. Only sockets served by you or
+root are read, and a reply of more than 64 MiB is refused.
 
 options:
   -i, --interval SECONDS  time between snapshots (default 1; 0.1 to 3600)

@@ -40,6 +40,13 @@ std::vector<Endpoint> resolveEndpoints(const std::vector<std::string>& targets);
 // ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-<uid>
 std::string demoStatsDirectory();
 
+// Refuses the default directory unless it is this user's own: a directory
+// (not a symlink) owned by the effective uid and writable by nobody else.
+// Under /tmp another user could make it first and put sockets of theirs in
+// it. A missing directory passes (`resolveEndpoints` says it is missing).
+// Throws `TopError` (`exitUnreachable`) naming the reason.
+void checkOwnDirectory(const std::string& directory);
+
 // The text of `velik-top --help`.
 std::string usageText();
 

@@ -1,7 +1,10 @@
 #include "Prometheus.h"
 
+#include "TableText.h"
+
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 
@@ -114,22 +117,22 @@ void schedulerMetrics(std::string& out, const std::vector<ThreadSnapshot>& threa
 std::string escapeLabelValue(std::string_view value) {
     std::string out;
     out.reserve(value.size());
-    for (const char c : value) {
-        switch (c) {
-            case '\\':
-                out += "\\\\";
-                break;
-            case '"':
-                out += "\\\"";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            default:
-                out += c;
+    for (std::size_t start = 0;;) {
+        const std::size_t newline = std::min(value.find('\n', start), value.size());
+        // Other controls and broken UTF-8 as the viewer shows them, "\x1b";
+        // that text's backslash is escaped like any other.
+        for (const char c : printable(value.substr(start, newline - start))) {
+            if (c == '\\' || c == '"') {
+                out += '\\';
+            }
+            out += c;
         }
+        if (newline == value.size()) {
+            return out;
+        }
+        out += "\\n";
+        start = newline + 1;
     }
-    return out;
 }
 
 std::string prometheusText(const std::vector<ThreadSnapshot>& threads) {

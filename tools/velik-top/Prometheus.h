@@ -22,7 +22,10 @@ namespace VelikTop {
 std::string prometheusText(const std::vector<ThreadSnapshot>& threads);
 
 // A label value as the format wants it: backslash, double quote and line
-// feed escaped as \\, \" and \n.
+// feed escaped as \\, \" and \n. Other control characters and bytes that
+// are not UTF-8 become the viewer's printable "\x1b" text first (its
+// backslash then escaped, "\\x1b"), so the exposition is valid UTF-8 and
+// nothing in it can drive a terminal.
 std::string escapeLabelValue(std::string_view value);
 
 }  // namespace VelikTop

@@ -102,12 +102,23 @@ void sendAll(const Socket& socket, const std::string& path, std::string_view dat
     }
 }
 
-std::string readToEnd(const Socket& socket, const std::string& path, Clock::time_point deadline) {
+// "256 MiB", or bytes for a limit below one MiB.
+std::string sizeText(std::size_t bytes) {
+    return bytes >= (1u << 20) && bytes % (1u << 20) == 0 ? std::to_string(bytes >> 20) + " MiB"
+                                                          : std::to_string(bytes) + " bytes";
+}
+
+std::string readToEnd(const Socket& socket, const std::string& path, Clock::time_point deadline,
+                      std::size_t limit) {
     std::string reply;
     char buffer[65536];
     for (;;) {
         const ssize_t n = ::read(socket.fd(), buffer, sizeof buffer);
         if (n > 0) {
+            if (static_cast<std::size_t>(n) > limit - reply.size()) {
+                throw TopError(exitMalformed, path + ": reply larger than " + sizeText(limit) +
+                                                  "; stopped reading");
+            }
             reply.append(buffer, static_cast<std::size_t>(n));
         } else if (n == 0) {
             return reply;
@@ -123,7 +134,27 @@ std::string readToEnd(const Socket& socket, const std::string& path, Clock::time
     }
 }
 
+// Refuses a server that is neither this user nor root: whoever made the
+// socket could feed the terminal anything.
+void checkServer(const Socket& socket, const std::string& path) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(socket.fd(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 ||
+        size != sizeof credentials) {
+        unreachable(path, std::string("reading the server's credentials: ") + std::strerror(errno));
+    }
+    if (!trustedServer(credentials.uid, ::geteuid())) {
+        throw TopError(exitRefused, path + ": served by uid " + std::to_string(credentials.uid) +
+                                        ", neither you (uid " + std::to_string(::geteuid()) +
+                                        ") nor root; not read");
+    }
+}
+
 }  // namespace
+
+bool trustedServer(uid_t server, uid_t self) {
+    return server == self || server == 0;
+}
 
 std::string errorReason(std::string_view reply) {
     constexpr std::string_view prefix = "error: ";
@@ -136,7 +167,8 @@ std::string errorReason(std::string_view reply) {
     return reason.empty() ? "unspecified error" : reason;
 }
 
-std::string fetch(const std::string& path, std::string_view verb, double timeoutSeconds) {
+std::string fetch(const std::string& path, std::string_view verb, double timeoutSeconds,
+                  std::size_t replyLimit) {
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                              std::chrono::duration<double>(timeoutSeconds));
     Socket socket;
@@ -144,8 +176,9 @@ std::string fetch(const std::string& path, std::string_view verb, double timeout
         unreachable(path, std::strerror(errno));
     }
     connectTo(socket, path, deadline);
+    checkServer(socket, path);
     sendAll(socket, path, std::string(verb) + "\n", deadline);
-    std::string reply = readToEnd(socket, path, deadline);
+    std::string reply = readToEnd(socket, path, deadline, replyLimit);
     if (const std::string reason = errorReason(reply); !reason.empty()) {
         throw TopError(exitRefused, path + ": the daemon refused: " + reason);
     }

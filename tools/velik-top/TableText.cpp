@@ -1,5 +1,7 @@
 #include "TableText.h"
 
+#include "scheduler/StatsPrintable.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -34,14 +36,7 @@ std::string taskColumn(const TableLine& line) {
 }  // namespace
 
 std::string printable(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        const auto u = static_cast<unsigned char>(c);
-        if (u < 0x20 || u == 0x7f) {
-            c = '?';
-        }
-    }
-    return out;
+    return Velik::Impl::printableText(text);
 }
 
 std::string formatCount(double value) {

@@ -40,8 +40,9 @@ std::vector<std::string> formatSummary(const std::vector<ThreadView>& threads,
                                        const ViewOptions& options, std::size_t shown,
                                        double intervalSeconds);
 
-// `text` with control characters shown as "?": names come from the daemon
-// and must not drive the terminal.
+// `text` with control characters (C0, DEL, C1) and bytes that are not UTF-8
+// shown as "\x1b": names come from the daemon and must not drive the
+// terminal. The stats endpoint's text replies show them the same way.
 std::string printable(std::string_view text);
 
 // "987", "12.3k", "4.56M": a count or rate in at most six characters.

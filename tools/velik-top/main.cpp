@@ -1,5 +1,6 @@
 // velik-top: a live view of a running daemon's tasks, from its stats sockets.
 #include "HistoryText.h"
+#include "JsonText.h"
 #include "Options.h"
 #include "Prometheus.h"
 #include "Sampler.h"
@@ -31,24 +32,17 @@ std::string jsonString(const std::string& s) {
     return buffer.GetString();
 }
 
-std::string withoutTrailingNewline(std::string s) {
-    while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) {
-        s.pop_back();
-    }
-    return s;
-}
-
 // One socket: its snapshot as sent. Several: {"<thread>": <snapshot>, ...}.
 int printJson(const std::vector<Endpoint>& endpoints) {
     std::string out;
     for (const Endpoint& e : endpoints) {
-        std::string json = fetch(e.path, "snapshot", fetchTimeoutSeconds);
-        parseSnapshot(e.thread, json);  // refuse what is not a snapshot
-        json = withoutTrailingNewline(std::move(json));
+        const std::string reply = fetch(e.path, "snapshot", fetchTimeoutSeconds);
+        parseSnapshot(e.thread, reply);  // refuse what is not a snapshot
+        const std::string json = terminalSafeJson(e.thread, reply);
         if (endpoints.size() == 1) {
             out = json;
         } else {
-            out += (out.empty() ? "{" : ",") + jsonString(e.thread) + ":" + json;
+            out += (out.empty() ? "{" : ",") + jsonString(printable(e.thread)) + ":" + json;
         }
     }
     std::cout << out << (endpoints.size() == 1 ? "\n" : "}\n");
@@ -109,8 +103,11 @@ int run(int argc, char** argv) {
         std::cout << usageText();
         return exitOk;
     }
-    const std::vector<std::string> targets =
-        options.targets.empty() ? std::vector<std::string>{demoStatsDirectory()} : options.targets;
+    std::vector<std::string> targets = options.targets;
+    if (targets.empty()) {
+        targets.push_back(demoStatsDirectory());
+        checkOwnDirectory(targets.back());
+    }
     const std::vector<Endpoint> endpoints = resolveEndpoints(targets);
     switch (options.mode) {
         case Mode::json:
