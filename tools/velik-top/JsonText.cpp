@@ -12,8 +12,8 @@ namespace VelikTop {
 namespace {
 
 // The writer leaves DEL and the C1 controls raw: valid JSON, but a terminal
-// acts on them. Escaped in the writer's own form (upper-case hex). Outside strings the text is plain ASCII, so every such byte
-// is inside a string and may be written as an escape.
+// acts on them. Escaped in the writer's own form (upper-case hex). Outside strings the text is
+// plain ASCII, so every such byte is inside a string and may be written as an escape.
 std::string escapeRawControls(std::string_view json) {
     std::string out;
     out.reserve(json.size());
