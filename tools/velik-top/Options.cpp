@@ -178,8 +178,9 @@ options:
   -i, --interval SECONDS  time between snapshots (default 1; 0.1 to 3600)
       --once              print the table once and exit; it takes two
                           snapshots an interval apart, so rates are real
-      --json              print the raw JSON snapshot and exit; with several
-                          sockets, one object keyed by thread name
+      --json              print the JSON snapshot, checked and written out
+                          again, and exit; with several sockets, one object
+                          keyed by thread name
       --prometheus        print the figures in the Prometheus text format
   -h, --help              this text
 
@@ -192,7 +193,9 @@ keys (live view):
   + -       longer or shorter interval;  q  quit
 
 exit status: 0 fine, 2 bad arguments, 3 socket missing, refused or silent,
-4 the daemon answered "error: ...", 5 the reply is not a JSON snapshot.
+or the default directory not yours alone, 4 the daemon answered "error: ..."
+or is served by another user, 5 the reply is not a JSON snapshot or is
+larger than 64 MiB.
 )";
 }
 
