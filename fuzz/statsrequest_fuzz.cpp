@@ -4,8 +4,8 @@
 #include <string>
 
 #include "FuzzCheck.h"
-#include "scheduler/StatsPrintable.h"
-#include "scheduler/StatsRequest.h"
+#include "report/StatsPrintable.h"
+#include "endpoint/StatsRequest.h"
 
 using VelikFuzz::check;
 

@@ -15,7 +15,7 @@
 #include "TableText.h"
 #include "TaskTable.h"
 #include "TopError.h"
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 using VelikFuzz::check;
 

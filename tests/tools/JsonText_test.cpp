@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include "Prometheus.h"
 
 #include "FakeSnapshot.h"
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

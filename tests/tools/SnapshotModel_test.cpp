@@ -3,7 +3,7 @@
 #include "SnapshotModel.h"
 #include "TopError.h"
 
-#include "scheduler/ReportFixture.h"
+#include "report/ReportFixture.h"
 
 #include <algorithm>
 

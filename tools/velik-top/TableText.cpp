@@ -1,6 +1,6 @@
 #include "TableText.h"
 
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 #include <fmt/format.h>
 

@@ -1,12 +1,12 @@
 // The endpoint's replies in slices: the JSON snapshot, the text report and
 // the history lines.
-#include "scheduler/StatsReplySource.h"
+#include "endpoint/StatsReplySource.h"
 
 #include "Velik/TaskSchedulerPrintContext.h"
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/TaskSchedulerSnapshot.h"
 #include "Velik/TaskSchedulerTextReport.h"
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 #include <fmt/format.h>
 

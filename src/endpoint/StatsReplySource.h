@@ -1,7 +1,7 @@
 // The three replies of a stats endpoint, each rendered a slice at a time.
 #pragma once
 
-#include "scheduler/StatsRequest.h"
+#include "endpoint/StatsRequest.h"
 
 #include <cstddef>
 #include <memory>

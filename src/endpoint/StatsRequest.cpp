@@ -1,5 +1,5 @@
 // Stats endpoint requests and replies.
-#include "scheduler/StatsRequest.h"
+#include "endpoint/StatsRequest.h"
 
 #include <fmt/format.h>
 

@@ -2,7 +2,7 @@
 
 #include "Velik/Assert.h"
 #include "Velik/Errno.h"
-#include "scheduler/WriteNoSigpipe.h"
+#include "report/WriteNoSigpipe.h"
 
 #include <fcntl.h>
 

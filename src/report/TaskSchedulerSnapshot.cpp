@@ -9,7 +9,7 @@
 #include "Velik/TaskScheduler.h"
 #include "Velik/TaskSchedulerPrintContext.h"
 #include "Velik/TaskSchedulerRoot.h"
-#include "scheduler/JsonWriter.h"
+#include "report/JsonWriter.h"
 
 #include <algorithm>
 #include <limits>

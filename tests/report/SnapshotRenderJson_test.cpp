@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <signal.h>
 
-#include "scheduler/ReportFixture.h"
+#include "report/ReportFixture.h"
 
 #include <sstream>
 

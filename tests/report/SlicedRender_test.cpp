@@ -4,7 +4,7 @@
 #include <Velik/TaskSchedulerSnapshot.h>
 #include <Velik/TaskSchedulerTextReport.h>
 
-#include "scheduler/ReportFixture.h"
+#include "report/ReportFixture.h"
 
 #include <sstream>
 

@@ -6,8 +6,8 @@
 #include "Velik/Fmtrace.h"
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/TimerTask.h"
-#include "scheduler/StatsConnection.h"
-#include "scheduler/StatsSocket.h"
+#include "endpoint/StatsConnection.h"
+#include "endpoint/StatsSocket.h"
 
 #include <sys/socket.h>
 #include <unistd.h>

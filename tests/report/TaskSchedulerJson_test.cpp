@@ -4,7 +4,7 @@
 #include <Velik/TaskSchedulerPrintContext.h>
 #include <Velik/TaskSchedulerSnapshot.h>
 
-#include "scheduler/ReportFixture.h"
+#include "report/ReportFixture.h"
 
 #include <rapidjson/document.h>
 

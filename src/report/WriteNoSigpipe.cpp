@@ -1,4 +1,4 @@
-#include "scheduler/WriteNoSigpipe.h"
+#include "report/WriteNoSigpipe.h"
 
 #include <pthread.h>
 #include <signal.h>

@@ -5,7 +5,7 @@
 #include "Velik/Errno.h"
 #include "Velik/Fmtrace.h"
 #include "Velik/TaskScheduler.h"
-#include "scheduler/WriteNoSigpipe.h"
+#include "report/WriteNoSigpipe.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>

@@ -1,5 +1,5 @@
 // Control characters and broken UTF-8 shown as "\xNN".
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 namespace Velik::Impl {
 

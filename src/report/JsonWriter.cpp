@@ -1,6 +1,6 @@
-#include "scheduler/JsonWriter.h"
+#include "report/JsonWriter.h"
 
-#include "scheduler/StatsPrintable.h"
+#include "report/StatsPrintable.h"
 
 #include <string>
 

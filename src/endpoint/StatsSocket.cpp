@@ -1,6 +1,6 @@
 // The stats endpoint's socket: owner-only creation, stale files, peer
 // credentials, closing without resetting the peer.
-#include "scheduler/StatsSocket.h"
+#include "endpoint/StatsSocket.h"
 
 #include "Velik/Errno.h"
 #include "Velik/Exception.h"

@@ -1,10 +1,10 @@
 // One stats endpoint client: the request line, the deadline, the reply.
-#include "scheduler/StatsConnection.h"
+#include "endpoint/StatsConnection.h"
 
 #include "Velik/Fmtrace.h"
 #include "Velik/StatsEndpoint.h"
 #include "Velik/TaskSchedulerRoot.h"
-#include "scheduler/StatsRequest.h"
+#include "endpoint/StatsRequest.h"
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,7 +1,7 @@
 // The text report of one realistic scheduler, as a whole.
 #include <Velik/TaskSchedulerTextReport.h>
 
-#include "scheduler/ReportFixture.h"
+#include "report/ReportFixture.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <Velik/SnapshotRenderJson.h>
 #include <Velik/TimerTask.h>
 
-#include "scheduler/StatsReplySource.h"
+#include "endpoint/StatsReplySource.h"
 
 #include <memory>
 #include <string>

@@ -1,7 +1,7 @@
 #include "Velik/TaskSchedulerPrintContext.h"
 
 #include "Velik/Assert.h"
-#include "scheduler/JsonWriter.h"
+#include "report/JsonWriter.h"
 
 #include <utility>
 
