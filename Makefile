@@ -10,7 +10,7 @@ PREFIX    ?= /usr/local
 JOBS      ?= $(shell nproc)
 CMAKE_GEN  = -G Ninja
 
-.PHONY: all deps deps-fuzz configure build demo test test-sanitize test-tsan fuzz soak bench install clean
+.PHONY: all deps deps-fuzz configure build demo test check test-sanitize test-tsan fuzz soak bench install clean
 
 all: build
 
@@ -35,6 +35,12 @@ demo: configure
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# What CI checks besides the suite: every source clang-formatted, and every
+# include pointing down a layer (scripts/check-layers).
+check: deps
+	git ls-files -- '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run -Werror
+	scripts/check-layers
 
 $(SANBUILD)/build.ninja:
 	cmake -S . -B $(SANBUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DVELIK_SANITIZE=ON \

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "FuzzCheck.h"
-#include "report/StatsPrintable.h"
 #include "endpoint/StatsRequest.h"
+#include "report/StatsPrintable.h"
 
 using VelikFuzz::check;
 
