@@ -1,13 +1,12 @@
 // The timer wheel: many one-shot timers on one platform timer.
 //
 // A `TimerWheel` keeps its timers in a hierarchical timing wheel (Velik/
-// Timeouts.h) at 100 ticks per second and holds a single platform timer, the
-// *master timer*, armed for the earliest of them. When the master timer
-// fires, the wheel hands back every timer of the ticks that have passed.
-// A tick is coarse (10 ms), so a timer can come out of the wheel up to two
-// ticks before its exact expiry time; such timers are *parked*, sorted by
-// their exact expiry time (timers of equal time in the order they were
-// parked), until that time has really come. No timer is delivered early.
+// Timeouts.h, which this header does not include) at 100 ticks per second and holds a single
+// platform timer, the *master timer*, armed for the earliest of them. When the master timer fires,
+// the wheel hands back every timer of the ticks that have passed. A tick is coarse (10 ms), so a
+// timer can come out of the wheel up to two ticks before its exact expiry time; such timers are
+// *parked*, sorted by their exact expiry time (timers of equal time in the order they were parked),
+// until that time has really come. No timer is delivered early.
 //
 // A timer is a `TimerWheelEvent` (derive and implement `timeout()`), or a
 // `TimerWheelTimerControl` when a plain `Platform::TimerControl` will do:
@@ -24,7 +23,6 @@
 
 #include <Velik/EventPriority.h>
 #include <Velik/Platform.h>
-#include <Velik/Timeouts.h>
 
 #include <fmt/format.h>
 #include <boost/intrusive/list.hpp>
@@ -35,6 +33,12 @@
 #include <limits>
 #include <map>
 #include <memory>
+
+// The timing-wheel library's timer record and wheel, by name only: a timer
+// embeds its record as opaque storage, so that users of the wheel do not see
+// the library's declarations and macros.
+struct timeout;
+struct timeouts;
 
 namespace Velik {
 
@@ -103,7 +107,7 @@ class TimerWheelEvent {
     // The exact absolute expiry time; +infinity when not running.
     double expirationTime() const { return expirationTime_; }
     // The flag word of the library record (state bits and `TIMEOUT_ABS`).
-    int linkFlags() const { return link_.flags; }
+    int linkFlags() const;
 
     // The event that embeds the library record `link`.
     static TimerWheelEvent* timeoutLink2TimerWheelEvent(::timeout* link);
@@ -112,7 +116,16 @@ class TimerWheelEvent {
     friend class TimerWheel;
     friend class TimersAtTimeout;
 
-    ::timeout link_;
+    // Room for the library record (five words on LP64); TimerWheel.cpp
+    // checks that the record fits and constructs it here.
+    static constexpr size_t linkSize = (3 * sizeof(void*) + 16 + 7) & ~size_t{7};
+    static constexpr size_t linkAlign = alignof(uint64_t) > alignof(void*) ? alignof(uint64_t)
+                                                                           : alignof(void*);
+
+    ::timeout* link();
+    const ::timeout* link() const;
+
+    alignas(linkAlign) std::byte link_[linkSize];
     double expirationTime_ = std::numeric_limits<double>::infinity();
     boost::intrusive::list_member_hook<> parkHook_;
     TimersAtTimeout* timersAtTimeout_ = nullptr;  // the list it is parked in
@@ -155,7 +168,7 @@ class TimersAtTimeout {
 class TimerWheel : public Platform::TimeoutHandler {
   public:
     static constexpr const char* traceClassName = "TimerWheel";
-    static constexpr timeout_t ticksPerSecond = 100;
+    static constexpr uint64_t ticksPerSecond = 100;
 
     using MasterTimerFactory =
         std::function<std::shared_ptr<Platform::TimerControl>(Platform::TimeoutHandler*)>;
@@ -269,10 +282,10 @@ std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler(Platform::EventPriorit
 namespace Impl {
 
 // The wheel's current tick for time `now`: rounded up.
-timeout_t timerWheelCurrentTick(double now);
+uint64_t timerWheelCurrentTick(double now);
 // The tick a timer of exact expiry time `expiry` is filed under: rounded
 // down, so that the wheel never releases it late.
-timeout_t timerWheelExpiryTick(double expiry);
+uint64_t timerWheelExpiryTick(double expiry);
 
 }  // namespace Impl
 

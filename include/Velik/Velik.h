@@ -1,4 +1,26 @@
-// The whole public surface of libKivVelik in one include.
+// What an application uses of libKivVelik, in one include: tasks of every
+// kind, groups, schedulers and the root, the platform's controls, factories
+// and event loop, time, statistics, reports, the stats endpoint, and the
+// foundation, diagnostics and utilities beneath them.
+//
+// The backends and the data structures underneath are installed too, and
+// each of their headers stands on its own, but they are not included here:
+// include them by name where they are needed.
+//
+//   Velik/LibeventFactory.h     the libevent platform and its loop
+//   Velik/LibeventAdditions.h   the two calls libevent lacks
+//   Velik/KivPlatform.h         the framework-backed platform
+//   Velik/KivDebug.h            the framework-backed trace handler
+//   Velik/KivActivityLock.h     the framework-backed platform lock
+//   Velik/Timeouts.h            the timing-wheel library under TimerWheel
+//   Velik/TaskRunQueue.h        a scheduler's per-priority run queue
+//   Velik/IntrusiveLinkedListBase.h, Velik/IntrusiveBookmarkLinkedList.h
+//                               the intrusive lists tasks are linked on
+//   Velik/TaskSchedulerPrintContext.h  the report renderers' print context
+//
+// So a file that includes only this header sees no libevent header, none of
+// the timing-wheel library's macros, and of Boost only the intrusive hooks
+// and lists and the circular buffer that public classes hold by value.
 #pragma once
 
 #include <Velik/Assert.h>
@@ -19,13 +41,6 @@
 #include <Velik/Fmtrace.h>
 #include <Velik/ForkHandler.h>
 #include <Velik/HashMix.h>
-#include <Velik/IntrusiveBookmarkLinkedList.h>
-#include <Velik/IntrusiveLinkedListBase.h>
-#include <Velik/KivActivityLock.h>
-#include <Velik/KivDebug.h>
-#include <Velik/KivPlatform.h>
-#include <Velik/LibeventAdditions.h>
-#include <Velik/LibeventFactory.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Mappings.h>
@@ -40,11 +55,9 @@
 #include <Velik/TaskGroup.h>
 #include <Velik/TaskMaybeU32.h>
 #include <Velik/TaskPriority.h>
-#include <Velik/TaskRunQueue.h>
 #include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerEventType.h>
 #include <Velik/TaskSchedulerHistory.h>
-#include <Velik/TaskSchedulerPrintContext.h>
 #include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/TaskSchedulerSnapshot.h>
@@ -54,7 +67,6 @@
 #include <Velik/TaskTime.h>
 #include <Velik/Thread.h>
 #include <Velik/Time.h>
-#include <Velik/Timeouts.h>
 #include <Velik/TimerTask.h>
 #include <Velik/TimerWheel.h>
 #include <Velik/TypeName.h>

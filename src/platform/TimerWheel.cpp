@@ -5,12 +5,18 @@
 #include "Velik/PlatformSelection.h"
 #include "Velik/Thread.h"
 #include "Velik/Time.h"
+#include "Velik/Timeouts.h"
 
 #include <boost/intrusive/parent_from_member.hpp>
 
 #include <cmath>
+#include <new>
+#include <type_traits>
 
 namespace Velik {
+
+// The header counts ticks as plain 64-bit numbers.
+static_assert(std::is_same_v<timeout_t, uint64_t>);
 
 namespace {
 
@@ -62,7 +68,23 @@ timeout_t timerWheelExpiryTick(double expiry) {
 // ---------------------------------------------------------------- event
 
 TimerWheelEvent::TimerWheelEvent() {
-    timeout_init(&link_, TIMEOUT_ABS | notLinkedFlag);
+    // The header keeps the library's record as opaque storage.
+    static_assert(sizeof(::timeout) <= linkSize && alignof(::timeout) <= linkAlign);
+    timeout_init(new (link_)::timeout, TIMEOUT_ABS | notLinkedFlag);
+}
+
+// The record the constructor made in the storage. No std::launder: GCC needs
+// none here, and on the restart path it would cost a register.
+::timeout* TimerWheelEvent::link() {
+    return reinterpret_cast<::timeout*>(link_);
+}
+
+const ::timeout* TimerWheelEvent::link() const {
+    return reinterpret_cast<const ::timeout*>(link_);
+}
+
+int TimerWheelEvent::linkFlags() const {
+    return link()->flags;
 }
 
 TimerWheelEvent::~TimerWheelEvent() {
@@ -72,7 +94,7 @@ TimerWheelEvent::~TimerWheelEvent() {
 }
 
 TimerWheelState TimerWheelEvent::state() const {
-    int bits = link_.flags & stateFlags;
+    int bits = link()->flags & stateFlags;
     switch (bits) {
         case notLinkedFlag:
             return TimerWheelState::notLinked;
@@ -95,7 +117,7 @@ void TimerWheelEvent::stateIs(TimerWheelState state) {
                        TimerWheelState::notLinked);
     VELIK_CLASS_ASSERT(static_cast<unsigned>(state) < 3, "invalid state {}",
                        static_cast<unsigned>(state));
-    link_.flags = (link_.flags & ~stateFlags) | stateFlag(state);
+    link()->flags = (link()->flags & ~stateFlags) | stateFlag(state);
 }
 
 void TimerWheelEvent::setTimeout(const std::shared_ptr<TimerWheel>& wheel, double seconds) {
@@ -119,7 +141,8 @@ double TimerWheelEvent::remainingTimeout() const {
 }
 
 TimerWheelEvent* TimerWheelEvent::timeoutLink2TimerWheelEvent(::timeout* link) {
-    return boost::intrusive::get_parent_from_member(link, &TimerWheelEvent::link_);
+    auto* storage = reinterpret_cast<std::byte(*)[linkSize]>(link);
+    return boost::intrusive::get_parent_from_member(storage, &TimerWheelEvent::link_);
 }
 
 // ---------------------------------------------------------------- parking list
@@ -199,7 +222,7 @@ double TimerWheel::setCurrentTime() {
 void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
     // Among many timers the event is rarely in cache: its miss overlaps the
     // clock read.
-    __builtin_prefetch(&ev->link_, 1);
+    __builtin_prefetch(ev->link_, 1);
     timerStartAt(ev, Velik::time() + seconds);
 }
 
@@ -211,13 +234,13 @@ void TimerWheel::timerStartAt(TimerWheelEvent* ev, double expiry) {
         return;
     }
     const timeout_t tick = Impl::timerWheelExpiryTick(expiry);
-    const int flags = ev->link_.flags & TimerWheelEvent::stateFlags;
+    const int flags = ev->link()->flags & TimerWheelEvent::stateFlags;
     if (flags == TimerWheelEvent::inTimerWheelFlag) {
         // A later expiry leaves the record where it is filed: the wheel hands
         // it back no later than due, and `drainWheel` files it again for the
         // real expiry. Most restarts (an idle time-out pushed back) are then
         // one write; the master timer is armed no later than the filed tick.
-        if (timeout_expires(&ev->link_) <= tick) {
+        if (timeout_expires(ev->link()) <= tick) {
             ev->expirationTime_ = expiry;
             VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout, expire at {}, filed",
                         fmt::ptr(ev), expiry);
@@ -232,7 +255,7 @@ void TimerWheel::timerStartAt(TimerWheelEvent* ev, double expiry) {
         ev->stateIs(TimerWheelState::inTimerWheel);
     }
     ev->expirationTime_ = expiry;
-    timeouts_add(timeouts_, &ev->link_, tick);
+    timeouts_add(timeouts_, ev->link(), tick);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout, expire at {} tick {}", fmt::ptr(ev),
                 expiry, tick);
     if (masterTimerExpiry_ > expiry) {
@@ -248,7 +271,7 @@ void TimerWheel::timerStop(TimerWheelEvent* ev) {
                                ev->expirationTime_);
             break;
         case TimerWheelState::inTimerWheel:
-            timeouts_del(timeouts_, &ev->link_);
+            timeouts_del(timeouts_, ev->link());
             ev->stateIs(TimerWheelState::notLinked);
             VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} del timeout", fmt::ptr(ev));
             break;

@@ -9,6 +9,7 @@
 #include <Velik/LibeventFactory.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/Time.h>
+#include <Velik/Timeouts.h>
 #include <Velik/TimerWheel.h>
 
 #include <gmock/gmock.h>
