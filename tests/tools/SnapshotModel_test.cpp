@@ -3,6 +3,8 @@
 #include "SnapshotModel.h"
 #include "TopError.h"
 
+#include <Velik/TaskStat.h>
+
 #include "scheduler/ReportFixture.h"
 
 #include <algorithm>
