@@ -6,6 +6,7 @@
 #include <Velik/StatsEndpoint.h>
 #include <Velik/Task.h>
 #include <Velik/TaskSchedulerRoot.h>
+#include <Velik/TaskStat.h>
 #include <Velik/TimerTask.h>
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -66,6 +66,15 @@ class TaskKey {
     std::uintptr_t value_ = 0;
 };
 
+// What one run of a task leaves for its scheduler (see `TaskImpl::taskDoRun`).
+struct TaskRunRecord {
+    // The steady-clock reading taken when the run ended.
+    TaskTimePoint endTime{};
+    // How long the run took, as counted in the task's run times: the steady
+    // clock, or the framework clock for a task yielding on it.
+    TaskTimeDuration elapsed{0};
+};
+
 // How `taskShouldYield()` decides.
 enum class TaskShouldYieldMode : std::uint8_t {
     ticks = 0,          // processor tick counter, then the steady clock
@@ -201,9 +210,16 @@ class TaskImpl : public _TaskBase {
     // The task's work. Called once per run.
     virtual void taskExecute() = 0;
 
-    // Runs the task once: unlinked, timed, counted and recorded. Called by
-    // the scheduler; `endTime` receives the steady-clock time the run ended.
-    void taskDoRun(TaskTimePoint now, TaskTimePoint& endTime);
+    // Runs the task once, which must already be off its run queue (asserts
+    // with the task's name otherwise): `taskExecute()` timed from `now`,
+    // counted and recorded in the history. Called by the scheduler after it
+    // picked the task. An exception from `taskExecute()` passes through and
+    // leaves `taskCurrentlyRunning()` set; no record is returned then.
+    TaskRunRecord taskDoRun(TaskTimePoint now);
+    // Called by the scheduler when its run queue has just unlinked the task
+    // to run it (`TaskRunQueue::unlinkPicked`): the queue stay ends at `now`,
+    // which settles the latency and a schedule stamp still pending.
+    void taskPickedAt(TaskTimePoint now);
 
     // Runs the task once outside the scheduler loop (unqueuing it first);
     // the run's statistics are discarded.
@@ -272,8 +288,6 @@ class TaskImpl : public _TaskBase {
     TaskSchedulerRoot* root() const;
 
   private:
-    friend class TaskScheduler;
-
     static constexpr std::uint8_t suspendedFlag = 0x01;
     static constexpr std::uint8_t includeInCompletedFlag = 0x02;
     // Queued during its own run; stamped with the run's end time.
@@ -297,8 +311,8 @@ class TaskImpl : public _TaskBase {
     bool taskCurrentlyRunning_ = false;
 
   public:
-    // Membership of the scheduler's run queue and registered list; the
-    // scheduler's business.
+    // Membership of a run queue (`TaskRunQueue` links and unlinks it, and
+    // counts as it does) and of the scheduler's registered list.
     ListLinkNode<TaskImpl> taskRunQueueLink_;
 
   private:

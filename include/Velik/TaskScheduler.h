@@ -18,9 +18,6 @@
 #include <Velik/Task.h>
 #include <Velik/TaskPriority.h>
 #include <Velik/TaskRunQueue.h>
-#include <Velik/TaskSchedulerHistory.h>
-#include <Velik/TaskSchedulerQueueStats.h>
-#include <Velik/TaskStat.h>
 #include <Velik/TaskTime.h>
 
 #include <array>
@@ -37,6 +34,13 @@
 namespace Velik {
 
 class TaskSchedulerRoot;
+class TaskSchedulerHistory;
+// The statistics and reports below are declared here and defined with the
+// statistics and the reports; callers include TaskStat.h,
+// TaskSchedulerQueueStats.h, TaskSchedulerSnapshot.h,
+// TaskSchedulerPrintContext.h or SnapshotRenderJson.h for the full types.
+class TaskStat;
+class TaskSchedulerQueueStats;
 class TaskSchedulerPrintContext;
 class TaskSchedulerSnapshot;
 class SnapshotRenderJsonTask;
@@ -132,6 +136,11 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     const TaskList& tasks() const { return tasks_; }
     TaskRunQueue& taskRunQueue(TaskPriority priority);
     const TaskRunQueue& taskRunQueue(TaskPriority priority) const;
+    // The queue `task` waits on, without the range check: a task's priority
+    // was checked when it registered. For the task's own queueing.
+    TaskRunQueue& taskRunQueueOf(const TaskImpl& task) {
+        return taskRunQueues_[indexOf(task.taskPriority())];
+    }
 
     TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
     // The quantum new tasks start with. Asserts with "Quantum: " unless
@@ -167,7 +176,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     std::uint32_t getTaskStats(std::vector<TaskStat>* out, bool includeNoRuns) const;
     // Appends the completed records (unsorted), likewise filtered.
     void getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRuns) const;
-    const CompletedTaskStats& completedTaskStats() const { return completedTaskStats_; }
+    // Empty until a record is kept.
+    const CompletedTaskStats& completedTaskStats() const;
 
     // Adds `stat` into the completed record of `name`, creating it if needed.
     void completedTaskStatsInc(const ConstStringRef& name, TaskStat stat);
@@ -226,7 +236,10 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
         std::function<void()> done = {});
 
   private:
-    friend class TaskImpl;
+    // Made and freed where `TaskStat` is complete; the deleter travels with
+    // the table, so this file needs no more than the declaration.
+    using CompletedTaskStatsOwner =
+        std::unique_ptr<CompletedTaskStats, void (*)(CompletedTaskStats*)>;
 
     static std::size_t indexOf(TaskPriority priority);
     void checkPriority(TaskPriority priority, const char* function) const;
@@ -247,7 +260,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     bool schedulerHasRunnableTasks_ = false;
     std::shared_ptr<_TaskBase> currentlyRunning_;
     std::unordered_set<TaskImpl*> forceYieldTasks_;
-    CompletedTaskStats completedTaskStats_;
+    // Null until the first record is kept.
+    CompletedTaskStatsOwner completedTaskStats_{nullptr, nullptr};
     // Where the sliced reset resumes; linked only between slices.
     TaskList::Node resetStatsBookmark_{TaskList::Node::bookmark};
     // Held while a sliced reset is under way (the task holds this scheduler

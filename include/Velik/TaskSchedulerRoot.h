@@ -16,7 +16,6 @@
 
 #include <Velik/Platform.h>
 #include <Velik/TaskScheduler.h>
-#include <Velik/TimerWheel.h>
 
 #include <sys/types.h>
 
@@ -31,6 +30,8 @@
 #include <string_view>
 
 namespace Velik {
+
+class TimerWheel;
 
 class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler {
   public:

@@ -2,7 +2,9 @@
 
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
+#include "Velik/TaskRunQueue.h"
 #include "Velik/TaskScheduler.h"
+#include "Velik/TaskSchedulerHistory.h"
 #include "Velik/TaskSchedulerRoot.h"
 
 #include "Kiv/System.h"
@@ -168,10 +170,7 @@ bool TaskImpl::reschedulingItself() const {
 }
 
 void TaskImpl::taskRunQueueAppend() {
-    // The priority was checked when the task registered.
-    TaskRunQueue& queue = scheduler_->taskRunQueues_[static_cast<std::size_t>(taskPriority_)];
-    queue.persistent.pushBack(*this);
-    ++queue.queuedCount;
+    scheduler_->taskRunQueueOf(*this).link(*this);
 }
 
 void TaskImpl::scheduleStampSettle(TaskTimePoint now) {
@@ -195,9 +194,13 @@ void TaskImpl::unscheduleTaskPrivate(TaskTimePoint now) {
     scheduleStampSettle(now);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Unscheduled {}", taskDisplayName());
     recordHistory(now, TaskSchedulerEventType::unschedule);
-    TaskRunQueue::TaskList::remove(*this);
+    scheduler_->taskRunQueueOf(*this).unlink(*this);
     schedulingLatencyIs(now);
-    --scheduler_->taskRunQueues_[static_cast<std::size_t>(taskPriority_)].queuedCount;
+}
+
+void TaskImpl::taskPickedAt(TaskTimePoint now) {
+    scheduleStampSettle(now);
+    schedulingLatencyIs(now);
 }
 
 void TaskImpl::schedulingLatencyIs(TaskTimePoint now) {
@@ -346,7 +349,7 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
 // --- Running ---
 
 // Flattened: the per-run accounting and history are inlined into the run.
-[[gnu::flatten]] void TaskImpl::taskDoRun(TaskTimePoint now, TaskTimePoint& endTime) {
+[[gnu::flatten]] TaskRunRecord TaskImpl::taskDoRun(TaskTimePoint now) {
     recordTaskEvent(*this, now, TaskSchedulerEventType::runStart);
     VELIK_CLASS_ASSERT(!taskRunQueueLink_.isLinked(), "{}", taskDisplayName());
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Running {}", taskDisplayName());
@@ -362,7 +365,7 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
     VELIK_CLASS_ASSERT(taskMagicNumber_ == taskMagicNumberConstructed,
                        "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}",
                        taskDisplayName(), taskMagicNumber_, taskMagicNumberConstructed);
-    endTime = taskSteadyNow();
+    const TaskTimePoint endTime = taskSteadyNow();
     TaskTimeDuration elapsed = endTime - taskRunStartTime_;
     if (frameworkClock) {
         double seconds = Kiv::System::currentTime() - scheduler_->frameworkRunStartTime();
@@ -373,6 +376,7 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
     recordRunTime(elapsed);
     recordTaskEvent(*this, endTime, TaskSchedulerEventType::runEnd);
     taskBusyIs(taskRunQueueLink_.isLinked(), endTime);
+    return TaskRunRecord{endTime, elapsed};
 }
 
 void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {
@@ -401,8 +405,7 @@ void TaskImpl::recordRunTime(TaskTimeDuration elapsed) {
 void TaskImpl::taskRunAndRecordFromTest() {
     TaskTimePoint now = taskSteadyNow();
     unscheduleTaskPrivate(now);
-    TaskTimePoint endTime;
-    taskDoRun(now, endTime);
+    taskDoRun(now);
 }
 
 void TaskImpl::taskRunFromTest() {

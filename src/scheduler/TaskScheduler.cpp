@@ -2,6 +2,7 @@
 
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
+#include "Velik/TaskSchedulerHistory.h"
 #include "Velik/TaskSchedulerRoot.h"
 
 #include <utility>
@@ -64,7 +65,7 @@ void TaskScheduler::taskRegister(TaskImpl* task) {
                        task->taskDisplayName());
     tasks_.pushFront(*task);
     tasksPerPriorityInc(task->taskPriority());
-    task->recordHistory(now, TaskSchedulerEventType::create);
+    history_->insertTaskEvent(now, TaskSchedulerEventType::create, task->taskDisplayName());
 }
 
 void TaskScheduler::taskUnregister(TaskImpl* task) {
@@ -86,7 +87,7 @@ void TaskScheduler::taskUnregister(TaskImpl* task) {
     if (!task->includeInCompletedTask()) {
         tasksPerPriorityDec(task->taskPriority());
     }
-    task->recordHistory(now, TaskSchedulerEventType::del);
+    history_->insertTaskEvent(now, TaskSchedulerEventType::del, task->taskDisplayName());
 }
 
 void TaskScheduler::defaultTaskQuantumIs(TaskTimeDuration quantum) {
@@ -155,8 +156,7 @@ std::uint32_t TaskScheduler::runnableTaskCount() const {
 }
 
 std::uint64_t TaskScheduler::runTaskCount(TaskPriority priority) const {
-    const TaskRunQueue& queue = taskRunQueue(priority);
-    return queue.pickedCount - queue.pickedCountBase;
+    return taskRunQueue(priority).runCount();
 }
 
 // --- Running ---
@@ -217,9 +217,9 @@ void TaskScheduler::handleSchedulerRun() {
         std::shared_ptr<_TaskBase>& slot;
         ~ReleaseRunning() { std::shared_ptr<_TaskBase> last = std::exchange(slot, nullptr); }
     } release{currentlyRunning_};
-    TaskTimePoint endTime;
+    TaskRunRecord run;
     try {
-        task->taskDoRun(now, endTime);
+        run = task->taskDoRun(now);
     } catch (...) {
         // The exception goes on to the loop's caller; the next run is still
         // requested, so work queued meanwhile (or later) is not stranded.
@@ -228,7 +228,7 @@ void TaskScheduler::handleSchedulerRun() {
     }
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "{} Scheduler completed task, request run",
                 schedulerName_);
-    lastRunRequestTime_ = endTime;
+    lastRunRequestTime_ = run.endTime;
     requestSchedulerRun();
 }
 
@@ -240,34 +240,26 @@ TaskImpl* TaskScheduler::pickOneTask(TaskTimePoint now, TaskPriority from) {
     std::size_t p = indexOf(from);
     for (; p < taskPriorityCount; ++p) {
         TaskRunQueue& queue = taskRunQueues_[p];
-        task = queue.active->front();
+        task = queue.front();
         if (task) {
             break;
         }
-        if (queue.consecutiveRuns != 0) {  // empty queues stay untouched
-            queue.consecutiveRuns = 0;
+        if (queue.consecutiveRuns() != 0) {  // empty queues stay untouched
+            queue.consecutiveRunsReset();
         }
     }
     if (!task) {
         return nullptr;
     }
     TaskRunQueue& queue = taskRunQueues_[p];
-    if (attemptLowerPriorityBump(priorityAt(p), queue.consecutiveRuns)) {
+    if (attemptLowerPriorityBump(priorityAt(p), queue.consecutiveRuns())) {
         if (TaskImpl* lower = pickOneTask(now, priorityAt(p + 1))) {
-            queue.consecutiveRuns = 0;
+            queue.consecutiveRunsReset();
             return lower;
         }
     }
-    ++queue.consecutiveRuns;
-    ++queue.pickedCount;
-    if (queue.waiting() < 0) [[unlikely]] {
-        Impl::assertFailed(VELIK_SOURCE_NAME, __LINE__, true, "taskSchedulerUnlinkTask",
-                           traceClassName, "Priority: {} queuedCount: {} pickedCount: {}",
-                           priorityAt(p), queue.queuedCount, queue.pickedCount);
-    }
-    TaskRunQueue::TaskList::remove(*task);
-    task->scheduleStampSettle(now);
-    task->schedulingLatencyIs(now);
+    queue.unlinkPicked(*task);
+    task->taskPickedAt(now);
     return task;
 }
 
@@ -276,8 +268,7 @@ bool TaskScheduler::attemptLowerPriorityBump(TaskPriority p, std::uint32_t n) co
         return false;
     }
     auto waiting = [this](std::size_t q) {
-        return static_cast<std::uint32_t>(taskRunQueues_[q].queuedCount -
-                                          taskRunQueues_[q].pickedCount);
+        return static_cast<std::uint32_t>(taskRunQueues_[q].waiting());
     };
     std::uint32_t lower = 0;
     for (std::size_t q = indexOf(p) + 1; q <= indexOf(TaskPriority::low); ++q) {

@@ -3,7 +3,9 @@
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
 #include "Velik/PlatformSelection.h"
+#include "Velik/TaskSchedulerHistory.h"
 #include "Velik/Thread.h"
+#include "Velik/TimerWheel.h"
 
 #include "Kiv/ActivityManager.h"
 #include "Kiv/Clock.h"

@@ -3,6 +3,8 @@
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
 #include "Velik/TaskScheduler.h"
+#include "Velik/TaskSchedulerQueueStats.h"
+#include "Velik/TaskStat.h"
 
 #include <utility>
 
@@ -71,9 +73,15 @@ std::uint32_t TaskScheduler::getTaskStats(std::vector<TaskStat>* out, bool inclu
     return skipped;
 }
 
+const TaskScheduler::CompletedTaskStats& TaskScheduler::completedTaskStats() const {
+    static const CompletedTaskStats none;
+    return completedTaskStats_ ? *completedTaskStats_ : none;
+}
+
 void TaskScheduler::getCompletedTaskStats(std::vector<TaskStat>* out, bool includeNoRuns) const {
-    out->reserve(out->size() + completedTaskStats_.size());
-    for (const auto& [name, stat] : completedTaskStats_) {
+    const CompletedTaskStats& completed = completedTaskStats();
+    out->reserve(out->size() + completed.size());
+    for (const auto& [name, stat] : completed) {
         if (includeNoRuns || stat.taskRunCount() != 0) {
             out->push_back(stat);
         }
@@ -84,7 +92,11 @@ void TaskScheduler::getCompletedTaskStats(std::vector<TaskStat>* out, bool inclu
 // --- Completed tasks ---
 
 void TaskScheduler::completedTaskStatsInc(const ConstStringRef& name, TaskStat stat) {
-    auto [entry, inserted] = completedTaskStats_.try_emplace(name, stat);
+    if (!completedTaskStats_) {
+        completedTaskStats_ = CompletedTaskStatsOwner(
+            new CompletedTaskStats, [](CompletedTaskStats* table) { delete table; });
+    }
+    auto [entry, inserted] = completedTaskStats_->try_emplace(name, stat);
     if (!inserted) {
         entry->second += stat;
     }
@@ -121,10 +133,12 @@ TaskImpl* TaskScheduler::resetStatsTaskForTest() const {
 
 void TaskScheduler::clearStatsCommon() {
     for (TaskRunQueue& queue : taskRunQueues_) {
-        queue.pickedCountBase = queue.pickedCount;
+        queue.runCountRestart();
     }
     maxSchedulerSlip_ = TaskTimeDuration(0);
-    completedTaskStats_.clear();
+    if (completedTaskStats_) {
+        completedTaskStats_->clear();
+    }
     completedTasksPerPriority_.fill(0);
 }
 

@@ -3,6 +3,7 @@
 // life.
 #include <Velik/Exception.h>
 #include <Velik/StatsEndpoint.h>
+#include <Velik/TaskStat.h>
 #include <rapidjson/document.h>
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -6,6 +6,7 @@
 #include <Velik/Platform.h>
 #include <Velik/Task.h>
 #include <Velik/TaskScheduler.h>
+#include <Velik/TaskSchedulerHistory.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/Time.h>
 #include <Velik/TimerTask.h>

@@ -80,19 +80,57 @@ TEST_F(TaskSchedulerTest, QueueMovesFreezeAPassAndResumeWhereItStopped) {
     root->taskRunQueuesMovePersistentToTemporary();
     c->scheduleTask();  // waits for the next pass
     auto& queue = root->taskRunQueue(TaskPriority::normal);
-    EXPECT_EQ(queue.active, &queue.temporary);
+    EXPECT_TRUE(queue.passFrozen());
     runOnce();
     EXPECT_EQ(letters(), "a");
     root->taskRunQueuesMoveTemporaryToPersistent();  // pass cut short after a
-    EXPECT_EQ(queue.active, &queue.persistent);
+    EXPECT_FALSE(queue.passFrozen());
     runUntilIdle();
     EXPECT_EQ(letters(), "abc");
 
     a->scheduleTask();
-    queue.temporary.pushBack(*b);  // corrupt: temporary not empty
-    EXPECT_ASSERT_TEXT(queue.movePersistentToTemporary(),
+    queue.movePersistentToTemporary();
+    EXPECT_ASSERT_TEXT(queue.movePersistentToTemporary(),  // a second freeze
                        "The temporary run queue should always be empty at this point");
-    queue.temporary.remove(*b);
+    queue.moveTemporaryToPersistent();
+    EXPECT_EQ(queue.persistent().front(), a.get());
+}
+
+// The queue's counters follow its lists whichever way a task enters or
+// leaves: queued once however often asked, unscheduled, picked.
+TEST_F(TaskSchedulerTest, RunQueueCountersFollowEveryWayInAndOut) {
+    auto a = task(TaskPriority::normal, "a");
+    auto b = task(TaskPriority::normal, "b");
+    auto& queue = root->taskRunQueue(TaskPriority::normal);
+    a->scheduleTask();
+    a->scheduleTask();
+    b->scheduleTask();
+    EXPECT_EQ(queue.queuedCount(), 2u);
+    b->unscheduleTask();
+    EXPECT_EQ(queue.queuedCount(), 1u);
+    EXPECT_EQ(root->runnableTaskCount(TaskPriority::normal), 1u);
+
+    a->alwaysReschedule = true;  // queued again inside its own run
+    runOnce(3);
+    EXPECT_EQ(queue.queuedCount(), 4u);
+    EXPECT_EQ(queue.pickedCount(), 3u);
+    EXPECT_EQ(queue.consecutiveRuns(), 3u);
+    EXPECT_EQ(root->runnableTaskCount(TaskPriority::normal), 1u);
+
+    root->clearStats();  // runs count again from here; the rest stays
+    EXPECT_EQ(root->runTaskCount(TaskPriority::normal), 0u);
+    EXPECT_EQ(queue.pickedCount(), 3u);
+    a->taskSuspendedIs(true);
+    EXPECT_EQ(queue.waiting(), 0);
+    EXPECT_TRUE(queue.persistent().isEmpty());
+
+    a->taskSuspendedIs(false);
+    queue.pickedCountIsForTest(queue.queuedCount());  // corrupt: the next pick is one too many
+    EXPECT_ASSERT_TEXT(runOnce(),
+                       "taskSchedulerUnlinkTask() Priority: normal queuedCount: 4 pickedCount: 5");
+    EXPECT_TRUE(a->taskScheduled());  // the failed pick leaves it queued
+    a->taskSuspendedIs(true);
+    queue.pickedCountIsForTest(queue.queuedCount());
 }
 
 TEST_F(TaskSchedulerTest, TaskDroppingItsLastReferenceLivesUntilTheRunEnds) {

@@ -7,6 +7,8 @@
 
 #include "Kiv/Ticks.h"
 
+#include <stdexcept>
+
 namespace {
 
 using Velik::TaskPriority;
@@ -84,6 +86,28 @@ TEST_F(TaskTest, RescheduleInItsOwnRunTakesTheRunsEndStamp) {
     EXPECT_EQ(t->lastSchedulingLatency(), TaskTimeDuration(700));
     EXPECT_EQ(historyLines()[0], "run end N t");
     EXPECT_EQ(historyLines()[1], "schedule N t");
+}
+
+// A run hands back when it ended and how long it took, as its statistics
+// count it, and the scheduler's next run request is stamped with that end.
+TEST_F(TaskTest, RunRecordCarriesTheEndAndTheElapsedTime) {
+    auto t = task(TaskPriority::normal, "rec");
+    t->body = [](ProbeTask&) { advanceNs(2'500); };
+    const Velik::TaskTimePoint start = VelikTest::fakeNow();
+    const Velik::TaskRunRecord run = t->taskDoRun(start);
+    EXPECT_EQ(run.endTime, start + TaskTimeDuration(2'500));
+    EXPECT_EQ(run.elapsed, TaskTimeDuration(2'500));
+    EXPECT_EQ(t->taskTotalRunTime(), run.elapsed);
+
+    t->scheduleTask();
+    runOnce();
+    EXPECT_EQ(root->lastRunRequestTime(), VelikTest::fakeNow());
+    EXPECT_EQ(t->taskTotalRunTime(), TaskTimeDuration(5'000));
+
+    // A failed run returns nothing and leaves the task marked running.
+    t->body = [](ProbeTask&) { throw std::runtime_error("failed"); };
+    EXPECT_THROW(t->taskDoRun(VelikTest::fakeNow()), std::runtime_error);
+    EXPECT_TRUE(t->taskCurrentlyRunning());
 }
 
 TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
@@ -225,8 +249,7 @@ TEST_F(TaskTest, MisuseAssertsWithItsText) {
     EXPECT_ASSERT_TEXT(root->taskRegister(t.get()), "Task: N reg already registered");
     t->scheduleTask();
     EXPECT_ASSERT_TEXT(root->taskUnregister(t.get()), "Task: N reg scheduled on unregister");
-    Velik::TaskTimePoint end;
-    EXPECT_ASSERT_TEXT(t->taskDoRun(VelikTest::fakeNow(), end), "TaskImpl::taskDoRun() N reg");
+    EXPECT_ASSERT_TEXT(t->taskDoRun(VelikTest::fakeNow()), "TaskImpl::taskDoRun() N reg");
     EXPECT_TRUE(log.empty());
     t->handleDestroy();  // unqueues and unregisters; the destructor must not do it again
     EXPECT_FALSE(t->taskScheduled());
@@ -238,10 +261,10 @@ TEST_F(TaskTest, MisuseAssertsWithItsText) {
     EXPECT_ASSERT_TEXT(root->tasksPerPriorityDec(TaskPriority::low), "Priority: low count: 0");
     EXPECT_ASSERT_TEXT(root->runnableTaskCount(static_cast<TaskPriority>(5)), "TaskSchedulerCpp:");
     auto& queue = root->taskRunQueue(TaskPriority::low);
-    queue.pickedCount = queue.queuedCount + 1;
+    queue.pickedCountIsForTest(queue.queuedCount() + 1);
     EXPECT_ASSERT_TEXT(root->runnableTaskCount(TaskPriority::low),
                        "Priority: low runnableTasks: -1");
-    queue.pickedCount = queue.queuedCount;
+    queue.pickedCountIsForTest(queue.queuedCount());
 }
 
 using TaskDeathTest = TaskTest;

@@ -1,5 +1,6 @@
 // Task statistics: status strings, merging finished tasks into completed
 // records, queue summaries, and the reset at once and in slices.
+#include <Velik/TaskSchedulerQueueStats.h>
 #include <Velik/TaskStat.h>
 
 #include "scheduler/SchedulerFixture.h"

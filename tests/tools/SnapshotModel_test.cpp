@@ -3,6 +3,8 @@
 #include "SnapshotModel.h"
 #include "TopError.h"
 
+#include <Velik/TaskStat.h>
+
 #include "report/ReportFixture.h"
 
 #include <algorithm>
