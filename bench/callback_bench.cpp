@@ -7,7 +7,7 @@
 // (nanoseconds) and their ratio.
 #include <benchmark/benchmark.h>
 
-#include "RoundTrip.h"
+#include "Harness.h"
 
 #include <Velik/LibeventFactory.h>
 #include <Velik/Thread.h>

@@ -27,7 +27,7 @@
 //
 // The libevent side runs on a worker thread that called
 // `useThreadLocalSingletons()`; the framework side on the main thread.
-#include "RoundTrip.h"
+#include "Harness.h"
 
 #include <Velik/FileDescriptorTask.h>
 #include <Velik/LibeventFactory.h>

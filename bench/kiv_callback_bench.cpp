@@ -20,7 +20,7 @@
 #include <mutex>
 
 #include <thread>
-#include "RoundTrip.h"
+#include "Harness.h"
 
 namespace {
 

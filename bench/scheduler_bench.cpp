@@ -3,20 +3,20 @@
 // unqueueing, `taskShouldYield`, one history insert, the clock reads they
 // rest on, and the memory of one task.
 //
-// This program replaces the global allocation functions to count the bytes
-// a task takes; counting is off except inside `BM_TaskMemory`.
+// This program links the counting allocator to count the bytes a task takes;
+// counting is off except inside `BM_TaskMemory`.
 #include <Velik/ConstStringCache.h>
 #include <Velik/Platform.h>
 #include <Velik/Task.h>
 #include <Velik/TaskSchedulerHistory.h>
 #include <Velik/TaskSchedulerRoot.h>
-#include "HandDrivenRoot.h"
 
 #include "Kiv/Ticks.h"
 
 #include <benchmark/benchmark.h>
 
-#include "RoundTrip.h"
+#include "Harness.h"
+#include "support/CountingAllocator.h"
 
 #include <chrono>
 #include <cstdint>
@@ -29,71 +29,7 @@
 namespace {
 
 using VelikBench::threadCpuNs;
-
-// --- Allocation counting ---
-
-bool counting = false;
-std::vector<std::size_t>* countedSizes = nullptr;
-
-void* countedAllocation(std::size_t size) {
-    if (counting) {
-        counting = false;  // the vector's own growth is not the task's
-        countedSizes->push_back(size);
-        counting = true;
-    }
-    if (void* p = std::malloc(size ? size : 1)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-
-// The sizes of the allocations made while it lives, on this thread.
-class AllocationLog {
-  public:
-    AllocationLog() {
-        countedSizes = &sizes_;
-        counting = true;
-    }
-    ~AllocationLog() { stop(); }
-    void stop() {
-        counting = false;
-        countedSizes = nullptr;
-    }
-    const std::vector<std::size_t>& sizes() const { return sizes_; }
-    std::size_t bytes() const {
-        std::size_t total = 0;
-        for (std::size_t s : sizes_) {
-            total += s;
-        }
-        return total;
-    }
-
-  private:
-    std::vector<std::size_t> sizes_;
-};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return countedAllocation(size);
-}
-void* operator new[](std::size_t size) {
-    return countedAllocation(size);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
-
-namespace {
+using VelikTest::AllocationLog;
 
 using Velik::TaskPriority;
 
@@ -336,10 +272,10 @@ void BM_TaskMemory(benchmark::State& state) {
             log.stop();
             // make_shared's block comes first (the constructor, which
             // interns the names, runs inside it); the last is a cache node.
-            blockBytes = log.sizes().front();
-            nodeBytes = log.sizes().back();
+            blockBytes = log.firstSize();
+            nodeBytes = log.lastSize();
             totalBytes += log.bytes();
-            allocs += log.sizes().size();
+            allocs += log.count();
         }
     }
     const double made = static_cast<double>(state.iterations()) * count;

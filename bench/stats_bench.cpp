@@ -9,7 +9,7 @@
 #include <Velik/TaskSchedulerSnapshot.h>
 #include <fcntl.h>
 #include <unistd.h>
-#include "HandDrivenRoot.h"
+#include "Harness.h"
 
 #include <benchmark/benchmark.h>
 

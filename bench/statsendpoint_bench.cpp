@@ -8,6 +8,8 @@
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/TaskStat.h>
 #include <Velik/TimerTask.h>
+#include "Harness.h"
+
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <time.h>
@@ -58,9 +60,7 @@ class Periodic : public Velik::TimerTask {
 };
 
 double threadCpuSeconds() {
-    timespec ts;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+    return VelikBench::threadCpuNs() / 1e9;
 }
 
 // One snapshot request; the bytes received.

@@ -17,7 +17,7 @@
 // rate over the bare round-trip rate.
 #include <benchmark/benchmark.h>
 
-#include "RoundTrip.h"
+#include "Harness.h"
 
 #include <Velik/PlatformSelection.h>
 #include <Velik/Task.h>

@@ -21,7 +21,7 @@
 // libevent peer on an event base of its own; n = 1 thousand, 100 thousand and
 // 1 million, delays random up to 60 s. bytes_per_timer counts what the allocator hands out per
 // timer (object, shared-pointer control block) plus the wheel's share.
-#include "RoundTrip.h"
+#include "Harness.h"
 
 #include <Velik/FastForward.h>
 #include <Velik/PlatformSelection.h>

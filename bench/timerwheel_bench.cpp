@@ -52,7 +52,7 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
-#include "RoundTrip.h"
+#include "Harness.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -2,29 +2,7 @@
 #include <Velik/Fmtrace.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
-// Counts this program's heap allocations, to show which paths format without
-// touching the heap.
-namespace {
-std::atomic<long> allocations{0};
-}
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* p = std::malloc(size ? size : 1)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
+#include "support/CountingAllocator.h"
 
 namespace {
 
@@ -46,17 +24,17 @@ TEST(MessageBuffer, MessagesAroundTheInlineSizeComeOutWholeAndShortOnesStayOffTh
     Fmt::Impl::buildMessageBuffer(buffer, false, "f", nullptr, "first", fmt::make_format_args());
     std::string_view word = "scheduler";
     int n = 42;
-    const long before = allocations.load();
+    VelikTest::AllocationLog log;
     Fmt::Impl::buildDetailedMessageBuffer(buffer, "TaskSchedulerCpp", 300, true, "pickOneTask",
                                           "TaskScheduler", "{} {} padding to make it longer",
                                           fmt::make_format_args(word, n));
-    EXPECT_EQ(allocations.load(), before);
+    EXPECT_EQ(log.count(), 0u);
     EXPECT_EQ(fmt::to_string(buffer),
               "TaskSchedulerCpp:300: TaskScheduler::pickOneTask() scheduler 42 padding to make it "
               "longer");
     std::string big(600, 'y');
     Fmt::Impl::buildMessageBuffer(buffer, false, "f", nullptr, "{}", fmt::make_format_args(big));
-    EXPECT_GT(allocations.load(), before) << "a message past 500 bytes grows onto the heap";
+    EXPECT_GT(log.count(), 0u) << "a message past 500 bytes grows onto the heap";
 }
 
 TEST(MessageBufferDeathTest, NullClassNameAndBadFormatsEndTheProcess) {

@@ -1,63 +1,9 @@
 // Scheduling, picking, running and recording history allocate nothing once
-// the tasks exist: counted by replacing the global allocation functions of
-// this test program.
+// the tasks exist: counted by the program's counting allocator.
 #include "scheduler/SchedulerFixture.h"
+#include "support/CountingAllocator.h"
 
 #include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
-namespace {
-
-std::atomic<bool> counting{false};
-std::atomic<long> allocations{0};
-std::atomic<long> allocatedBytes{0};
-
-void* countedAllocation(std::size_t size) {
-    if (counting.load(std::memory_order_relaxed)) {
-        allocations.fetch_add(1, std::memory_order_relaxed);
-        allocatedBytes.fetch_add(static_cast<long>(size), std::memory_order_relaxed);
-    }
-    if (void* p = std::malloc(size ? size : 1)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-
-}  // namespace
-
-// Every form: the library uses the nothrow ones too, and under a sanitizer a
-// form left out would pair the sanitizer's allocation with this free.
-void* operator new(std::size_t size) {
-    return countedAllocation(size);
-}
-void* operator new[](std::size_t size) {
-    return countedAllocation(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    try {
-        return countedAllocation(size);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
-}
 
 namespace {
 
@@ -90,13 +36,13 @@ TEST_F(NoAllocationTest, SchedulingPickingRunningAndHistoryAllocateNothing) {
     absolute.unscheduleTask();
 
     // The counter sees allocations made inside the library too.
-    counting = true;
-    task(TaskPriority::low, "probe");
-    counting = false;
-    EXPECT_GE(allocations.load(), 1);
+    {
+        VelikTest::AllocationLog probe;
+        task(TaskPriority::low, "probe");
+        EXPECT_GE(probe.count(), 1u);
+    }
 
-    allocations = 0;
-    counting = true;
+    VelikTest::AllocationLog log;
     for (int i = 0; i < 1000; ++i) {
         runOnce();
         if (i % 100 == 0) {
@@ -111,9 +57,9 @@ TEST_F(NoAllocationTest, SchedulingPickingRunningAndHistoryAllocateNothing) {
     root->suspendedIs(true);
     runOnce();
     root->suspendedIs(false);
-    counting = false;
+    log.stop();
 
-    EXPECT_EQ(allocations.load(), 0);
+    EXPECT_EQ(log.count(), 0u);
     EXPECT_GT(executed, 1000);
     EXPECT_EQ(root->history()->size(), root->historyEntryCount());
 }
@@ -136,15 +82,13 @@ TEST_F(NoAllocationTest, APlainTaskWithANewNameTakesAtMost320Bytes) {
         names.push_back("c" + std::to_string(i));
     }
     const std::size_t namesBefore = Velik::ConstStringCache::forThisThread().size();
-    allocations = 0;
-    allocatedBytes = 0;
-    counting = true;
+    VelikTest::AllocationLog log;
     for (const std::string& name : names) {
         tasks.push_back(std::make_shared<Plain>(root.get(), TaskPriority::normal, name));
     }
-    counting = false;
-    EXPECT_LE(allocatedBytes.load(), 320 * count);
-    EXPECT_LE(allocations.load(), 2 * count + 20);  // block, name, a few rehashes
+    log.stop();
+    EXPECT_LE(log.bytes(), 320u * count);
+    EXPECT_LE(log.count(), 2u * count + 20);  // block, name, a few rehashes
     EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);
     tasks.push_back(std::make_shared<Plain>(root.get(), TaskPriority::normal, names[0]));
     EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);

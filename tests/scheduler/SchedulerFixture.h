@@ -16,6 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -160,6 +161,28 @@ class SchedulerTest : public ::testing::Test {
             lines.push_back(std::string(event.eventTypeDisplay()) + " " + event.displayName());
         }
         return lines;
+    }
+
+    // Whether the history, oldest first, holds `events` in this order; other
+    // events may come between them. On failure, names the first one missing.
+    ::testing::AssertionResult historyHasInOrder(const std::vector<std::string>& events) const {
+        const std::vector<std::string> lines = historyLines();
+        auto at = lines.rbegin();
+        for (const std::string& event : events) {
+            at = std::find(at, lines.rend(), event);
+            if (at == lines.rend()) {
+                return ::testing::AssertionFailure()
+                       << "\"" << event << "\" missing or out of order in (newest first): "
+                       << ::testing::PrintToString(lines);
+            }
+            ++at;
+        }
+        return ::testing::AssertionSuccess();
+    }
+    // How many times `event` is in the history.
+    long historyCount(const std::string& event) const {
+        const std::vector<std::string> lines = historyLines();
+        return std::count(lines.begin(), lines.end(), event);
     }
 
     std::shared_ptr<CountingCallbackControl> control;

@@ -1,10 +1,12 @@
-// Pieces shared by the benchmarks that time loop round trips: the calling
-// thread's CPU clock (steady on a machine shared with other work), a timed
-// batch, and the bare deferred-callback round trip every task run rides on.
+// The pieces every benchmark program shares: the calling thread's CPU clock
+// (steady on a machine shared with other work), timed batches, the bare
+// deferred-callback round trip every task run rides on, and a root whose
+// scheduler runs are driven by hand, with no event loop in between.
 #pragma once
 
 #include <Velik/Platform.h>
 #include <Velik/PlatformSelection.h>
+#include <Velik/TaskSchedulerRoot.h>
 #include <time.h>
 
 #include <memory>
@@ -53,5 +55,19 @@ struct Requester : Velik::Platform::CallbackHandler {
     std::shared_ptr<Velik::Platform::CallbackControl> control =
         Velik::Platform::getCallbackControl(this);
 };
+
+// --- A hand-driven root: its callback control does nothing ---
+class NullCallbackControl : public Velik::Platform::CallbackControl {
+  public:
+    void requestCallback() override {}
+    void cancelCallback() override {}
+    bool pendingCallback() const override { return false; }
+};
+
+inline std::shared_ptr<Velik::TaskSchedulerRoot> makeRoot() {
+    return std::make_shared<Velik::TaskSchedulerRoot>(
+        "bench",
+        [](Velik::Platform::CallbackHandler*) { return std::make_shared<NullCallbackControl>(); });
+}
 
 }  // namespace VelikBench
