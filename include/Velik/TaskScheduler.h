@@ -58,8 +58,10 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     TaskScheduler(const TaskScheduler&) = delete;
     TaskScheduler& operator=(const TaskScheduler&) = delete;
 
-    // Whether a sliced statistics reset (`resetStats`) is under way.
-    virtual bool resetStatsInProgress() const;
+    // Whether a sliced statistics reset (`resetStats`) is under way. Defined
+    // here, so that the first out-of-line virtual, which places the class's
+    // virtual table, is one of the core's own (`taskRegister`).
+    virtual bool resetStatsInProgress() const { return resetStatsTask_ != nullptr; }
     // Asks to be run soon (once; repeated requests may coalesce).
     virtual void requestSchedulerRun() = 0;
     // Called when the set of tasks with forced test yield turns empty or

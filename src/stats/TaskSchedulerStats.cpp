@@ -123,10 +123,6 @@ void TaskScheduler::updateCompletedTaskStats(TaskImpl* task) {
 
 // --- Resetting ---
 
-bool TaskScheduler::resetStatsInProgress() const {
-    return resetStatsTask_ != nullptr;
-}
-
 TaskImpl* TaskScheduler::resetStatsTaskForTest() const {
     return resetStatsTask_.get();
 }

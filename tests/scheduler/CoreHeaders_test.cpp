@@ -27,9 +27,8 @@ static_assert(!isComplete<Velik::SnapshotRenderJsonTask>);
 // Held by pointer only, so not brought in either.
 static_assert(!isComplete<Velik::TaskSchedulerHistory>);
 
+// The checks are the static assertions above; this names them in the list.
 TEST(CoreHeaders, DeclareTheStatisticsAndReportsWithoutDefiningThem) {
-    // The checks are the static assertions above; this names the file in
-    // the test list.
     SUCCEED();
 }
 
