@@ -1,7 +1,7 @@
 // The client against a one-connection server on a real Unix socket.
 #include "StatsClient.h"
+#include "FakeSnapshot.h"
 #include "Options.h"
-#include "TopError.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -19,19 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The status `f` fails with, and its message.
-template <typename F>
-VelikTop::ExitStatus failureOf(F&& f, std::string* message = nullptr) {
-    try {
-        f();
-    } catch (const VelikTop::TopError& e) {
-        if (message) {
-            *message = e.what();
-        }
-        return e.status();
-    }
-    return VelikTop::exitOk;
-}
+using VelikTopTest::failureOf;
 
 class StatsClientTest : public ::testing::Test {
   protected:
