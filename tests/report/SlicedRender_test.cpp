@@ -68,21 +68,4 @@ TEST_F(SlicedRenderTest, TextReportSlicesAddUpToTheWholeReport) {
     }
 }
 
-TEST_F(SlicedRenderTest, ShownNamesSetTheNameColumnsWidth) {
-    auto odd = task(Velik::TaskPriority::low, "odd\t");
-    const Velik::TextReportData data = Velik::gatherTextReport(*root, true, false);
-    std::ostringstream out;
-    Velik::TextReportSlicedRender render(data, false, [](std::string_view name) {
-        return name == "odd\t" ? std::string(30, '#') : std::string(name);
-    });
-    while (render.renderSlice(out, 3)) {
-    }
-    const std::string text = out.str();
-    EXPECT_EQ(text.find("odd\t"), std::string::npos);
-    // The header and every row put the status column after 30 columns.
-    EXPECT_NE(text.find("\nTaskName" + std::string(22, ' ') + " SP "), std::string::npos);
-    EXPECT_NE(text.find("\nworker" + std::string(24, ' ') + " "), std::string::npos);
-    EXPECT_NE(text.find("\n" + std::string(30, '#') + "  l "), std::string::npos);
-}
-
 }  // namespace

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "SnapshotModel.h"
+#include "TopError.h"
 
 #include <fmt/format.h>
 
@@ -58,6 +59,20 @@ inline std::string snapshotJson(const std::vector<FakeTask>& tasks) {
         R"({{"schedulers":{{"main":{{"schedulerName":"main","isRootScheduler":true,)"
         R"("maxSchedulerSlip":0.001,"tasks":{{"tasks":[{}],"skipped":0}},"subSchedulers":{{{}}}}}}}}})",
         list, subs);
+}
+
+// The status `f` fails with, and its message.
+template <typename F>
+VelikTop::ExitStatus failureOf(F&& f, std::string* message = nullptr) {
+    try {
+        f();
+    } catch (const VelikTop::TopError& e) {
+        if (message) {
+            *message = e.what();
+        }
+        return e.status();
+    }
+    return VelikTop::exitOk;
 }
 
 inline VelikTop::ThreadSnapshot fakeSnapshot(const std::vector<FakeTask>& tasks,

@@ -1,7 +1,7 @@
 // What `--json` prints: the document alone, written back exactly, with no
 // raw control character.
 #include "JsonText.h"
-#include "TopError.h"
+#include "FakeSnapshot.h"
 
 #include <gtest/gtest.h>
 
@@ -27,12 +27,9 @@ TEST(JsonText, ControlsTheGrammarLetStandRawAreEscaped) {
     EXPECT_FALSE(Velik::Impl::needsPrintable(out));
 
     for (const std::string bad : {"{\"a\":\"\xff\"}", "{\"a\":", "nul\0"}) {
-        try {
-            VelikTop::terminalSafeJson("main", bad);
-            ADD_FAILURE() << bad;
-        } catch (const VelikTop::TopError& e) {
-            EXPECT_EQ(e.status(), VelikTop::exitMalformed);
-        }
+        EXPECT_EQ(VelikTopTest::failureOf([&] { VelikTop::terminalSafeJson("main", bad); }),
+                  VelikTop::exitMalformed)
+            << bad;
     }
 }
 

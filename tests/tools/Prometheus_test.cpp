@@ -68,14 +68,6 @@ TEST(Prometheus, EveryFamilyDeclaredOnceBeforeItsSamples) {
         HasSubstr("velik_scheduler_max_slip_seconds{thread=\"t2\",scheduler=\"main\"} 0.001\n"));
 }
 
-TEST(Prometheus, LabelValuesAreEscaped) {
-    VelikTop::ThreadSnapshot snap = VelikTopTest::fakeSnapshot({{.name = "x"}}, "th\"read");
-    snap.tasks[0].name = "we\"ird\\\nname";
-    const std::string text = VelikTop::prometheusText({snap});
-    EXPECT_THAT(text, HasSubstr(R"(thread="th\"read")"));
-    EXPECT_THAT(text, HasSubstr(R"(task="we\"ird\\\nname")"));
-}
-
 TEST(Prometheus, NoControlCharacterOrBrokenUtf8ReachesTheExposition) {
     VelikTop::ThreadSnapshot snap =
         VelikTopTest::fakeSnapshot({{.name = "x"}}, "t\x1b]2;title\x07");

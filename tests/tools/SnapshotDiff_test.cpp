@@ -15,8 +15,7 @@ TEST(SnapshotDiff, RatesAreGrowthOverAnInterval) {
     const auto before = fakeSnapshot({{.name = "a", .runs = 100, .time = 1.0, .work = 50}});
     const auto after = fakeSnapshot({{.name = "a", .runs = 300, .time = 1.5, .work = 250}});
     const auto r = VelikTop::rates(&before, after, 2.0);
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_TRUE(r[0].known);
+    ASSERT_TRUE(r.at(0).known);
     EXPECT_DOUBLE_EQ(r[0].runsPerSecond, 100);
     EXPECT_DOUBLE_EQ(r[0].share, 0.25);
     EXPECT_DOUBLE_EQ(r[0].workPerSecond, 100);
@@ -45,11 +44,7 @@ TEST(SnapshotDiff, NewAndReplacedTasksCountFromZero) {
     EXPECT_DOUBLE_EQ(r[1].workPerSecond, 1100);
     EXPECT_DOUBLE_EQ(r[1].share, 1.0);  // 4 s in 1 s cannot be: capped
     EXPECT_DOUBLE_EQ(r[2].runsPerSecond, 4);
-    for (const auto& x : r) {
-        EXPECT_GE(x.runsPerSecond, 0);
-        EXPECT_GE(x.share, 0);
-        EXPECT_GE(x.workPerSecond, 0);
-    }
+    EXPECT_DOUBLE_EQ(r[2].share, 0.2);
 }
 
 TEST(SnapshotDiff, ThreadShareCountsGroupsOnceNotTheirTasks) {

@@ -1,7 +1,7 @@
 // Reading snapshots: rows as the library renders them, and documents the
 // library would never write (a viewer must survive other versions).
 #include "SnapshotModel.h"
-#include "TopError.h"
+#include "FakeSnapshot.h"
 
 #include <Velik/TaskStat.h>
 
@@ -27,12 +27,7 @@ const TaskRow& rowNamed(const VelikTop::ThreadSnapshot& snap, const std::string&
 }
 
 VelikTop::ExitStatus statusOf(const std::string& json) {
-    try {
-        VelikTop::parseSnapshot("t", json);
-    } catch (const VelikTop::TopError& e) {
-        return e.status();
-    }
-    return VelikTop::exitOk;
+    return VelikTopTest::failureOf([&] { VelikTop::parseSnapshot("t", json); });
 }
 
 class SnapshotModelTest : public VelikTest::ReportTest {};

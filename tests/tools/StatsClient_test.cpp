@@ -1,7 +1,7 @@
 // The client against a one-connection server on a real Unix socket.
 #include "StatsClient.h"
+#include "FakeSnapshot.h"
 #include "Options.h"
-#include "TopError.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -19,19 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The status `f` fails with, and its message.
-template <typename F>
-VelikTop::ExitStatus failureOf(F&& f, std::string* message = nullptr) {
-    try {
-        f();
-    } catch (const VelikTop::TopError& e) {
-        if (message) {
-            *message = e.what();
-        }
-        return e.status();
-    }
-    return VelikTop::exitOk;
-}
+using VelikTopTest::failureOf;
 
 class StatsClientTest : public ::testing::Test {
   protected:
@@ -48,14 +36,20 @@ class StatsClientTest : public ::testing::Test {
         fs::remove_all(dir);
     }
 
-    // Listens at `path` and answers one connection with `reply`, after
-    // reading its request into `request`.
-    void serveOnce(std::string reply) {
+    // A socket bound to `path`, not yet listening.
+    int bound() {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::strcpy(address.sun_path, path.c_str());
-        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    }
+
+    // Listens at `path` and answers one connection with `reply`, after
+    // reading its request into `request`.
+    void serveOnce(std::string reply) {
+        const int fd = bound();
         ASSERT_EQ(listen(fd, 1), 0);
         server = std::thread([this, fd, reply = std::move(reply)] {
             const int client = accept(fd, nullptr, nullptr);
@@ -112,7 +106,6 @@ TEST_F(StatsClientTest, AReplyBeyondTheLimitIsRefused) {
     fs::remove(path);
     serveOnce(std::string(200000, 'x'));  // the limit itself is taken
     EXPECT_EQ(VelikTop::fetch(path, "snapshot", 5.0, 200000).size(), 200000u);
-    EXPECT_EQ(VelikTop::maxReplyBytes, std::size_t{64} << 20);
 }
 
 TEST_F(StatsClientTest, ASocketServedByAnotherUserIsNotRead) {
@@ -123,11 +116,7 @@ TEST_F(StatsClientTest, ASocketServedByAnotherUserIsNotRead) {
         GTEST_SKIP() << "playing another user needs root";
     }
     // The server's credentials are those of the process that listens.
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path.c_str());
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const int fd = bound();
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t child = fork();
@@ -144,8 +133,7 @@ TEST_F(StatsClientTest, ASocketServedByAnotherUserIsNotRead) {
     char byte;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
     std::string message;
-    EXPECT_EQ(failureOf([&] { VelikTop::fetch(path, "snapshot", 5.0); }, &message),
-              VelikTop::exitRefused);
+    EXPECT_EQ(failure(path, &message), VelikTop::exitRefused);
     EXPECT_EQ(message, path + ": served by uid 65534, neither you (uid 0) nor root; not read");
     int status;
     waitpid(child, &status, 0);
@@ -191,14 +179,19 @@ TEST_F(StatsClientTest, DirectoriesStandForTheirSockets) {
     for (const char* thread : {"io", "main", "disk"}) {
         std::ofstream(dir + "/b/" + thread + ".sock");
     }
-    const auto endpoints = VelikTop::resolveEndpoints({dir + "/b", dir + "/b/io.sock"});
-    ASSERT_EQ(endpoints.size(), 3u);  // io.sock only once
-    EXPECT_EQ(endpoints[0].thread, "disk");
-    EXPECT_EQ(endpoints[1].thread, "io");
-    EXPECT_EQ(endpoints[2].thread, "main");
+    const auto threads = [](const std::vector<std::string>& targets) {
+        std::vector<std::string> names;
+        for (const auto& endpoint : VelikTop::resolveEndpoints(targets)) {
+            names.push_back(endpoint.thread);
+        }
+        return names;
+    };
+    // Sorted, io.sock only once; a second thread of one name numbered.
+    EXPECT_EQ(threads({dir + "/b", dir + "/b/io.sock"}),
+              (std::vector<std::string>{"disk", "io", "main"}));
     std::ofstream(dir + "/main.sock");
-    EXPECT_EQ(VelikTop::resolveEndpoints({dir + "/b/main.sock", dir + "/main.sock"})[1].thread,
-              "main#2");
+    EXPECT_EQ(threads({dir + "/b/main.sock", dir + "/main.sock"}),
+              (std::vector<std::string>{"main", "main#2"}));
 
     fs::create_directory(dir + "/empty");
     for (const std::string& bad : {dir + "/none", dir + "/empty"}) {

@@ -103,18 +103,22 @@ TEST_F(TaskTableTest, LinesShowRatesAndMarkGroups) {
 }
 
 TEST(TableText, CompactFigures) {
-    EXPECT_EQ(VelikTop::formatCount(0), "0");
-    EXPECT_EQ(VelikTop::formatCount(2.5), "2.5");
-    EXPECT_EQ(VelikTop::formatCount(999), "999");
-    EXPECT_EQ(VelikTop::formatCount(1000), "1.00k");
-    EXPECT_EQ(VelikTop::formatCount(999949), "999.9k");
-    EXPECT_EQ(VelikTop::formatCount(999999), "1.00M");
-    EXPECT_EQ(VelikTop::formatCount(-3), "0");
-    EXPECT_EQ(VelikTop::formatSeconds(0), "0");
-    EXPECT_EQ(VelikTop::formatSeconds(850e-9), "850ns");
-    EXPECT_EQ(VelikTop::formatSeconds(12e-6), "12.0us");
-    EXPECT_EQ(VelikTop::formatSeconds(4.56e-3), "4.56ms");
-    EXPECT_EQ(VelikTop::formatSeconds(1.2), "1.20s");
+    for (auto [n, text] : {std::pair{0.0, "0"},
+                           {2.5, "2.5"},
+                           {999.0, "999"},
+                           {1000.0, "1.00k"},
+                           {999949.0, "999.9k"},
+                           {999999.0, "1.00M"},
+                           {-3.0, "0"}}) {
+        EXPECT_EQ(VelikTop::formatCount(n), text);
+    }
+    for (auto [s, text] : {std::pair{0.0, "0"},
+                           {850e-9, "850ns"},
+                           {12e-6, "12.0us"},
+                           {4.56e-3, "4.56ms"},
+                           {1.2, "1.20s"}}) {
+        EXPECT_EQ(VelikTop::formatSeconds(s), text);
+    }
 }
 
 TEST(TableText, PrintableShowsEveryControlEscapedAndKeepsTheRest) {
