@@ -12,6 +12,7 @@
 #include <Kiv/ActivityManager.h>
 
 #include "platform/Pipe.h"
+#include "platform/Recorder.h"
 
 #include <gtest/gtest.h>
 
@@ -32,24 +33,13 @@ void pass() {
     Kiv::activityManager()->config()->executionTimeIs(std::numeric_limits<double>::infinity());
 }
 
-// Throws from every notification; every hook swallows.
-struct Thrower : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::CallbackHandler {
-    int hooks = 0;
-    void readFdEvent(int) override { throw std::runtime_error("read"); }
-    void writeFdEvent(int) override { throw std::runtime_error("write"); }
-    void timeout() override { throw std::runtime_error("timeout"); }
-    void callback() override { throw std::runtime_error("callback"); }
-    bool handleFdException(int) override { return ++hooks > 0; }
-    bool handleTimeoutException() override { return ++hooks > 0; }
-    bool handleCallbackException() override { return ++hooks > 0; }
-};
-
 // Descriptor lines and their handled exceptions are routine progress, at
 // level 5; those of timers and callbacks are fine detail, at level 9 only.
 TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
     VelikTest::Pipe p;
     p.put();
-    Thrower handler;
+    VelikTest::Recorder handler;
+    handler.throws = handler.swallow = true;
     auto fd = Platform::getFdControl(&handler);
     auto timer = Platform::getTimerControl(&handler);
     auto callback = Platform::getCallbackControl(&handler);
@@ -97,7 +87,7 @@ TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
         EXPECT_EQ(at5.find(line), std::string::npos) << line;
         EXPECT_NE(at9.find(line + "\n"), std::string::npos) << line << "\nin:\n" << at9;
     }
-    EXPECT_EQ(handler.hooks, 8);
+    EXPECT_EQ(handler.hooks + handler.hookFds.size(), 8u);
 }
 
 // Handlers own their controls and may drop them from inside a throwing

@@ -4,6 +4,7 @@
 #include "foundation/ThrowingAsserts.h"
 #include "kiv/KivLoop.h"
 #include "platform/LoopThread.h"
+#include "platform/Recorder.h"
 
 #include <Velik/FastForward.h>
 #include <Velik/LibeventFactory.h>
@@ -13,8 +14,6 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <functional>
-
 namespace {
 
 using namespace Velik;
@@ -22,25 +21,13 @@ using testing::HasSubstr;
 using VelikTest::assertMessageOf;
 using VelikTest::onLoopThread;
 
-struct Timer : Platform::TimeoutHandler {
+struct Timer : VelikTest::Recorder {
     std::shared_ptr<Platform::TimerControl> control = getLeTimerControl(this);
-    std::vector<double> firedAt;  // Velik::time() at each expiry
-    std::function<void()> onExpiry;
-    void timeout() override {
-        firedAt.push_back(Velik::time());
-        if (onExpiry) {
-            onExpiry();
-        }
-    }
 };
 
 // Fast-forward is process-wide and switched by the main thread; the loops
 // run on fresh threads, each starting with a zero offset.
-class FastForwardTest : public testing::Test {
-  protected:
-    void SetUp() override { setLeFastForward(true); }
-    void TearDown() override { setLeFastForward(false); }
-};
+using FastForwardTest = VelikTest::LeFastForwardTest;
 
 int notifications = 0;
 void countNotification() {

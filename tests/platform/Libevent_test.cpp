@@ -6,6 +6,7 @@
 #include "foundation/ThrowingAsserts.h"
 #include "platform/LoopThread.h"
 #include "platform/Pipe.h"
+#include "platform/Recorder.h"
 
 #include <Velik/ForkHandler.h>
 #include <Velik/LibeventFactory.h>
@@ -67,11 +68,7 @@ TEST(LibeventBase, OneLazyBasePerThread) {
 TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
     onLoopThread([] {
         VelikTest::Pipe pipe;
-        struct Reader : Platform::FdEventHandler {
-            int reads = 0;
-            void readFdEvent(int) override { ++reads; }
-            void writeFdEvent(int) override {}
-        } handler;
+        VelikTest::Recorder handler;
         auto control = getLeFdControl(&handler);
         control->setFd(pipe.fds[0]);
         event_base* base = leEventBase();
@@ -79,12 +76,14 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
             leForkReinit();
             pipe.put();
             loopPass();
-            _exit(Platform::isForkedChild() && leEventBase() == base && handler.reads == 1 ? 0 : 1);
+            _exit(Platform::isForkedChild() && leEventBase() == base && handler.log.size() == 1
+                      ? 0
+                      : 1);
         });
         EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0) << child.stderrText;
         EXPECT_FALSE(Platform::isForkedChild());
         loopPass();  // the child's byte is in the shared pipe
-        EXPECT_EQ(handler.reads, 1);
+        EXPECT_EQ(handler.log.size(), 1u);
         control.reset();
     });
 }
@@ -111,10 +110,7 @@ TEST(LibeventLog, SeveritiesMapOntoTraceLevelsAndFatalErrorsAssert) {
 
 TEST(LibeventFdControlDeathTest, ClosedDescriptorAborts) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    struct Ignorer : Platform::FdEventHandler {
-        void readFdEvent(int) override {}
-        void writeFdEvent(int) override {}
-    } handler;
+    VelikTest::Recorder handler;
     EXPECT_DEATH(LibeventFdControl(&handler).setFd(1000), "Assertion `flags >= 0' failed");
 }
 

@@ -3,8 +3,11 @@
 // after the thread's root) and a virtual time offset of zero.
 #pragma once
 
+#include <Velik/FastForward.h>
 #include <Velik/LibeventFactory.h>
 #include <Velik/Thread.h>
+
+#include <gtest/gtest.h>
 
 #include <exception>
 #include <functional>
@@ -32,5 +35,12 @@ inline void onLoopThread(const std::function<void()>& body) {
 inline void loopPass() {
     event_base_loop(Velik::leEventBase(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
 }
+
+// A fixture for libevent fast-forward, which only the main thread switches.
+class LeFastForwardTest : public testing::Test {
+  protected:
+    void SetUp() override { Velik::setLeFastForward(true); }
+    void TearDown() override { Velik::setLeFastForward(false); }
+};
 
 }  // namespace VelikTest
