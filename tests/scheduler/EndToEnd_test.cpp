@@ -2,7 +2,6 @@
 // platforms: the framework on the main thread, libevent on a thread with
 // thread-local singletons.
 #include <Velik/PlatformSelection.h>
-#include <Velik/TaskSchedulerRoot.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,8 +10,6 @@
 #include "platform/Families.h"
 #include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

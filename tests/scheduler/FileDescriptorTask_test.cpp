@@ -1,16 +1,12 @@
-#include <Velik/FileDescriptorTask.h>
 #include <Velik/PlatformSelection.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "platform/LoopThread.h"
 #include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

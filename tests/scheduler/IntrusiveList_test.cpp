@@ -3,10 +3,6 @@
 
 #include "scheduler/SchedulerFixture.h"
 
-#include <gtest/gtest.h>
-
-#include <vector>
-
 namespace {
 
 struct Item {

@@ -3,8 +3,6 @@
 #include "scheduler/SchedulerFixture.h"
 #include "support/CountingAllocator.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using Velik::TaskPriority;

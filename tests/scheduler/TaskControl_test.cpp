@@ -4,7 +4,6 @@
 #include <Velik/PlatformSelection.h>
 #include <Velik/TaskControl.h>
 #include <Velik/Thread.h>
-#include <Velik/Time.h>
 
 #include "platform/Families.h"
 #include "platform/Pipe.h"

@@ -2,8 +2,6 @@
 
 #include "scheduler/SchedulerFixture.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using Velik::TaskGroupIs;

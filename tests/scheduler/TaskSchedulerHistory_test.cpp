@@ -1,10 +1,5 @@
-#include <Velik/TaskSchedulerHistory.h>
 
 #include "scheduler/SchedulerFixture.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
 
 namespace {
 

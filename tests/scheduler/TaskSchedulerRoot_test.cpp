@@ -1,10 +1,7 @@
-#include <Velik/TaskSchedulerRoot.h>
 #include <Velik/Thread.h>
 
 #include "platform/LoopThread.h"
 #include "scheduler/SchedulerFixture.h"
-
-#include <gtest/gtest.h>
 
 #include <pthread.h>
 

@@ -1,12 +1,8 @@
-#include <Velik/TaskScheduler.h>
 
 #include "scheduler/SchedulerFixture.h"
 
-#include <gtest/gtest.h>
-
 #include <cctype>
 #include <stdexcept>
-#include <string>
 
 namespace {
 

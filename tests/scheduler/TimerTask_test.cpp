@@ -1,8 +1,6 @@
 // Timer tasks: the three states and their transitions, jitter draws, the
 // assertion texts.
 #include <Velik/PlatformSelection.h>
-#include <Velik/Time.h>
-#include <Velik/TimerTask.h>
 
 #include "platform/Families.h"
 #include "scheduler/SchedulerFixture.h"
