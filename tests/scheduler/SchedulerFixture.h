@@ -76,18 +76,12 @@ class ProbeTask : public Velik::Task {
     std::vector<std::string>* log_;
 };
 
-// Notes the library time of each run and does whatever `body` says.
+// Notes the library time of each run.
 class ProbeTimer : public Velik::TimerTask {
   public:
     using TimerTask::TimerTask;
-    void taskExecute() override {
-        runsAt.push_back(Velik::time());
-        if (body) {
-            body(*this);
-        }
-    }
+    void taskExecute() override { runsAt.push_back(Velik::time()); }
     std::vector<double> runsAt;
-    std::function<void(ProbeTimer&)> body;
 };
 
 // A normal descriptor task that logs its handler runs ("read", "write")
@@ -181,8 +175,7 @@ class SchedulerTest : public ::testing::Test {
     }
     // How many times `event` is in the history.
     long historyCount(const std::string& event) const {
-        const std::vector<std::string> lines = historyLines();
-        return std::count(lines.begin(), lines.end(), event);
+        return std::ranges::count(historyLines(), event);
     }
 
     std::shared_ptr<CountingCallbackControl> control;
