@@ -14,14 +14,10 @@
 namespace {
 
 using Velik::TaskPriority;
+using VelikTest::Family;
 using VelikTest::ProbeTask;
 
-using VelikTest::Family;
-
-class EndToEnd : public testing::TestWithParam<Family> {
-  protected:
-    void onPlatform(const std::function<void()>& body) { VelikTest::onFamily(GetParam(), body); }
-};
+using EndToEnd = testing::TestWithParam<Family>;
 
 struct LoggingHandler : Velik::Platform::TimeoutHandler, Velik::Platform::FdEventHandler {
     void timeout() override { log.push_back("timer"); }
@@ -37,7 +33,7 @@ struct LoggingHandler : Velik::Platform::TimeoutHandler, Velik::Platform::FdEven
 };
 
 TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
-    onPlatform([] {
+    VelikTest::onFamily(GetParam(), [] {
         auto root = Velik::schedulerRootVelik();
         LoggingHandler handler;
         const std::vector<std::string>& log = handler.log;
