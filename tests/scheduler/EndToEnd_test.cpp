@@ -2,7 +2,6 @@
 // platforms: the framework on the main thread, libevent on a thread with
 // thread-local singletons.
 #include <Velik/PlatformSelection.h>
-#include <Velik/TaskSchedulerRoot.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,19 +11,13 @@
 #include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using Velik::TaskPriority;
+using VelikTest::Family;
 using VelikTest::ProbeTask;
 
-using VelikTest::Family;
-
-class EndToEnd : public testing::TestWithParam<Family> {
-  protected:
-    void onPlatform(const std::function<void()>& body) { VelikTest::onFamily(GetParam(), body); }
-};
+using EndToEnd = testing::TestWithParam<Family>;
 
 struct LoggingHandler : Velik::Platform::TimeoutHandler, Velik::Platform::FdEventHandler {
     void timeout() override { log.push_back("timer"); }
@@ -40,7 +33,7 @@ struct LoggingHandler : Velik::Platform::TimeoutHandler, Velik::Platform::FdEven
 };
 
 TEST_P(EndToEnd, TasksInterleaveWithTimersAndDescriptors) {
-    onPlatform([] {
+    VelikTest::onFamily(GetParam(), [] {
         auto root = Velik::schedulerRootVelik();
         LoggingHandler handler;
         const std::vector<std::string>& log = handler.log;

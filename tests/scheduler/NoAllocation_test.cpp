@@ -3,8 +3,6 @@
 #include "scheduler/SchedulerFixture.h"
 #include "support/CountingAllocator.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using Velik::TaskPriority;
@@ -77,10 +75,9 @@ TEST_F(NoAllocationTest, APlainTaskWithANewNameTakesAtMost320Bytes) {
     constexpr int count = 1000;
     std::vector<std::shared_ptr<Plain>> tasks;
     tasks.reserve(count);
-    std::vector<std::string> names;
-    for (int i = 0; i < count; ++i) {
-        names.push_back("c" + std::to_string(i));
-    }
+    std::vector<std::string> names(count);
+    std::generate(names.begin(), names.end(),
+                  [i = 0]() mutable { return fmt::format("c{}", i++); });
     const std::size_t namesBefore = Velik::ConstStringCache::forThisThread().size();
     VelikTest::AllocationLog log;
     for (const std::string& name : names) {

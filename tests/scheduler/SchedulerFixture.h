@@ -181,8 +181,7 @@ class SchedulerTest : public ::testing::Test {
     }
     // How many times `event` is in the history.
     long historyCount(const std::string& event) const {
-        const std::vector<std::string> lines = historyLines();
-        return std::count(lines.begin(), lines.end(), event);
+        return std::ranges::count(historyLines(), event);
     }
 
     std::shared_ptr<CountingCallbackControl> control;
