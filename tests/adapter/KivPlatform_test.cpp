@@ -17,10 +17,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
-#include <limits>
-#include <stdexcept>
-#include <string>
 #include <thread>
 
 namespace {

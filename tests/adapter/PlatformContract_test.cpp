@@ -15,10 +15,6 @@
 
 #include <fcntl.h>
 
-#include <cmath>
-#include <functional>
-#include <limits>
-
 namespace {
 
 using namespace Velik;

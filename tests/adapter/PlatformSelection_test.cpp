@@ -41,17 +41,6 @@ TEST(FrameworkLoop, TimedLoopSetsTheExecutionTime) {
     Platform::setFastForward(false);
 }
 
-// (Its notifications are the fast-forward switch case's.)
-TEST(PlatformFastForward, SwitchesTheFrameworksVirtualTime) {
-    EXPECT_FALSE(Platform::fastForward());
-    Platform::setFastForward(true);
-    EXPECT_TRUE(config()->virtualTime());
-    EXPECT_FALSE(leFastForward());  // the libevent switch is a separate one
-    // A change made behind the platform's back is what `fastForward()` reads.
-    config()->virtualTimeIs(false);
-    EXPECT_FALSE(Platform::fastForward());
-}
-
 TEST(PlatformFastForward, AssertsOnThreadLocalSingletons) {
     VelikTest::onLoopThread([] {
         EXPECT_THAT(VelikTest::assertMessageOf([] { Platform::setFastForward(true); }),

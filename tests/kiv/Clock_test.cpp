@@ -3,12 +3,7 @@
 #include "Kiv/SteadyClock.h"
 #include "Kiv/Ticks.h"
 
-#include <algorithm>
-#include <cmath>
-#include <memory>
 #include <random>
-#include <utility>
-#include <vector>
 
 #include "kiv/KivLoop.h"
 

@@ -5,9 +5,7 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "Kiv/Exception.h"
 #include "kiv/KivLoop.h"

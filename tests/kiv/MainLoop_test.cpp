@@ -1,6 +1,5 @@
 #include "Kiv/MainLoop.h"
 
-#include <string>
 #include <thread>
 
 #include "Kiv/Exception.h"

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstdlib>
-
 namespace {
 
 std::int64_t monotonicNs() {

@@ -2,10 +2,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cerrno>
 #include <filesystem>
-#include <iterator>
-#include <tuple>
 
 namespace {
 

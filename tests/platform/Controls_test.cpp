@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-
 namespace {
 
 using namespace Velik::Platform;

@@ -48,7 +48,10 @@ TEST(FastForwardSwitch, NotifiesRealChangesOnlyAndOnlyOnTheMainThread) {
     Platform::setFastForward(true);
     Platform::setFastForward(true);
     EXPECT_EQ(notifications, 3);
+    EXPECT_TRUE(KivTest::config()->virtualTime());
+    EXPECT_FALSE(leFastForward());            // the libevent switch is a separate one
     KivTest::config()->virtualTimeIs(false);  // behind the platform's back
+    EXPECT_FALSE(Platform::fastForward());
     Platform::setFastForward(false);
     EXPECT_EQ(notifications, 3);
     fastForwardChangeNotifiers().erase(countNotification);

@@ -7,11 +7,6 @@
 #include <event2/event_struct.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
-
 namespace {
 
 class AdditionsTest : public testing::Test {

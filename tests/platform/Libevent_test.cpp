@@ -15,11 +15,6 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <vector>
-
 namespace {
 
 using namespace Velik;

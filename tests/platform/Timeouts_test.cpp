@@ -5,13 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
-#include <vector>
 
 namespace {
 

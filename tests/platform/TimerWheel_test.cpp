@@ -15,13 +15,8 @@
 
 #include <gmock/gmock.h>
 
-#include <cmath>
-#include <functional>
-#include <limits>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
