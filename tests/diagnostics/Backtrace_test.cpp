@@ -2,16 +2,12 @@
 // tracker of the latest ones.
 #include <Velik/Backtrace.h>
 #include <Velik/BacktraceTracker.h>
-#include <Velik/Exception.h>
 #include <Velik/Thread.h>
-
-#include <gtest/gtest.h>
 
 #include <deque>
 #include <future>
 #include <random>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -40,7 +40,6 @@ TEST(MappingsTest, ReadingEndsSilentlyWhereARecordDoesNotParse) {
     };
     using testing::ElementsAre;
     EXPECT_THAT(paths("1-2 r 0 0:0 0 /a b\n3-4 r 0 0:0 0 /c\n"), ElementsAre("/a"));
-    EXPECT_THAT(paths("1-2 r 0 0:0 0 /a (deleted)\n3-4 r 0 0:0 0 /c\n"), ElementsAre("/a"));
     EXPECT_THAT(paths("1-2 r 0 0:0 0 /a 5-6 w 0 0:0 0 /b\n3-4 r 0 0:0 0\n"),
                 ElementsAre("/a", "/b", ""));
     EXPECT_THAT(paths("1-2 r 0 0:0 0\nnot a record\n3-4 r 0 0:0 0 /c\n"), ElementsAre(""));

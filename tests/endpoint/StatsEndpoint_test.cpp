@@ -1,7 +1,6 @@
 // The stats endpoint on a real socket and a real loop, on both platforms and
 // under virtual time: the three replies, every refusal, and the socket file's
 // life.
-#include <Velik/Exception.h>
 #include <Velik/StatsEndpoint.h>
 #include <Velik/TaskStat.h>
 #include <rapidjson/document.h>

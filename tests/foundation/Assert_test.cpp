@@ -1,16 +1,11 @@
 // Exceptions and assertions: the exception family's texts, the assertion
 // macros' messages and trace, and how an assertion ends the process.
-#include <Velik/Assert.h>
 #include <Velik/Errno.h>
-#include <Velik/Exception.h>
 #include <Velik/TypeName.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <functional>
 #include <thread>
 
 #include "foundation/ChildProcess.h"

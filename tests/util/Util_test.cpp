@@ -3,11 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
 #include <cerrno>
-#include <fstream>
-#include <string>
 #include <tuple>
 #include <vector>
 
