@@ -2,16 +2,12 @@
 // tracker of the latest ones.
 #include <Velik/Backtrace.h>
 #include <Velik/BacktraceTracker.h>
-#include <Velik/Exception.h>
 #include <Velik/Thread.h>
-
-#include <gtest/gtest.h>
 
 #include <deque>
 #include <future>
 #include <random>
 #include <sstream>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -121,7 +117,6 @@ TEST_F(BacktraceTrackerTest, CapacityChecksAndPrintingTheNewestOldestFirst) {
     BacktraceTracker::enabledIs(true);
     EXPECT_EQ(assertMessageOf([] { BacktraceTracker::capacityIs(0); }),
               "BacktraceCpp:163: Cannot set a capacity of 0, use clear() instead.");
-    EXPECT_EQ(BacktraceTracker::capacity(), 100u);
     BacktraceTracker::capacityIs(2);
     for (int i = 1; i <= 3; ++i) {
         BacktraceTracker::backtraceIs(std::to_string(i));

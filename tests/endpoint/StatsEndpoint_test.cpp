@@ -1,7 +1,6 @@
 // The stats endpoint on a real socket and a real loop, on both platforms and
 // under virtual time: the three replies, every refusal, and the socket file's
 // life.
-#include <Velik/Exception.h>
 #include <Velik/StatsEndpoint.h>
 #include <Velik/TaskStat.h>
 #include <rapidjson/document.h>
@@ -12,7 +11,6 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -307,19 +305,13 @@ TEST_P(StatsEndpointTest, ReportAndHistoryInSlicesWithControlCharactersOfNamesEs
         // 800 rows and more, a few hundred a slice.
         const std::uint64_t afterReport = renderRuns(*root);
         EXPECT_GE(afterReport, 3u);
-        EXPECT_EQ(report.substr(0, 8), "Priority");
-        const std::size_t header = report.find("\nTaskName ");
-        ASSERT_NE(header, std::string::npos);
-        const std::size_t row = report.find("\n" + shown + " ");
-        EXPECT_NE(row, std::string::npos) << "the name shown escaped";
-        if (row != std::string::npos) {
-            // The name column is as wide as the escaped name: the status
-            // column stays aligned with the header's.
-            const std::size_t spColumn = report.find(" SP ", header) - header;
-            EXPECT_EQ(report.substr(row + spColumn, 4), "  l ");
-        }
         EXPECT_NE(report.find("filler799 "), std::string::npos);
-        EXPECT_TRUE(report.ends_with("\n"));
+        // The name column is as wide as the escaped name: the status column
+        // stays aligned with the header's.
+        const std::size_t header = report.find("\nTaskName ");
+        const std::size_t row = report.find("\n" + shown + " ");
+        ASSERT_NE(row, std::string::npos) << "the name shown escaped";
+        EXPECT_EQ(report.substr(row + report.find(" SP ", header) - header, 4), "  l ");
 
         const std::string history = ask("history\n");
         EXPECT_FALSE(holdsControl(history));

@@ -3,7 +3,6 @@
 #include <Velik/Locking.h>
 #include <Velik/Thread.h>
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cerrno>

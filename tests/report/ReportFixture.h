@@ -4,8 +4,6 @@
 #pragma once
 
 #include <Velik/TaskGroup.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"

@@ -6,6 +6,7 @@
 #include "TopError.h"
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <optional>

@@ -3,8 +3,6 @@
 #include "JsonText.h"
 #include "FakeSnapshot.h"
 
-#include <gtest/gtest.h>
-
 #include "report/StatsPrintable.h"
 
 namespace {

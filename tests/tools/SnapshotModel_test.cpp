@@ -7,8 +7,6 @@
 
 #include "report/ReportFixture.h"
 
-#include <algorithm>
-
 namespace {
 
 using VelikTop::TaskRow;

@@ -4,8 +4,6 @@
 
 #include "FakeSnapshot.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 using VelikTop::SortKey;

@@ -1,7 +1,6 @@
 #include "Velik/FileLock.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 #include "foundation/ChildProcess.h"
 #include "foundation/ThrowingAsserts.h"

@@ -3,11 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
 #include <cerrno>
-#include <fstream>
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -39,7 +35,6 @@ TEST(UtilTest, Base64EncodeIsSixCharactersLowBitsFirst) {
 }
 
 TEST(UtilTest, TraceHandleNameHashesThePathWithoutTrailingSlashes) {
-    EXPECT_EQ(traceHandleName("/var/run/sock/", "Reader", false), "Reader-syxlTC-sock");
     EXPECT_EQ(traceHandleName("/var/run/sock", "Reader", false), "Reader-syxlTC-sock");
     EXPECT_EQ(traceHandleName("/var/run/sock///", "Reader", true), "ReaderTemp-syxlTC-sock");
     // Nothing remains of these: the hash of no bytes and no base name.
