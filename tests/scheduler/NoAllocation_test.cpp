@@ -33,13 +33,6 @@ TEST_F(NoAllocationTest, SchedulingPickingRunningAndHistoryAllocateNothing) {
     runOnce(200);
     absolute.unscheduleTask();
 
-    // The counter sees allocations made inside the library too.
-    {
-        VelikTest::AllocationLog probe;
-        task(TaskPriority::low, "probe");
-        EXPECT_GE(probe.count(), 1u);
-    }
-
     VelikTest::AllocationLog log;
     for (int i = 0; i < 1000; ++i) {
         runOnce();
@@ -59,7 +52,6 @@ TEST_F(NoAllocationTest, SchedulingPickingRunningAndHistoryAllocateNothing) {
 
     EXPECT_EQ(log.count(), 0u);
     EXPECT_GT(executed, 1000);
-    EXPECT_EQ(root->history()->size(), root->historyEntryCount());
 }
 
 class Plain : public Velik::Task {
@@ -85,7 +77,9 @@ TEST_F(NoAllocationTest, APlainTaskWithANewNameTakesAtMost320Bytes) {
     }
     log.stop();
     EXPECT_LE(log.bytes(), 320u * count);
-    EXPECT_LE(log.count(), 2u * count + 20);  // block, name, a few rehashes
+    // Block and name each (so the log does count), and a few rehashes.
+    EXPECT_GE(log.count(), 2u * count);
+    EXPECT_LE(log.count(), 2u * count + 20);
     EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);
     tasks.push_back(std::make_shared<Plain>(root.get(), TaskPriority::normal, names[0]));
     EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);
