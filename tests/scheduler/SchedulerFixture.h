@@ -155,9 +155,8 @@ class SchedulerTest : public ::testing::Test {
         for (const std::string& event : events) {
             at = std::find(at, lines.rend(), event);
             if (at == lines.rend()) {
-                return ::testing::AssertionFailure()
-                       << "\"" << event << "\" missing or out of order in (newest first): "
-                       << ::testing::PrintToString(lines);
+                return ::testing::AssertionFailure() << event << " missing or out of order in "
+                                                     << ::testing::PrintToString(lines);
             }
             ++at;
         }
