@@ -51,12 +51,13 @@ TEST_F(TaskGroupTest, EachParentRunIsOnePassOrRunsUntilItsQuantum) {
             runOnce();
             EXPECT_EQ(letters(), expected) << row.alwaysRescheduling << row.multipleRuns;
         }
-        const auto& parent = *g->parentTask();
-        EXPECT_EQ(parent.workCountTotal(), row.workCount) << row.perParentRun[0];
-        EXPECT_EQ(parent.workPending(), row.pending) << row.perParentRun[0];
         // Queued, and busy, exactly while the group has work.
-        EXPECT_EQ(g->parentTaskScheduled(), row.pending != 0);
-        EXPECT_EQ(parent.taskBusy() && g->schedulerHasRunnableTasks(), row.pending != 0);
+        const auto& parent = *g->parentTask();
+        EXPECT_EQ(
+            std::tuple(parent.workCountTotal(), parent.workPending(), g->parentTaskScheduled(),
+                       parent.taskBusy() && g->schedulerHasRunnableTasks()),
+            std::tuple(row.workCount, row.pending, row.pending != 0, row.pending != 0))
+            << row.perParentRun[0];
         tasks[0]->scheduleTask();
         EXPECT_TRUE(g->parentTaskScheduled() && control->pending);
     }
