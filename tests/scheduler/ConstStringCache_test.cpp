@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <optional>
 
 namespace {
@@ -42,8 +41,7 @@ TEST(ConstStringCacheDeathTest, DestroyingWithOpenReferencesOrReleasingTooOftenA
     EXPECT_DEATH(
         {
             auto* cache = new ConstStringCache;
-            auto* held = new ConstStringRef(cache->intern("held"));
-            (void)held;
+            new ConstStringRef(cache->intern("held"));
             delete cache;
         },
         "ConstStringCache:.*Destroying ConstStringCache with open references");

@@ -17,12 +17,11 @@ constexpr bool isComplete = requires {
     sizeof(T);
 };
 
-static_assert(!isComplete<Velik::TaskStat>);
-static_assert(!isComplete<Velik::TaskSchedulerQueueStats>);
-static_assert(!isComplete<Velik::TaskSchedulerSnapshot>);
-static_assert(!isComplete<Velik::TaskSchedulerPrintContext>);
-static_assert(!isComplete<Velik::SnapshotRenderJsonTask>);
-// Held by pointer only, so not brought in either.
-static_assert(!isComplete<Velik::TaskSchedulerHistory>);
+// The history is held by pointer only, so not brought in either.
+static_assert(!isComplete<Velik::TaskStat> && !isComplete<Velik::TaskSchedulerQueueStats> &&
+              !isComplete<Velik::TaskSchedulerSnapshot> &&
+              !isComplete<Velik::TaskSchedulerPrintContext> &&
+              !isComplete<Velik::SnapshotRenderJsonTask> &&
+              !isComplete<Velik::TaskSchedulerHistory>);
 
 }  // namespace

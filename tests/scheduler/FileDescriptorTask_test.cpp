@@ -1,8 +1,5 @@
 #include <Velik/PlatformSelection.h>
-#include <sys/socket.h>
 #include <unistd.h>
-
-#include <stdexcept>
 
 #include "platform/LoopThread.h"
 #include "platform/Pipe.h"
@@ -37,9 +34,8 @@ TEST_F(FdTaskTest, WriteSideIsMadeOnDemandWithTheReadSidesSettings) {
     t->taskTestYieldRatioIs(3);
     t->taskWatchWritableIs(true);
     auto& w = *t->writeTask();
-    EXPECT_EQ(w.taskStatsName().str(), "stats:write");
-    EXPECT_TRUE(w.taskSuspended());
-    EXPECT_EQ(w.taskTestYieldRatio(), 3);
+    EXPECT_EQ(std::tuple(w.taskStatsName().str(), w.taskSuspended(), w.taskTestYieldRatio()),
+              std::tuple("stats:write", true, 3));
     t->taskQuantumIs(7ms);
     t->taskSuspendedIs(false);  // queues both sides, as unsuspending any task does
     EXPECT_EQ(w.taskQuantum(), 7ms);

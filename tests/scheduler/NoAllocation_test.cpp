@@ -77,10 +77,9 @@ TEST_F(NoAllocationTest, APlainTaskWithANewNameTakesAtMost320Bytes) {
     }
     log.stop();
     EXPECT_LE(log.bytes(), 320u * count);
-    // Block and name each (so the log does count), and a few rehashes.
-    EXPECT_GE(log.count(), 2u * count);
-    EXPECT_LE(log.count(), 2u * count + 20);
-    EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);
+    // Block and name each (so the log does count), and a few rehashes: fewer
+    // wraps round to a huge difference.
+    EXPECT_LE(log.count() - 2u * count, 20u);
     tasks.push_back(std::make_shared<Plain>(root.get(), TaskPriority::normal, names[0]));
     EXPECT_EQ(Velik::ConstStringCache::forThisThread().size(), namesBefore + count);
 }

@@ -3,9 +3,6 @@
 #pragma once
 
 #include <Velik/FileDescriptorTask.h>
-#include <Velik/Platform.h>
-#include <Velik/Task.h>
-#include <Velik/TaskScheduler.h>
 #include <Velik/TaskSchedulerHistory.h>
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/Time.h>
@@ -14,13 +11,9 @@
 #include "foundation/ThrowingAsserts.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
+#include <numeric>
 
 // The assertion raised by `statement` carries `text` in its message.
 #define EXPECT_ASSERT_TEXT(statement, text) \
@@ -30,10 +23,7 @@ namespace VelikTest {
 
 class CountingCallbackControl : public Velik::Platform::CallbackControl {
   public:
-    void requestCallback() override {
-        ++requests;
-        pending = true;
-    }
+    void requestCallback() override { ++requests, pending = true; }
     void cancelCallback() override { pending = false; }
     bool pendingCallback() const override { return pending; }
 
@@ -64,12 +54,10 @@ class ProbeTask : public Velik::Task {
         if (alwaysReschedule) {
             scheduleTask();
         }
-        if (body) {
-            body(*this);
-        }
+        body(*this);
     }
 
-    std::function<void(ProbeTask&)> body;
+    std::function<void(ProbeTask&)> body = [](ProbeTask&) {};
     bool alwaysReschedule = false;
 
   private:
@@ -82,12 +70,10 @@ class ProbeTimer : public Velik::TimerTask {
     using TimerTask::TimerTask;
     void taskExecute() override {
         runsAt.push_back(Velik::time());
-        if (body) {
-            body(*this);
-        }
+        body(*this);
     }
     std::vector<double> runsAt;
-    std::function<void(ProbeTimer&)> body;
+    std::function<void(ProbeTimer&)> body = [](ProbeTimer&) {};
 };
 
 // A normal descriptor task that logs its handler runs ("read", "write")
@@ -147,11 +133,9 @@ class SchedulerTest : public ::testing::Test {
 
     // The run log as one string of first letters: "HHHN...".
     std::string letters() const {
-        std::string out;
-        for (const std::string& name : log) {
-            out += name[0];
-        }
-        return out;
+        return std::accumulate(
+            log.begin(), log.end(), std::string(),
+            [](std::string out, const std::string& name) { return out + name[0]; });
     }
 
     // The history, newest first, as "type name".
@@ -171,9 +155,8 @@ class SchedulerTest : public ::testing::Test {
         for (const std::string& event : events) {
             at = std::find(at, lines.rend(), event);
             if (at == lines.rend()) {
-                return ::testing::AssertionFailure()
-                       << "\"" << event << "\" missing or out of order in (newest first): "
-                       << ::testing::PrintToString(lines);
+                return ::testing::AssertionFailure() << event << " missing or out of order in "
+                                                     << ::testing::PrintToString(lines);
             }
             ++at;
         }

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <limits>
-#include <stdexcept>
 
 namespace {
 
@@ -31,8 +30,7 @@ void passes() {
 struct Recorder : Platform::FdEventHandler, Platform::TimeoutHandler, Platform::CallbackHandler {
     std::shared_ptr<TaskSchedulerRoot> root = schedulerRootVelik();
     std::vector<std::string> log;
-    bool throws = false;
-    bool swallow = false;
+    bool throws = false, swallow = false;
     int hooks = 0;
 
     void note(const std::string& what) {

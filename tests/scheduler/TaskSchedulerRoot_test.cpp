@@ -10,7 +10,6 @@
 namespace {
 
 using Velik::TaskPriority;
-using Lines = std::vector<std::string>;
 
 class TaskSchedulerRootTest : public VelikTest::SchedulerTest {};
 
@@ -50,7 +49,7 @@ TEST_F(TaskSchedulerRootTest, SwitchesAreRecordedOnlyWhenTheyChange) {
         EXPECT_EQ(historyCount(once), 1) << once;
     }
     runUntilIdle();
-    EXPECT_EQ(log, Lines{"t"});
+    EXPECT_EQ(log, std::vector<std::string>{"t"});
     // Unsuspending requests a run even with nothing queued.
     root->suspendedIs(true);
     root->suspendedIs(false);
