@@ -2,7 +2,6 @@
 // trace lines, their default interest, and the lifetimes of handlers that
 // drop their control from inside a notification; and the framework-backed
 // platform lock.
-#include <Velik/Debug.h>
 #include <Velik/KivActivityLock.h>
 #include <Velik/KivPlatform.h>
 #include <Velik/Loco.h>
@@ -87,63 +86,40 @@ TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
 }
 
 // Handlers own their controls and may drop them from inside a throwing
-// notification; nothing of a destroyed control may be touched afterwards.
-struct SelfDropping : Platform::FdEventHandler,
-                      Platform::TimeoutHandler,
-                      Platform::CallbackHandler {
-    std::shared_ptr<Platform::FdControl> fd = Platform::getFdControl(this);
-    std::shared_ptr<Platform::TimerControl> timer = Platform::getTimerControl(this);
-    std::shared_ptr<Platform::CallbackControl> control = Platform::getCallbackControl(this);
-    std::vector<int> hookFds;
-    int hooks = 0;
-    void readFdEvent(int) override {
-        fd.reset();
-        throw std::runtime_error("reader gone");
-    }
-    void writeFdEvent(int) override {}
-    void timeout() override {
-        timer.reset();
-        throw std::runtime_error("timer gone");
-    }
-    void callback() override {
-        control.reset();
-        throw std::runtime_error("callback gone");
-    }
-    bool handleFdException(int fd) override {
-        hookFds.push_back(fd);
-        return true;
-    }
-    bool handleTimeoutException() override { return ++hooks, false; }
-    bool handleCallbackException() override { return ++hooks, false; }
-};
-
-// A new fd control wants nothing until asked.
+// notification; nothing of a destroyed control may be touched afterwards. A
+// new fd control wants nothing until asked.
 TEST(KivPlatformTest, ControlsDroppedInsideThrowingNotifications) {
     VelikTest::Pipe p;
     p.put();
-    SelfDropping handler;
-    handler.fd->setFd(p.fds[0]);
+    VelikTest::Recorder handler;
+    handler.throws = handler.swallow = true;
+    auto fd = Platform::getFdControl(&handler);
+    auto timer = Platform::getTimerControl(&handler);
+    auto callback = Platform::getCallbackControl(&handler);
+    handler.inside = [&] {  // drops the control that notifies
+        const char kind = handler.log.back()[0];
+        kind == 'r' ? fd.reset() : kind == 't' ? timer.reset() : callback.reset();
+    };
+    fd->setFd(p.fds[0]);
     pass();
     EXPECT_EQ(Kiv::activityManager()->mainLoop()->watchedCount(), 0u);
-    handler.fd->setReads(true);
+    fd->setReads(true);
     pass();
     EXPECT_EQ(handler.hookFds, (std::vector<int>{p.fds[0]}));
-    EXPECT_FALSE(handler.fd);
+    EXPECT_FALSE(fd);
     pass();  // detached by the destruction: nothing more
     EXPECT_EQ(handler.hookFds.size(), 1u);
 
-    handler.control->requestCallback();
+    handler.swallow = false;
+    callback->requestCallback();
     EXPECT_THROW(pass(), std::runtime_error);
-    EXPECT_FALSE(handler.control);
+    EXPECT_FALSE(callback);
     EXPECT_EQ(handler.hooks, 1);  // the callback hook, asked before the control went
-    handler.timer->setTimeout(0.0);
+    timer->setTimeout(0.0);
     EXPECT_THROW(pass(), std::runtime_error);
-    EXPECT_FALSE(handler.timer);
+    EXPECT_FALSE(timer);
     pass();  // the loop is still usable
 }
-
-using Velik::Platform::loco;
-using Velik::Platform::LocoGuard;
 
 // Taking the lock again on the thread that holds it is answered, not thrown,
 // and releases nothing: only the outermost holder lets go. Another thread's
@@ -163,24 +139,21 @@ TEST(ActivityLockTest, ReLockByHolderIsToleratedAndReleasesNothing) {
     EXPECT_EQ(raw.unlock(), 0);
 
     {
-        LocoGuard outer;
+        Platform::LocoGuard outer;
         EXPECT_TRUE(outer.releases());
-        {
-            LocoGuard inner;
-            EXPECT_FALSE(inner.releases());
-        }
-        EXPECT_TRUE(loco().owns_lock()) << "the inner guard must not release the outer's lock";
+        EXPECT_FALSE(Platform::LocoGuard().releases());
+        EXPECT_TRUE(Platform::loco().owns_lock()) << "the inner guard must not release the lock";
     }
-    EXPECT_FALSE(loco().owns_lock());
+    EXPECT_FALSE(Platform::loco().owns_lock());
 }
 
 TEST(LocoGuardTest, ExcludesOtherThreads) {
     std::atomic<bool> taken{false};
     std::thread other;
     {
-        LocoGuard guard;
+        Platform::LocoGuard guard;
         other = std::thread([&] {
-            LocoGuard g;
+            Platform::LocoGuard g;
             taken = true;
         });
         std::this_thread::yield();
