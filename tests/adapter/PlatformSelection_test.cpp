@@ -4,12 +4,9 @@
 #include "platform/LoopThread.h"
 #include "platform/Recorder.h"
 
-#include <Velik/FastForward.h>
 #include <Velik/PlatformSelection.h>
-#include <Velik/Time.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace {
 

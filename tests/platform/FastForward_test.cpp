@@ -6,10 +6,7 @@
 #include "platform/LoopThread.h"
 #include "platform/Recorder.h"
 
-#include <Velik/FastForward.h>
-#include <Velik/LibeventFactory.h>
 #include <Velik/PlatformSelection.h>
-#include <Velik/Time.h>
 
 #include <gmock/gmock.h>
 #include <unistd.h>
@@ -30,9 +27,7 @@ struct Timer : VelikTest::Recorder {
 using FastForwardTest = VelikTest::LeFastForwardTest;
 
 int notifications = 0;
-void countNotification() {
-    ++notifications;
-}
+void (*const countNotification)() = [] { ++notifications; };
 
 TEST(FastForwardSwitch, NotifiesRealChangesOnlyAndOnlyOnTheMainThread) {
     leRegisterFastForwardChangeNotifier(countNotification);

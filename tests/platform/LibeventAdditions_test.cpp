@@ -55,25 +55,6 @@ class AdditionsTest : public testing::Test {
     std::vector<std::string> log;
 };
 
-TEST_F(AdditionsTest, FirstTimeoutSeesTimersDescriptorsAndCommonTimeouts) {
-    timeval out{123, 456};
-    EXPECT_NE(event_base_get_first_timeout(base, &out), 0);
-    add("reader", -1, fds[0], EV_READ | EV_PERSIST);  // no time-out: no timer
-    EXPECT_NE(event_base_get_first_timeout(base, &out), 0);
-    EXPECT_EQ(out.tv_sec, 123);  // untouched
-
-    add("timer", 30);
-    add("later", 60);
-    EXPECT_NEAR(firstFromNow(), 30, 0.01);
-    event* watched = add("watched", 10, fds[0], EV_READ);
-    EXPECT_NEAR(firstFromNow(), 10, 0.01);
-    event_del(watched);
-    EXPECT_NEAR(firstFromNow(), 30, 0.01);
-    timeval common{5, 0};
-    event_add(add("common", -1), event_base_init_common_timeout(base, &common));
-    EXPECT_NEAR(firstFromNow(), 5, 0.01);
-}
-
 // Added out of order, with descriptor events and a common time-out among
 // them: each moves by exactly the offset, those pulled into the past fire in
 // their old order, descriptor events keep watching their descriptor, and a
@@ -116,15 +97,6 @@ TEST_F(AdditionsTest, SubtractMovesEveryTimerExactlyAndKeepsTheirOrder) {
     subtract(shift);
     onePass();
     EXPECT_EQ(log.back(), "t5");
-}
-
-TEST_F(AdditionsTest, PersistentTimerKeepsItsPeriod) {
-    event* periodic = add("p", 10, -1, EV_PERSIST);
-    timeval expected = periodic->ev_timeout;  // one period after the shifted expiry
-    subtract({10, 0});
-    onePass();
-    ASSERT_EQ(log, (std::vector<std::string>{"p"}));
-    EXPECT_NEAR(seconds(periodic->ev_timeout), seconds(expected), 0.01);
 }
 
 }  // namespace

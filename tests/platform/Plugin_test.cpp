@@ -9,12 +9,10 @@ namespace {
 using namespace Velik::Platform;
 
 // Loads through the test plug-ins that tests/CMakeLists.txt builds, and
-// reads what "VelikPlugin" writes. A repeated run finds the plug-in loaded
-// from the start.
+// reads the failure "VelikPlugin" reports.
 TEST(Plugin, LoadsOnceAndReportsAMissingLibrary) {
     VelikTest::Scratch traces;
     setupVelikDebug("VelikPlugin");
-    const bool loadedBefore = findPlugin("VelikTestPlugin") != nullptr;
     Plugin* p = loadPlugin("VelikTestPlugin");
     EXPECT_EQ(loadPlugin("VelikTestPlugin"), p);
     EXPECT_EQ(loadPlugin("VelikNoSuchPlugin"), nullptr);
@@ -23,9 +21,6 @@ TEST(Plugin, LoadsOnceAndReportsAMissingLibrary) {
     EXPECT_EQ(p->pluginName(), "VelikTestPlugin");
     EXPECT_EQ(findPlugin("VelikTestPlugin"), p);
     EXPECT_EQ(findPlugin("VelikNoSuchPlugin"), nullptr);
-    EXPECT_EQ(traces.traced("2 adding plugin VelikTestPlugin"), !loadedBefore);
-    EXPECT_EQ(traces.traced("2 Yay!  Plugin VelikTestPlugin loaded"), !loadedBefore);
-    EXPECT_TRUE(traces.traced("3 VelikTestPlugin already loaded"));
     EXPECT_TRUE(
         traces.traced("0 Failed to load plugin VelikNoSuchPlugin: libVelikNoSuchPlugin.so: "
                       "cannot open shared object file: No such file or directory"));
