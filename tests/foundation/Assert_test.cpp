@@ -72,29 +72,28 @@ struct NoisyDestructor {
 // In a forked child, where standard error can be read whole: one abort line
 // after the level-0 trace line, and no unwinding.
 TEST(AssertDeathTest, AbortWritesExactlyOneLine) {
-    const std::string line = "Velik::Assert aborting because: SomeCpp:41: broken 7\n";
     const auto child = VelikTest::runInChild([] {
         NoisyDestructor noisy;
         Velik::Impl::assertFailed("SomeCpp", 41, false, "fn", nullptr, "broken {}", 7);
     });
-    const std::string& text = child.stderrText;
-    EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT) << text;
-    EXPECT_NE(text.find("\n" + line), std::string::npos) << text;
-    EXPECT_EQ(text.find("aborting"), text.rfind("aborting")) << text;
-    EXPECT_EQ(text.find("destructor ran"), std::string::npos) << text;
+    EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT);
+    EXPECT_TRUE(
+        RE::FullMatch(child.stderrText, RE("[^\n]* Velik/0 [^\n]*SomeCpp:41: broken 7\n"
+                                           "Velik::Assert aborting because: SomeCpp:41: broken 7\n"
+                                           "(terminate [^\n]*\n)?")))
+        << child.stderrText;
 }
 
 // Each class is named by its demangled type name.
 template <typename... E>
 void expectEachThrowsExactlyItsOwnClass() {
     const auto check = []<typename T>(T*) {
-        const std::string name = Velik::typeName(typeid(T).name());
         try {
             T::throwException("why");
         } catch (const Velik::Exception& e) {
-            EXPECT_EQ(typeid(e), typeid(T)) << name;
-            EXPECT_EQ(e.msg(), name + "(\"why\")");
-            EXPECT_GT(e.backtrace().count(), 0u) << name;
+            EXPECT_EQ(typeid(e), typeid(T)) << e.msg();
+            EXPECT_EQ(e.msg(), Velik::typeName(typeid(T).name()) + "(\"why\")");
+            EXPECT_GT(e.backtrace().count(), 0u) << e.msg();
         }
     };
     (check(static_cast<E*>(nullptr)), ...);
@@ -126,10 +125,8 @@ TEST(StrerrorTest, GivesTheSystemTextLeavesErrnoAloneAndKeepsABufferPerThread) {
         EXPECT_EQ(errno, callers);
     }
     const char* mine = Velik::strerror(-1);
-    std::string theirs;
-    std::thread([&] { theirs = Velik::strerror(888888); }).join();
+    std::thread([] { EXPECT_STREQ(Velik::strerror(888888), "Unknown error 888888"); }).join();
     EXPECT_STREQ(mine, "Unknown error -1");
-    EXPECT_EQ(theirs, "Unknown error 888888");
 }
 
 }  // namespace
