@@ -7,7 +7,6 @@
 #include <deque>
 #include <future>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "foundation/ThrowingAsserts.h"

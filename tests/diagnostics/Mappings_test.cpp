@@ -2,10 +2,8 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 

@@ -3,9 +3,6 @@
 #include <Velik/Errno.h>
 #include <Velik/TypeName.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <thread>
 
 #include "foundation/ChildProcess.h"

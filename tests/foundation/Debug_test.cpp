@@ -3,7 +3,6 @@
 #include <Velik/KivDebug.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 namespace {
 

@@ -3,9 +3,6 @@
 #include <Velik/Locking.h>
 #include <Velik/Thread.h>
 
-#include <pthread.h>
-
-#include <cerrno>
 #include <future>
 
 #include "foundation/ThrowingAsserts.h"

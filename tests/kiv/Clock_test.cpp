@@ -1,6 +1,5 @@
 // The framework clock and loop: notifiees in order, the loop's thread, the
 // processor tick counter and the steady clock.
-#include "Kiv/Clock.h"
 #include "Kiv/Exception.h"
 #include "Kiv/SteadyClock.h"
 #include "Kiv/Ticks.h"
@@ -8,7 +7,6 @@
 #include <gmock/gmock.h>
 
 #include <random>
-#include <thread>
 
 #include "kiv/KivLoop.h"
 

@@ -3,11 +3,10 @@
 // detaching, exceptions through the loop).
 #include "Kiv/FileDescriptor.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "Kiv/Exception.h"
+
 #include "kiv/KivLoop.h"
 #include "platform/Pipe.h"
 

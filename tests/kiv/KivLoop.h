@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <limits>
-
 #include "Kiv/ActivityManager.h"
 #include "Kiv/System.h"
 

@@ -1,7 +1,6 @@
 #include <Kiv/Trace.h>
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 

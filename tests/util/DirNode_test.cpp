@@ -3,7 +3,6 @@
 #include <Velik/Exception.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
