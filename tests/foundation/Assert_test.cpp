@@ -13,7 +13,6 @@ namespace {
 using testing::internal::RE;
 using VelikTest::assertMessageOf;
 
-// Each failed assertion is first traced at level 0 through the default handle.
 TEST(AssertTest, MacrosNameSourceAndFunctionAndEvaluateArgumentsOnlyOnFailure) {
     int evaluated = 0;
     VELIK_ASSERT(true, "{}", ++evaluated);
@@ -24,12 +23,8 @@ TEST(AssertTest, MacrosNameSourceAndFunctionAndEvaluateArgumentsOnlyOnFailure) {
          "Assert_testCpp:operator\\(\\):[0-9]+: queue 7 corrupt"},
     };
     for (const auto& [body, pattern] : cases) {
-        testing::internal::CaptureStderr();
         const std::string message = assertMessageOf(body);
-        const std::string trace = testing::internal::GetCapturedStderr();
         EXPECT_TRUE(RE::FullMatch(message, RE(pattern))) << message;
-        EXPECT_TRUE(RE::PartialMatch(trace, RE(std::string("Velik/0 .*") + pattern + "\n")))
-            << trace;
     }
 }
 

@@ -1,8 +1,7 @@
-// The framework clock and loop: notifiees in order, the loop's thread, the
-// processor tick counter and the steady clock.
+// The framework clock and loop: notifiees in order, the loop's thread and
+// the steady clock.
 #include "Kiv/Exception.h"
 #include "Kiv/SteadyClock.h"
-#include "Kiv/Ticks.h"
 
 #include <gmock/gmock.h>
 
@@ -144,19 +143,6 @@ TEST_F(MainLoopTest, OnlyTheLoopsThreadMayEnterItWhileItRuns) {
     inner.timeMinIs(0.0);
     std::thread([] { Kiv::System::doRun(); }).join();
     EXPECT_EQ(inner.deliveries, 2);
-}
-
-// Over 2 ms of steady-clock time the counter moves about four calibrated
-// 500 us steps; preemption stretches both clocks alike.
-TEST(TicksTest, CounterAdvancesAtTheCalibratedRate) {
-    const auto start = std::chrono::steady_clock::now();
-    const std::uint64_t startTicks = Kiv::ticks();
-    auto now = start;
-    while (now - start < std::chrono::milliseconds(2)) {
-        now = std::chrono::steady_clock::now();
-    }
-    const double steps = double(Kiv::ticks() - startTicks) / Kiv::ticksPer500Microseconds();
-    EXPECT_NEAR(steps / (std::chrono::duration<double>(now - start).count() / 500e-6), 1.0, 0.3);
 }
 
 // Readings never step back, also across re-measurements of the counter's
