@@ -20,12 +20,9 @@ using VelikTest::assertMessageOf;
 
 // Keeps the recursion from being folded into a loop or a tail call.
 __attribute__((noinline)) uint32_t framesAtDepth(int depth) {
-    if (depth > 0) {
-        const uint32_t count = framesAtDepth(depth - 1);
-        asm volatile("" ::: "memory");
-        return count;
-    }
-    return Backtrace(true).count();
+    const uint32_t count = depth > 0 ? framesAtDepth(depth - 1) : Backtrace(true).count();
+    asm volatile("" ::: "memory");
+    return count;
 }
 
 __attribute__((noinline)) void* firstFrameHere(Backtrace& backtrace) {
@@ -77,13 +74,10 @@ TEST(BacktraceTest, OnlyAVerbosityOfExactlyZeroSilences) {
     unsetenv(variable);
 }
 
-class BacktraceTrackerTest : public testing::Test {
-  protected:
+// Off and empty before and after each case.
+struct BacktraceTrackerTest : testing::Test {
     void SetUp() override { TearDown(); }
-    void TearDown() override {
-        BacktraceTracker::enabledIs(false);
-        BacktraceTracker::clear();
-    }
+    void TearDown() override { BacktraceTracker::enabledIs(false), BacktraceTracker::clear(); }
 };
 
 // Capacity is set only while on, and never to zero; the newest are printed

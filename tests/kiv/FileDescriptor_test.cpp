@@ -26,11 +26,8 @@ struct Listener : Kiv::FileDescriptor::Notifiee {
 
 // Runs end after a second of framework time, so that a descriptor the loop
 // misses fails the test instead of blocking it.
-class FileDescriptorTest : public LoopTest {
-    void SetUp() override {
-        LoopTest::SetUp();
-        config()->executionTimeIs(1.0);
-    }
+struct FileDescriptorTest : LoopTest {
+    void SetUp() override { LoopTest::SetUp(), config()->executionTimeIs(1.0); }
 };
 
 TEST_F(FileDescriptorTest, WriteInterestIsUsedUpBeforeTheNotificationThatRenewsIt) {

@@ -19,8 +19,7 @@ inline double now() {
     return Kiv::System::currentTime();
 }
 
-class Timer : public Kiv::Clock::Notifiee {
-  public:
+struct Timer : Kiv::Clock::Notifiee {
     explicit Timer(std::function<void()> act = {}) : Notifiee(config()->clock()), action(act) {}
     void onTime() override {
         ++deliveries;
@@ -34,14 +33,14 @@ class Timer : public Kiv::Clock::Notifiee {
 
 // Every test leaves the process loop as it found it: real time, no run limit,
 // nothing armed and nothing watched (a leak here would stall later tests).
-class LoopTest : public ::testing::Test {
-  protected:
+struct LoopTest : ::testing::Test {
     void SetUp() override { config()->virtualTimeIs(true); }
     void TearDown() override {
         config()->virtualTimeIs(false);
         config()->executionTimeIs(kNever);
-        EXPECT_EQ(Kiv::activityManager()->clock()->armedCount(), 0u);
-        EXPECT_EQ(Kiv::activityManager()->mainLoop()->watchedCount(), 0u);
+        EXPECT_EQ(std::pair(Kiv::activityManager()->clock()->armedCount(),
+                            Kiv::activityManager()->mainLoop()->watchedCount()),
+                  std::pair(0ul, 0ul));
     }
 };
 

@@ -38,13 +38,10 @@ TEST(TraceSettings, StarMatchesAnyRun) {
     }
 }
 
-class TraceEnv : public ::testing::Test {
-  protected:
+struct TraceEnv : ::testing::Test {
     void TearDown() override {
-        for (const char* name : {"TRACE", "TRACEFORMAT", "TRACEFILE"}) {
-            unsetenv(name);
-        }
-        TraceManager::instance().readEnvironment();
+        unsetenv("TRACEFILE");
+        apply("");
     }
     static void apply(const char* trace) {
         setenv("TRACE", trace, 1);
