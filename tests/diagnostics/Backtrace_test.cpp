@@ -41,11 +41,7 @@ TEST(BacktraceTest, WalkFromTheCallerUpToOneHundredFramesOnItsOwnThread) {
     EXPECT_EQ(framesAtDepth(150), Backtrace::maxFrames);
     const uint32_t shallow = framesAtDepth(10);
     EXPECT_TRUE(shallow > 10 && shallow < Backtrace::maxFrames) << shallow;
-    const auto [tid, captured] = std::async(std::launch::async, [] {
-                                     return std::make_pair(Velik::gettid(), Backtrace(true).tid());
-                                 }).get();
-    EXPECT_EQ(captured, tid);
-    EXPECT_NE(captured, Velik::gettid());
+    std::async(std::launch::async, [] { EXPECT_EQ(Backtrace(true).tid(), Velik::gettid()); }).get();
 }
 
 TEST(BacktraceTest, PrettyHasAHeaderAndOneResolvedLinePerFrame) {

@@ -9,20 +9,13 @@
 
 namespace {
 
-using Velik::Locking::ConditionalGuard;
 using VelikTest::assertMessageOf;
 
 const std::string notHeld = "attempting to release a lock that is not currently held, owner:";
 const std::string noOwner = "thread::id of a non-executing thread";
 
-std::string me() {
-    return Velik::toThreadIdString(std::this_thread::get_id());
-}
-
-template <typename Body>
-auto onOtherThread(Body body) {
-    return std::async(std::launch::async, body).get();
-}
+const auto me = [] { return Velik::toThreadIdString(std::this_thread::get_id()); };
+const auto onOtherThread = [](auto body) { return std::async(std::launch::async, body).get(); };
 
 // The unlock assertion raised on another thread, with that thread's id.
 template <typename L>
@@ -59,17 +52,6 @@ TEST(RecursiveLockTest, OwnerSurvivesUntilTheOutermostUnlock) {
     EXPECT_EQ(assertMessageOf([&] { lock.unlock(); }), "LockingCpp:64: RecursiveLock::unlock() " +
                                                            notHeld + noOwner + " me:" + me() +
                                                            " lockCount:0");
-}
-
-TEST(ConditionalGuardTest, ReleasesOnlyWhenAskedAndStillHeld) {
-    VelikTest::ThrowingAsserts throwing;  // a second release would assert
-    Velik::Locking::Lock lock;
-    ConditionalGuard(lock).releaseIs(false);
-    EXPECT_TRUE(lock.owns_lock()) << "handed on";
-    lock.unlock();
-    (ConditionalGuard(lock), lock.unlock());  // released under the guard
-    ConditionalGuard{lock};
-    EXPECT_FALSE(lock.owns_lock());
 }
 
 std::string systemThreadName() {

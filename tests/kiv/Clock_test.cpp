@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <random>
+#include <ranges>
 
 #include "kiv/KivLoop.h"
 
@@ -38,13 +39,8 @@ TEST_F(ClockTest, CrowdArrivesByTimeThenArming) {
         }
         timers[i]->timeMinIs(t);
     }
-    for (int i = 0; i < kCount; ++i) {
-        if (arming[i] >= 0) {
-            expected.push_back(i);
-        } else {
-            EXPECT_EQ(timers[i]->timeMin(), kNever);
-        }
-    }
+    std::ranges::copy_if(std::views::iota(0, kCount), std::back_inserter(expected),
+                         [&](int i) { return arming[i] >= 0; });
     std::ranges::sort(expected, {},
                       [&](int i) { return std::pair(timers[i]->timeMin(), arming[i]); });
     EXPECT_EQ(config()->clock()->nextTime(), timers[expected.front()]->timeMin());

@@ -11,21 +11,15 @@ namespace KivTest {
 
 inline constexpr double kNever = std::numeric_limits<double>::infinity();
 
-inline Kiv::ActivityManagerConfig* config() {
-    return Kiv::activityManager()->config();
-}
-
-inline double now() {
-    return Kiv::System::currentTime();
-}
+inline const auto config = [] { return Kiv::activityManager()->config(); };
+inline const auto now = [] { return Kiv::System::currentTime(); };
 
 struct Timer : Kiv::Clock::Notifiee {
-    explicit Timer(std::function<void()> act = {}) : Notifiee(config()->clock()), action(act) {}
+    explicit Timer(std::function<void()> act = [] {})
+        : Notifiee(config()->clock()), action(std::move(act)) {}
     void onTime() override {
         ++deliveries;
-        if (action) {
-            action();
-        }
+        action();
     }
     std::function<void()> action;
     int deliveries = 0;

@@ -19,8 +19,7 @@ TEST(PtrTest, LastReferenceDeletesTheObject) {
         int destroyed = 0;
         Kiv::Ptr<Counted> a(new Counted(&destroyed));
         {
-            Kiv::Ptr<Counted> b = a;
-            Kiv::Ptr<Counted> c = std::move(b);
+            Kiv::Ptr<Counted> b = a, c = std::move(b);
             EXPECT_EQ(b, nullptr);
             Kiv::Ptr<Counted> raw(a.get());  // a raw pointer adds a reference too
             EXPECT_EQ(a->references(), 3);

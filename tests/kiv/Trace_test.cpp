@@ -28,16 +28,6 @@ TEST(TraceSettings, ParsedListedBackAndRejected) {
     }
 }
 
-TEST(TraceSettings, StarMatchesAnyRun) {
-    const std::tuple<const char*, const char*, bool> cases[] = {
-        {"V*l*t", "VelikLibevent", true}, {"*ab", "aab", true},     {"Velik", "VelikUtil", false},
-        {"*Util", "VelikPlugin", false},  {"Kiv*", "Velik", false},
-    };
-    for (const auto& [pattern, name, matches] : cases) {
-        EXPECT_EQ(Kiv::traceNameMatches(pattern, name), matches) << pattern << " " << name;
-    }
-}
-
 struct TraceEnv : ::testing::Test {
     void TearDown() override {
         unsetenv("TRACEFILE");

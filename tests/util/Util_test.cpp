@@ -74,10 +74,7 @@ TEST(MkpathTest, CreatesParentsWithTheExactModeAndReportsTheFailingMkdir) {
 
 using Names = std::vector<std::string>;
 
-Names sorted(Names names) {
-    std::sort(names.begin(), names.end());
-    return names;
-}
+const auto sorted = [](Names names) { return std::ranges::sort(names), names; };
 
 TEST(DirNodeTest, FindFilesMatchesFilesAndLinksByExtensionAndRewindsFirst) {
     VelikTest::Scratch dir;
