@@ -1,11 +1,9 @@
 #include "Velik/TypeName.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include "Velik/Assert.h"
 

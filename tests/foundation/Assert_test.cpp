@@ -2,10 +2,8 @@
 // macros' messages and trace, and how an assertion ends the process.
 #include <Velik/Errno.h>
 #include <Velik/TypeName.h>
+#include <gmock/gmock.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <thread>
 
 #include "foundation/ChildProcess.h"
@@ -13,27 +11,17 @@
 
 namespace {
 
-using testing::internal::RE;
+using testing::MatchesRegex;
 using VelikTest::assertMessageOf;
 
-// Each failed assertion is first traced at level 0 through the default handle.
 TEST(AssertTest, MacrosNameSourceAndFunctionAndEvaluateArgumentsOnlyOnFailure) {
     int evaluated = 0;
     VELIK_ASSERT(true, "{}", ++evaluated);
     EXPECT_EQ(evaluated, 0);
-    const std::pair<std::function<void()>, const char*> cases[] = {
-        {[] { VELIK_ASSERT(1 > 2, "n:{}", 3); }, "Assert_testCpp:[0-9]+: n:3"},
-        {[] { VELIK_ASSERT_STREAM(false, "queue " << 7 << " corrupt"); },
-         "Assert_testCpp:operator\\(\\):[0-9]+: queue 7 corrupt"},
-    };
-    for (const auto& [body, pattern] : cases) {
-        testing::internal::CaptureStderr();
-        const std::string message = assertMessageOf(body);
-        const std::string trace = testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(RE::FullMatch(message, RE(pattern))) << message;
-        EXPECT_TRUE(RE::PartialMatch(trace, RE(std::string("Velik/0 .*") + pattern + "\n")))
-            << trace;
-    }
+    EXPECT_THAT(assertMessageOf([] { VELIK_ASSERT(1 > 2, "n:{}", 3); }),
+                MatchesRegex("Assert_testCpp:[0-9]+: n:3"));
+    EXPECT_THAT(assertMessageOf([] { VELIK_ASSERT_STREAM(false, "queue " << 7 << " corrupt"); }),
+                MatchesRegex("Assert_testCpp:operator\\(\\):[0-9]+: queue 7 corrupt"));
 }
 
 // Keeps, as one line, everything an assertion hands to its handler.
@@ -72,29 +60,27 @@ struct NoisyDestructor {
 // In a forked child, where standard error can be read whole: one abort line
 // after the level-0 trace line, and no unwinding.
 TEST(AssertDeathTest, AbortWritesExactlyOneLine) {
-    const std::string line = "Velik::Assert aborting because: SomeCpp:41: broken 7\n";
     const auto child = VelikTest::runInChild([] {
         NoisyDestructor noisy;
         Velik::Impl::assertFailed("SomeCpp", 41, false, "fn", nullptr, "broken {}", 7);
     });
-    const std::string& text = child.stderrText;
-    EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT) << text;
-    EXPECT_NE(text.find("\n" + line), std::string::npos) << text;
-    EXPECT_EQ(text.find("aborting"), text.rfind("aborting")) << text;
-    EXPECT_EQ(text.find("destructor ran"), std::string::npos) << text;
+    EXPECT_TRUE(WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT);
+    EXPECT_THAT(child.stderrText,
+                MatchesRegex("[^\n]* Velik/0 [^\n]*SomeCpp:41: broken 7\n"
+                             "Velik::Assert aborting because: SomeCpp:41: broken 7\n"
+                             "(terminate [^\n]*\n)?"));
 }
 
 // Each class is named by its demangled type name.
 template <typename... E>
 void expectEachThrowsExactlyItsOwnClass() {
     const auto check = []<typename T>(T*) {
-        const std::string name = Velik::typeName(typeid(T).name());
         try {
             T::throwException("why");
         } catch (const Velik::Exception& e) {
-            EXPECT_EQ(typeid(e), typeid(T)) << name;
-            EXPECT_EQ(e.msg(), name + "(\"why\")");
-            EXPECT_GT(e.backtrace().count(), 0u) << name;
+            EXPECT_EQ(typeid(e), typeid(T)) << e.msg();
+            EXPECT_EQ(e.msg(), Velik::typeName(typeid(T).name()) + "(\"why\")");
+            EXPECT_GT(e.backtrace().count(), 0u) << e.msg();
         }
     };
     (check(static_cast<E*>(nullptr)), ...);
@@ -126,10 +112,8 @@ TEST(StrerrorTest, GivesTheSystemTextLeavesErrnoAloneAndKeepsABufferPerThread) {
         EXPECT_EQ(errno, callers);
     }
     const char* mine = Velik::strerror(-1);
-    std::string theirs;
-    std::thread([&] { theirs = Velik::strerror(888888); }).join();
+    std::thread([] { EXPECT_STREQ(Velik::strerror(888888), "Unknown error 888888"); }).join();
     EXPECT_STREQ(mine, "Unknown error -1");
-    EXPECT_EQ(theirs, "Unknown error 888888");
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -18,26 +18,20 @@ struct ChildResult {
 };
 
 inline ChildResult runInChild(const std::function<void()>& body) {
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0) {
-        std::abort();
-    }
+    FILE* output = std::tmpfile();  // shared with the child: read once it has ended
     const pid_t pid = fork();
     if (pid == 0) {
-        close(pipeFds[0]);
-        dup2(pipeFds[1], STDERR_FILENO);
-        close(pipeFds[1]);
+        dup2(fileno(output), STDERR_FILENO);
         body();
         _exit(0);
     }
-    close(pipeFds[1]);
     ChildResult result;
-    char chunk[4096];
-    for (ssize_t n; (n = read(pipeFds[0], chunk, sizeof chunk)) > 0;) {
-        result.stderrText.append(chunk, static_cast<size_t>(n));
-    }
-    close(pipeFds[0]);
     waitpid(pid, &result.status, 0);
+    std::rewind(output);
+    for (int c; (c = std::fgetc(output)) != EOF;) {
+        result.stderrText += static_cast<char>(c);
+    }
+    std::fclose(output);
     return result;
 }
 

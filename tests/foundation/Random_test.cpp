@@ -1,13 +1,7 @@
-// Random numbers and hashing: the process seed and the drawing of strings,
-// and the hash mix over any alignment.
+// Random numbers: the process seed fixes the numbers and strings drawn.
 #include "Velik/Random.h"
-#include "Velik/HashMix.h"
 
 #include <gtest/gtest.h>
-
-#include <array>
-#include <cstdlib>
-#include <string>
 
 namespace {
 
@@ -47,50 +41,6 @@ TEST(RandomDeathTest, FirstSetSeedFixesTheSeedForTheProcess) {
             "^(Velik::Random::setSeed\\(\\), setting seed to " + std::string(c.printed) +
                 "\n){2}$");
     }
-}
-
-// A model of the drawing: rand() modulo 63 into the alphabet, whose
-// terminating zero (index 62) is drawn on purpose and kept.
-TEST(RandomTest, RandomStringDrawsRandModulo63AndKeepsNul) {
-    const std::string alphabet("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz",
-                               63);
-    std::srand(11);
-    std::string expected;
-    for (int i = 0; i < 1000; ++i) {
-        expected.push_back(alphabet[std::rand() % 63]);
-    }
-    const int next = std::rand();
-    std::srand(11);
-    EXPECT_EQ(Random::randomString(1000), expected);
-    EXPECT_EQ(Random::randomString(0), "");
-    EXPECT_EQ(std::rand(), next) << "an empty string draws nothing";
-    EXPECT_NE(expected.find('\0'), std::string::npos);
-}
-
-// All bytes distinct and half with the top bit set, so that a misplaced,
-// byte-swapped or sign-extended word changes the result.
-constexpr std::array<unsigned char, 16> sample = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
-                                                  0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
-
-template <typename H>
-void expectSameHashAtEveryAlignment() {
-    const auto mixed = [](const unsigned char* at, size_t n) { return H(9).mix(at, n).value(); };
-    const auto reference = mixed(sample.data(), 13);
-    alignas(8) std::array<unsigned char, sample.size() + 8> buffer{};
-    for (size_t offset = 0; offset < 8; ++offset) {
-        std::copy(sample.begin(), sample.end(), buffer.begin() + offset);
-        const unsigned char* at = buffer.data() + offset;
-        EXPECT_EQ(mixed(at, 13), reference) << offset;
-        EXPECT_EQ(H(9).template mixFixedLen<1>(at).value(), mixed(at, 1));
-        EXPECT_EQ(H(9).template mixFixedLen<2>(at).value(), mixed(at, 2));
-        EXPECT_EQ(H(9).template mixFixedLen<4>(at).value(), mixed(at, 4));
-        EXPECT_EQ(H(9).template mixFixedLen<8>(at).value(), mixed(at, 8));
-    }
-}
-
-TEST(HashMixTest, AnyAlignmentAndFixedLengthsGiveTheSameHash) {
-    expectSameHashAtEveryAlignment<Velik::Impl::HashMix<uint32_t>>();
-    expectSameHashAtEveryAlignment<Velik::Impl::HashMix<uint64_t>>();
 }
 
 }  // namespace

@@ -7,19 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace VelikTest {
 
-class ThrowingAsserts {
-  public:
-    ThrowingAsserts() : previous_(Velik::throwOnAssertFail()) { Velik::throwOnAssertFailIs(true); }
-    ~ThrowingAsserts() { Velik::throwOnAssertFailIs(previous_); }
-    ThrowingAsserts(const ThrowingAsserts&) = delete;
-    ThrowingAsserts& operator=(const ThrowingAsserts&) = delete;
-
-  private:
-    bool previous_;
+struct ThrowingAsserts {
+    ThrowingAsserts() { Velik::throwOnAssertFailIs(true); }
+    ~ThrowingAsserts() { Velik::throwOnAssertFailIs(previous); }
+    const bool previous = Velik::throwOnAssertFail();
 };
 
 // The message of the assertion `body` raises; fails the test when it raises

@@ -3,11 +3,10 @@
 // detaching, exceptions through the loop).
 #include "Kiv/FileDescriptor.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "Kiv/Exception.h"
+
 #include "kiv/KivLoop.h"
 #include "platform/Pipe.h"
 
@@ -27,11 +26,8 @@ struct Listener : Kiv::FileDescriptor::Notifiee {
 
 // Runs end after a second of framework time, so that a descriptor the loop
 // misses fails the test instead of blocking it.
-class FileDescriptorTest : public LoopTest {
-    void SetUp() override {
-        LoopTest::SetUp();
-        config()->executionTimeIs(1.0);
-    }
+struct FileDescriptorTest : LoopTest {
+    void SetUp() override { LoopTest::SetUp(), config()->executionTimeIs(1.0); }
 };
 
 TEST_F(FileDescriptorTest, WriteInterestIsUsedUpBeforeTheNotificationThatRenewsIt) {
@@ -48,33 +44,30 @@ TEST_F(FileDescriptorTest, WriteInterestIsUsedUpBeforeTheNotificationThatRenewsI
     fd->notifyOnWritableIs(true);
     fd->descriptorIs(sockets.fds[0]);
     Kiv::System::doRun();
-    EXPECT_EQ(fd->readableCount(), 1u);
-    EXPECT_EQ(fd->writableCount(), 3u);
+    EXPECT_EQ(std::pair(fd->readableCount(), fd->writableCount()), std::pair(1ul, 3ul));
     fd->descriptorIs(-1);
 }
 
 TEST_F(FileDescriptorTest, RefusedDescriptorsThrowTheirError) {
-    std::string what;
-    const auto errorOf = [&what](auto action) {
+    const auto errorOf = [](auto action) -> std::pair<int, std::string> {
         try {
             action();
         } catch (const Kiv::SystemException& e) {
-            what = e.what();
-            return e.error();
+            return {e.error(), e.what()};
         }
-        return 0;
+        return {};
     };
-    auto a = Kiv::FileDescriptor::create("a");
-    EXPECT_EQ(errorOf([&] { a->descriptorIs(1000000); }), EBADF);
-    EXPECT_EQ(what, std::string("FileDescriptor a: descriptor 1000000: ") + std::strerror(EBADF));
+    auto a = Kiv::FileDescriptor::create("a"), b = Kiv::FileDescriptor::create("b");
+    EXPECT_EQ(errorOf([&] { a->descriptorIs(1000000); }),
+              std::pair(EBADF, "FileDescriptor a: descriptor 1000000: " +
+                                   std::string(std::strerror(EBADF))));
     EXPECT_EQ(a->descriptor(), -1);
 
     Pair pipe;
-    auto b = Kiv::FileDescriptor::create("b");
     a->descriptorIs(pipe.fds[0]);
     a->notifyOnReadableIs(true);
     b->descriptorIs(pipe.fds[0]);
-    EXPECT_EQ(errorOf([&] { b->notifyOnReadableIs(true); }), EEXIST);
+    EXPECT_EQ(errorOf([&] { b->notifyOnReadableIs(true); }).first, EEXIST);
     b->descriptorIs(-1);
     a->descriptorIs(-1);
 }

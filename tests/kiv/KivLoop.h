@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <limits>
-
 #include "Kiv/ActivityManager.h"
 #include "Kiv/System.h"
 
@@ -14,22 +11,15 @@ namespace KivTest {
 
 inline constexpr double kNever = std::numeric_limits<double>::infinity();
 
-inline Kiv::ActivityManagerConfig* config() {
-    return Kiv::activityManager()->config();
-}
+inline const auto config = [] { return Kiv::activityManager()->config(); };
+inline const auto now = [] { return Kiv::System::currentTime(); };
 
-inline double now() {
-    return Kiv::System::currentTime();
-}
-
-class Timer : public Kiv::Clock::Notifiee {
-  public:
-    explicit Timer(std::function<void()> act = {}) : Notifiee(config()->clock()), action(act) {}
+struct Timer : Kiv::Clock::Notifiee {
+    explicit Timer(std::function<void()> act = [] {})
+        : Notifiee(config()->clock()), action(std::move(act)) {}
     void onTime() override {
         ++deliveries;
-        if (action) {
-            action();
-        }
+        action();
     }
     std::function<void()> action;
     int deliveries = 0;
@@ -37,14 +27,14 @@ class Timer : public Kiv::Clock::Notifiee {
 
 // Every test leaves the process loop as it found it: real time, no run limit,
 // nothing armed and nothing watched (a leak here would stall later tests).
-class LoopTest : public ::testing::Test {
-  protected:
+struct LoopTest : ::testing::Test {
     void SetUp() override { config()->virtualTimeIs(true); }
     void TearDown() override {
         config()->virtualTimeIs(false);
         config()->executionTimeIs(kNever);
-        EXPECT_EQ(Kiv::activityManager()->clock()->armedCount(), 0u);
-        EXPECT_EQ(Kiv::activityManager()->mainLoop()->watchedCount(), 0u);
+        EXPECT_EQ(std::pair(Kiv::activityManager()->clock()->armedCount(),
+                            Kiv::activityManager()->mainLoop()->watchedCount()),
+                  std::pair(0ul, 0ul));
     }
 };
 

@@ -20,7 +20,7 @@ bool childCanLock(VelikTest::Scratch& dir, const std::string& directory) {
 
 TEST(FileLockTest, ExcludesEveryOtherOpenFileUntilReleased) {
     VelikTest::Scratch dir;
-    const std::string lockDir = dir / "run/daemon", file = lockDir + "/d.lock";
+    const std::string lockDir = dir / "run/daemon";
     {
         // The first lock makes the directory and its parent.
         FileLock lock(*dir.handler, lockDir, "d.lock"), second(*dir.handler, lockDir, "d.lock");
@@ -35,13 +35,8 @@ TEST(FileLockTest, ExcludesEveryOtherOpenFileUntilReleased) {
         lock.closeFd();  // drops the lock; re-entry no longer counts it
         EXPECT_TRUE(second.lock(false) && !lock.lock(true));
     }  // `second` released by its destructor; the file stays
-    EXPECT_TRUE(childCanLock(dir, lockDir) && std::ifstream(file).good());
-    const std::string pid = std::to_string(getpid());
-    EXPECT_TRUE(dir.traced("5 FileLock::lock() re-entry held by pid:" + pid + " on file:" + file));
-    EXPECT_TRUE(dir.traced("1 FileLock::lock() error: conflicting lock held on file:" + file));
+    EXPECT_TRUE(childCanLock(dir, lockDir) && std::ifstream(lockDir + "/d.lock").good());
     EXPECT_FALSE(FileLock(*dir.handler, dir.path, "run").lock(false));  // a directory
-    EXPECT_TRUE(dir.traced("1 FileLock::lock() error: could not open lock file:" + dir / "run" +
-                           " Is a directory"));
 }
 
 TEST(FileLockTest, MisuseAssertsWithItsMessage) {

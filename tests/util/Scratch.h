@@ -4,12 +4,9 @@
 #pragma once
 
 #include <Velik/Debug.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
 
 namespace VelikTest {
 

@@ -1,11 +1,11 @@
 #include "Velik/Util.h"
 
+#include <Velik/DirNode.h>
+#include <Velik/Exception.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <tuple>
-#include <vector>
+#include <algorithm>
 
 #include "util/Scratch.h"
 
@@ -15,15 +15,14 @@ using namespace Velik::Util;
 
 // Stored in names and compared across processes: these must never change.
 TEST(UtilTest, HashValuesAreFixed) {
-    EXPECT_EQ(hash("", 0), 0x811C9DC5u);
-    EXPECT_EQ(hash(std::string("a")), 0x920C5D1Fu);
-    EXPECT_EQ(hash("abcd", 4), 0xEC7F6F2Cu);
-    EXPECT_EQ(hash64(std::string()), 0xCBF29CE484222325ull);
-    EXPECT_EQ(hash64("abcdefgh", 8), 0x3919EEB00EE1E68Cull);
+    EXPECT_EQ(std::tuple(hash("", 0), hash(std::string("a")), hash("abcd", 4)),
+              std::tuple(0x811C9DC5u, 0x920C5D1Fu, 0xEC7F6F2Cu));
+    EXPECT_EQ(std::pair(hash64(std::string()), hash64("abcdefgh", 8)),
+              std::pair(0xCBF29CE484222325ul, 0x3919EEB00EE1E68Cul));
     // The string forms hash the whole size, embedded NUL included.
     const std::string withNul("/tmp\0x", 6);
-    EXPECT_EQ(hash(withNul), hash(withNul.data(), 6));
-    EXPECT_EQ(hash64(withNul), hash64(withNul.data(), 6));
+    EXPECT_EQ(std::pair(hash(withNul), hash64(withNul)),
+              std::pair(hash(withNul.data(), 6), hash64(withNul.data(), 6)));
 }
 
 TEST(UtilTest, Base64EncodeIsSixCharactersLowBitsFirst) {
@@ -42,10 +41,6 @@ TEST(UtilTest, TraceHandleNameHashesThePathWithoutTrailingSlashes) {
     EXPECT_EQ(traceHandleName("", "W", true), "WTemp-F3JHBC-");
 }
 
-unsigned modeOf(const std::string& path) {
-    return unsigned(std::filesystem::status(path).permissions());
-}
-
 // Under a restrictive umask, which mkpath must neither apply nor leave
 // changed, whichever way it returns.
 TEST(MkpathTest, CreatesParentsWithTheExactModeAndReportsTheFailingMkdir) {
@@ -53,6 +48,9 @@ TEST(MkpathTest, CreatesParentsWithTheExactModeAndReportsTheFailingMkdir) {
     ASSERT_EQ(mkdir((dir / "old").c_str(), 0700), 0);
     std::ofstream(dir / "file") << "x";
     const mode_t callerUmask = umask(077);
+    const auto modeOf = [](const std::string& path) {
+        return unsigned(std::filesystem::status(path).permissions());
+    };
     const std::tuple<std::string, int, std::vector<std::string>> cases[] = {
         {"old", 0, {}},  // exists: keeps its mode
         {"a/b/c", 0, {"a", "a/b", "a/b/c"}},
@@ -72,6 +70,47 @@ TEST(MkpathTest, CreatesParentsWithTheExactModeAndReportsTheFailingMkdir) {
     EXPECT_EQ(Velik::Util::mkpath("", 0775), -1);  // no "/" left to recurse on
     EXPECT_EQ(errno, ENOENT);
     umask(callerUmask);
+}
+
+using Names = std::vector<std::string>;
+
+const auto sorted = [](Names names) { return std::ranges::sort(names), names; };
+
+TEST(DirNodeTest, FindFilesMatchesFilesAndLinksByExtensionAndRewindsFirst) {
+    VelikTest::Scratch dir;
+    mkdir((dir / "sub.conf").c_str(), 0700);
+    for (const char* name : {"a.conf", "b.txt", ".conf", "conf", "x.conf.bak", "sub.conf/1"}) {
+        std::ofstream(dir / name) << "x";
+    }
+    symlink("missing", (dir / "link.conf").c_str());
+    mkfifo((dir / "pipe.conf").c_str(), 0600);
+    auto parent = std::make_shared<DirNode>(*dir.handler, dir / "sub.conf", nullptr);
+    DirNode node(*dir.handler, dir.path, parent);
+    node.openDir();
+    const Names conf = node.findFiles(".conf");
+    EXPECT_EQ(sorted(conf), (Names{".conf", "a.conf", "link.conf"}));
+    EXPECT_EQ(node.findFiles(".conf"), conf);  // same list, same order
+    EXPECT_EQ(sorted(node.findFiles("")),
+              (Names{".conf", "a.conf", "b.txt", "conf", "link.conf", "x.conf.bak"}));
+    // A stream has one owner: a copy starts closed.
+    EXPECT_TRUE(!DirNode(node).isOpen() && DirNode(node).parent() == parent);
+    node.pathIs(dir / "sub.conf");  // takes effect at the next open
+    EXPECT_EQ(node.findFiles("").size(), 6u);
+    node.openDir();
+    EXPECT_EQ(node.findFiles(""), Names{"1"});
+}
+
+// Missing, not a directory, no path.
+TEST(DirNodeTest, UnopenedNodeReadsNothingAndThrowsFromRewindAndFindFiles) {
+    VelikTest::Scratch dir;
+    std::ofstream(dir / "file") << "x";
+    for (const std::string& path : {dir / "missing", dir / "file", std::string()}) {
+        DirNode node(*dir.handler, path, nullptr);
+        node.openDir();
+        EXPECT_EQ(node.readEntry(), nullptr);
+        EXPECT_THROW(node.rewind(), Velik::RuntimeException);
+        EXPECT_THROW(node.findFiles(".c"), Velik::RuntimeException);
+    }
 }
 
 }  // namespace
