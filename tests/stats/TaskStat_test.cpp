@@ -21,16 +21,14 @@ TaskStat statOf(const std::string& name, TaskPriority p, TaskStatus status,
 }
 
 TEST(TaskStatTest, StatusStringFollowsThePrecedenceOfTheBits) {
+    const auto n = TaskPriority::normal;
+    EXPECT_EQ(statOf("a", n, TaskStatus(0)).taskStatusString(), " n");
+    EXPECT_EQ(statOf("a", n, TaskStatus(TaskStatus::taskOnRunQueueBit)).taskStatusString(), " N");
     // Running beats suspended beats timer; an armed timer is upper case.
-    using P = TaskPriority;
-    for (auto [p, bits, text] : {std::tuple{P::normal, 0, " n"},
-                                 {P::normal, TaskStatus::taskOnRunQueueBit, " N"},
-                                 {P::high, 0x0F, "*H"},
-                                 {P::normal, 0x13, "Sn"},
-                                 {P::low, 0x03, "Tl"},
-                                 {P::scavenge, 0x01, "ts"}}) {
-        EXPECT_EQ(statOf("a", p, TaskStatus(bits)).taskStatusString(), text);
-    }
+    EXPECT_EQ(statOf("a", TaskPriority::high, TaskStatus(0x0F)).taskStatusString(), "*H");
+    EXPECT_EQ(statOf("a", n, TaskStatus(0x13)).taskStatusString(), "Sn");
+    EXPECT_EQ(statOf("a", TaskPriority::low, TaskStatus(0x03)).taskStatusString(), "Tl");
+    EXPECT_EQ(statOf("a", TaskPriority::scavenge, TaskStatus(0x01)).taskStatusString(), "ts");
 }
 
 TEST(TaskStatTest, MergeSumsCountsKeepsMarksAndTakesTheLatest) {
