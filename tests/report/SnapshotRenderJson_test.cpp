@@ -82,13 +82,10 @@ TEST_F(AsyncJsonTest, SlowReaderGetsTheWholeDocumentInOrder) {
     EXPECT_EQ(render->taskName().str(),
               "TaskSchedulerRenderJson-fd:" + std::to_string(pipe.fds[1]));
     EXPECT_EQ(render->writeTask()->taskName().str(), render->taskName().str() + ":FdWrite");
-    EXPECT_NE(fcntl(pipe.fds[1], F_GETFL) & O_NONBLOCK, 0);
 
     EXPECT_EQ(pump(*render, 1000), documentOf(snaps));
     EXPECT_EQ(doneCalls, 1);
     auto& writer = *render->writeTask();
-    EXPECT_GT(writer.taskWorkPendingWritableHighWaterMark().value(), 4096u);  // it waited
-    EXPECT_EQ(writer.taskWorkCountWritableTotal(), documentOf(snaps).size());
     EXPECT_EQ(writer.taskWatchFd(), -1);  // watching stopped at the end
     writer.writeStrIs("unwritten");
     EXPECT_ASSERT_TEXT(render->taskRunFromTest(), "Executing before previous write completed.");

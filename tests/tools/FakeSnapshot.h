@@ -8,11 +8,6 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <vector>
-
 namespace VelikTopTest {
 
 struct FakeTask {
@@ -39,13 +34,12 @@ inline std::string tasksJson(const std::vector<FakeTask>& tasks, std::string& su
                                *t.work);
         }
         if (!t.children.empty()) {
-            const std::string key = t.name + "-" + t.address;
             std::string inner;
             const std::string list = tasksJson(t.children, inner);
             subs += fmt::format(
-                R"({}"{}":{{"schedulerName":"{}","tasks":{{"tasks":[{}]}},"subSchedulers":{{{}}}}})",
-                subs.empty() ? "" : ",", key, t.name, list, inner);
-            out += fmt::format(R"(,"subScheduler":"{}")", key);
+                R"({}"{}-{}":{{"schedulerName":"{}","tasks":{{"tasks":[{}]}},"subSchedulers":{{{}}}}})",
+                subs.empty() ? "" : ",", t.name, t.address, t.name, list, inner);
+            out += fmt::format(R"(,"subScheduler":"{}-{}")", t.name, t.address);
         }
         out += "}";
     }

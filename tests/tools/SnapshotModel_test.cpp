@@ -24,10 +24,6 @@ const TaskRow& rowNamed(const VelikTop::ThreadSnapshot& snap, const std::string&
     return *it;
 }
 
-VelikTop::ExitStatus statusOf(const std::string& json) {
-    return VelikTopTest::failureOf([&] { VelikTop::parseSnapshot("t", json); });
-}
-
 class SnapshotModelTest : public VelikTest::ReportTest {};
 
 // Every row, on the root and one level down in the group, and every
@@ -47,39 +43,38 @@ TEST_F(SnapshotModelTest, RowsAndHistoryMatchTheLibrarysOwnRecords) {
         for (const Velik::TaskStat& s : stats) {
             SCOPED_TRACE(s.taskName());
             const TaskRow& row = rowNamed(snap, s.taskName());
-            EXPECT_EQ(row.scheduler, scheduler->schedulerName().str());
-            EXPECT_EQ(row.depth, scheduler == root.get() ? 0 : 1);
-            EXPECT_EQ(row.scope == group.childScope, scheduler != root.get());
+            const bool sub = scheduler != root.get();
+            EXPECT_EQ(
+                std::tie(row.scheduler, row.depth, row.address, row.runCount, row.qv200),
+                std::tuple(scheduler->schedulerName().str(), sub ? 1 : 0, s.taskKey().toStrep(),
+                           s.taskRunCount(), s.taskQuantumViolation200()));
+            EXPECT_EQ(row.scope == group.childScope, sub);
             EXPECT_EQ(row.statusLetters(), s.taskStatusString());
-            EXPECT_EQ(row.address, s.taskKey().toStrep());
-            EXPECT_EQ(row.runCount, s.taskRunCount());
             EXPECT_DOUBLE_EQ(row.totalRunTime, seconds(s.taskTotalRunTime()));
             EXPECT_DOUBLE_EQ(row.maxLatency, seconds(s.taskSchedulingLatencyHighWaterMark()));
-            EXPECT_EQ(row.qv200, s.taskQuantumViolation200());
             EXPECT_EQ(row.workTotal.has_value(), s.taskWorkCountHighWaterMark().hasValue());
         }
     }
     EXPECT_EQ(rowNamed(snap, "worker").workPending, std::optional<std::uint64_t>(2));
     const TaskRow& brief = rowNamed(snap, "short", true);
-    EXPECT_EQ(brief.completedCount, 1u);
-    EXPECT_EQ(brief.address, "");
+    EXPECT_EQ(std::tie(brief.completedCount, brief.address), std::tuple(1u, ""));
     EXPECT_NE(brief.identity(), rowNamed(snap, "worker").identity());
 
     ASSERT_EQ(snap.schedulers.size(), 2u);
-    EXPECT_TRUE(snap.schedulers[0].isRoot);
-    EXPECT_EQ(snap.schedulers[0].skipped, 1u);  // "idle" never ran
+    const auto& top = snap.schedulers[0];  // "idle" never ran: skipped
+    EXPECT_EQ(std::tie(top.isRoot, top.skipped, top.priorities.at("normal").runs),
+              std::tuple(true, 1u, 5u));
     EXPECT_EQ(snap.schedulers[1].scope, group.childScope);
-    EXPECT_EQ(snap.schedulers[0].priorities.at("normal").runs, 5u);
 
     // Newest first, as the root keeps them.
     const auto& events = root->history()->events();
     ASSERT_EQ(snap.history.size(), events.size());
     ASSERT_GE(events.size(), 3u);
     for (std::size_t i = 0; i < events.size(); ++i) {
-        EXPECT_EQ(snap.history[i].nsSinceBoot, events[i].time.time_since_epoch().count());
-        EXPECT_EQ(snap.history[i].type, events[i].eventTypeDisplay());
-        EXPECT_EQ(snap.history[i].id, events[i].displayName());
-        EXPECT_EQ(snap.history[i].scheduler, "testRoot");
+        const auto& e = snap.history[i];
+        EXPECT_EQ(std::tie(e.nsSinceBoot, e.type, e.id, e.scheduler),
+                  std::tuple(events[i].time.time_since_epoch().count(),
+                             events[i].eventTypeDisplay(), events[i].displayName(), "testRoot"));
     }
 }
 
@@ -97,24 +92,26 @@ TEST(SnapshotModel, ForeignDocumentsReadLeniently) {
                                          "tasks": {"tasks": [{"name": "orphan"}]}}}},
         "other": 3}})");
     ASSERT_EQ(snap.tasks.size(), 5u);
-    EXPECT_EQ(snap.tasks[0].name, "");
-    EXPECT_EQ(snap.tasks[0].runCount, 0u);
-    EXPECT_EQ(snap.tasks[0].qv200, 2u);
-    EXPECT_FALSE(snap.tasks[0].workTotal);
-    EXPECT_EQ(snap.tasks[0].statusLetters(), " ?");
-    EXPECT_EQ(snap.tasks[2].name, "child");
-    EXPECT_EQ(snap.tasks[2].depth, 1);
+    const TaskRow& odd = snap.tasks[0];
+    EXPECT_EQ(std::tie(odd.name, odd.runCount, odd.qv200, odd.workTotal),
+              std::tuple("", 0u, 2u, std::nullopt));
+    EXPECT_EQ(odd.statusLetters(), " ?");
+    EXPECT_EQ(std::tie(snap.tasks[2].name, snap.tasks[2].depth), std::tuple("child", 1));
     // A group whose own task is missing still shows its tasks under a stand-in.
     EXPECT_TRUE(snap.tasks[3].isGroup && snap.tasks[3].standIn);
     EXPECT_EQ(snap.tasks[3].name, "lost");
     EXPECT_EQ(snap.tasks[4].scope, snap.tasks[3].childScope);
     EXPECT_EQ(snap.history.size(), 1u);
 
+    const auto statusOf = [](const std::string& json) {
+        return VelikTopTest::failureOf([&] { VelikTop::parseSnapshot("t", json); });
+    };
     EXPECT_EQ(statusOf(R"({"schedulers": {}})"), VelikTop::exitOk);
-    EXPECT_EQ(statusOf(R"({"schedulers": [)"), VelikTop::exitMalformed);
-    EXPECT_EQ(statusOf(R"({"tasks": {}})"), VelikTop::exitMalformed);
-    EXPECT_EQ(statusOf("error: too many clients\n"), VelikTop::exitMalformed);
-    EXPECT_EQ(statusOf(std::string(100000, '[')), VelikTop::exitMalformed);
+    for (const std::string& bad :
+         std::vector<std::string>{R"({"schedulers": [)", R"({"tasks": {}})",
+                                  "error: too many clients\n", std::string(100000, '[')}) {
+        EXPECT_EQ(statusOf(bad), VelikTop::exitMalformed) << bad.substr(0, 30);
+    }
 }
 
 }  // namespace

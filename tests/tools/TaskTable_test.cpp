@@ -16,30 +16,20 @@ class TaskTableTest : public ::testing::Test {
           after(VelikTopTest::fakeSnapshot(tasks(1))) {}
 
     // Busiest first: pool (its jobs), quiet, slow; by latency slow leads; by
-    // violations, quiet.
+    // violations, quiet. Fields: name, address, runs, time, max latency,
+    // qv200, qv500, work, tasks.
     static std::vector<FakeTask> tasks(int t) {
-        return {
-            {.name = "slow", .address = "0x1", .runs = 1u + t, .time = 0.1 * t, .maxLatency = 0.5},
-            {.name = "quiet",
-             .address = "0x2",
-             .runs = 10u + t,
-             .time = 0.2 * t,
-             .maxLatency = 0.001,
-             .qv200 = 9,
-             .qv500 = 1},
-            {.name = "pool",
-             .address = "0x3",
-             .time = 0.6 * t,
-             .children = {{.name = "conn:read", .address = "0x4", .time = 0.5 * t},
-                          {.name = "accept", .address = "0x5", .time = 0.1 * t}}},
-        };
+        std::vector<FakeTask> out{{"slow", "0x1", 1u + t, 0.1 * t, 0.5},
+                                  {"quiet", "0x2", 10u + t, 0.2 * t, 0.001, 9, 1},
+                                  {"pool", "0x3", 0, 0.6 * t}};
+        out[2].children = {{"conn:read", "0x4", 0, 0.5 * t}, {"accept", "0x5", 0, 0.1 * t}};
+        return out;
     }
 
     std::vector<std::string> names() const {
         std::vector<std::string> out;
         for (const auto& line : VelikTop::buildTable(views(), view)) {
-            out.push_back(std::string(static_cast<std::size_t>(line.row->depth), '.') +
-                          line.row->name);
+            out.push_back(std::string(line.row->depth, '.') + line.row->name);
         }
         return out;
     }
@@ -101,40 +91,34 @@ TEST_F(TaskTableTest, LinesShowRatesAndMarkGroups) {
 }
 
 TEST(TableText, CompactFigures) {
-    for (auto [n, text] : {std::pair{0.0, "0"},
-                           {2.5, "2.5"},
-                           {999.0, "999"},
-                           {1000.0, "1.00k"},
-                           {999949.0, "999.9k"},
-                           {999999.0, "1.00M"},
-                           {-3.0, "0"}}) {
+    using Figures = std::vector<std::pair<double, std::string>>;
+    for (auto [n, text] : Figures{{0, "0"},
+                                  {2.5, "2.5"},
+                                  {999, "999"},
+                                  {1000, "1.00k"},
+                                  {999949, "999.9k"},
+                                  {999999, "1.00M"},
+                                  {-3, "0"}}) {
         EXPECT_EQ(VelikTop::formatCount(n), text);
     }
-    for (auto [s, text] : {std::pair{0.0, "0"},
-                           {850e-9, "850ns"},
-                           {12e-6, "12.0us"},
-                           {4.56e-3, "4.56ms"},
-                           {1.2, "1.20s"}}) {
+    for (auto [s, text] : Figures{
+             {0, "0"}, {850e-9, "850ns"}, {12e-6, "12.0us"}, {4.56e-3, "4.56ms"}, {1.2, "1.20s"}}) {
         EXPECT_EQ(VelikTop::formatSeconds(s), text);
     }
 }
 
 TEST(TableText, PrintableShowsEveryControlEscapedAndKeepsTheRest) {
-    EXPECT_EQ(VelikTop::printable("a\x1b[2Jb\n"), R"(a\x1b[2Jb\x0a)");
-    EXPECT_EQ(VelikTop::printable(std::string("\0\a\r\x7f", 4)), R"(\x00\x07\x0d\x7f)");
-    // C1 controls: U+009B as UTF-8 and a raw 0x9b (not UTF-8) alike.
-    EXPECT_EQ(VelikTop::printable("x\xc2\x9b"
-                                  "1m\x9b"
-                                  "2J"),
-              R"(x\xc2\x9b1m\x9b2J)");
-    EXPECT_EQ(VelikTop::printable("\xc2\x80\xc2\x9f\xc2\xa0"), R"(\xc2\x80\xc2\x9f)"
-                                                               "\xc2\xa0");
-    // Broken UTF-8: a cut sequence, an overlong form, a surrogate.
-    EXPECT_EQ(VelikTop::printable("\xe2\x82 \xc0\xaf \xed\xa0\x80"),
-              R"(\xe2\x82 \xc0\xaf \xed\xa0\x80)");
-    for (const char* kept :
-         {"plain:name-1", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "back\\slash"}) {
-        EXPECT_EQ(VelikTop::printable(kept), kept);
+    // C1 controls: U+009B as UTF-8 and a raw 0x9b (not UTF-8) alike, up to
+    // U+009F; broken UTF-8: a cut sequence, an overlong form, a surrogate.
+    for (auto [in, out] : std::vector<std::pair<std::string, std::string>>{
+             {"a\x1b[2Jb\n", R"(a\x1b[2Jb\x0a)"},
+             {std::string("\0\a\r\x7f", 4), R"(\x00\x07\x0d\x7f)"},
+             {"x\xc2\x9bm\x9bJ", R"(x\xc2\x9bm\x9bJ)"},
+             {"\xc2\x80\xc2\x9f\xc2\xa0", "\\xc2\\x80\\xc2\\x9f\xc2\xa0"},
+             {"\xe2\x82 \xc0\xaf \xed\xa0\x80", R"(\xe2\x82 \xc0\xaf \xed\xa0\x80)"},
+             {"plain:name-1 caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 back\\slash",
+              "plain:name-1 caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 back\\slash"}}) {
+        EXPECT_EQ(VelikTop::printable(in), out);
     }
 }
 
