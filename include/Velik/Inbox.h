@@ -17,7 +17,9 @@
 // work shows in the text report and the snapshot under that name, with its
 // own statistics (one unit of work per item). Items of one producer for one
 // (name, priority) run in the order posted; items of different names or
-// priorities are ordered by the scheduler like any tasks.
+// priorities are ordered by the scheduler like any tasks. A loop stop
+// requested by an item takes effect when its task's run ends, so items
+// behind it under the same name may still run first.
 //
 // Wake-ups: one eventfd per inbox, watched on the root's thread. A producer
 // writes it only when it turns the inbox's wake-up flag from clear to set;
@@ -53,7 +55,7 @@ namespace Velik {
 namespace Impl {
 class InboxReceiver;
 class InboxTask;
-}
+}  // namespace Impl
 
 // The shared, thread-safe end of a root's inbox. Obtained from `inbox()`;
 // every member may be called from any thread.
@@ -133,6 +135,11 @@ class Inbox {
 // thread's platform. The thread's part ends, and the inbox closes, when the
 // thread ends.
 std::shared_ptr<Inbox> inbox();
+
+// Closes the calling thread's inbox now, as the end of the thread would:
+// its tasks go, what is queued is dropped, and the loop has its descriptor
+// no more. A later `inbox()` makes a new one. Nothing without an inbox.
+void closeInbox();
 
 // The calling thread's inbox if it has one, else null; never makes one.
 std::shared_ptr<Inbox> existingInbox();

@@ -238,26 +238,43 @@ namespace {
 
 thread_local Impl::InboxReceiver* threadReceiver = nullptr;
 
+// The thread's receiver, in a slot made after the thread's root.
+struct ReceiverSlot {
+    ~ReceiverSlot() {
+        threadReceiver = nullptr;
+        receiver.reset();
+    }
+    std::unique_ptr<Impl::InboxReceiver> receiver;
+};
+
+ReceiverSlot& receiverSlot() {
+    // The root first: thread-local objects die in reverse order of
+    // construction, and the receiver's tasks need the root.
+    schedulerRootVelik();
+    static thread_local ReceiverSlot slot;
+    return slot;
+}
+
 }  // namespace
 
 std::shared_ptr<Inbox> inbox() {
     if (!threadReceiver) {
-        // The root first: thread-local objects die in reverse order of
-        // construction, and the receiver's tasks need the root.
-        const std::shared_ptr<TaskSchedulerRoot> root = schedulerRootVelik();
-        static thread_local struct Slot {
-            explicit Slot(const std::shared_ptr<TaskSchedulerRoot>& root) : receiver(root) {
-                threadReceiver = &receiver;
-            }
-            ~Slot() { threadReceiver = nullptr; }
-            Impl::InboxReceiver receiver;
-        } slot(root);
+        ReceiverSlot& slot = receiverSlot();
+        slot.receiver = std::make_unique<Impl::InboxReceiver>(schedulerRootVelik());
+        threadReceiver = slot.receiver.get();
     }
     return threadReceiver->inbox();
 }
 
 std::shared_ptr<Inbox> existingInbox() {
     return threadReceiver ? threadReceiver->inbox() : nullptr;
+}
+
+void closeInbox() {
+    if (threadReceiver) {
+        threadReceiver = nullptr;
+        receiverSlot().receiver.reset();
+    }
 }
 
 std::vector<std::shared_ptr<Inbox>> liveInboxes() {
