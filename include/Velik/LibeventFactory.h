@@ -217,6 +217,18 @@ void doLeEventLoopInWaitfor(double maxTimeout);
 // left).
 void eventLoopTimeout(double seconds);
 
+// Makes the loop entry point running on this thread (any of the above, and
+// `eventLoopFastForward*`) return after the current callback, with
+// everything else left as it is: armed events stay armed, and a later run
+// carries on with them. Under fast-forward the jumping from timer to timer
+// stops too. A stop inside a nested run ends every run around it as well.
+// Ignored when no loop runs on the thread: a later run is not affected.
+// The loop's thread only (from a handler or a task); other threads post it
+// (Velik/Inbox.h).
+void stopLeEventLoop();
+// Whether a loop entry point is running on this thread.
+bool leEventLoopRunning();
+
 namespace Impl {
 
 // The "VelikLibevent" trace handle.

@@ -51,6 +51,24 @@ void doEventLoop(double seconds);
 // condition: `doLeEventLoopInWaitfor`, or `doEventLoop(maxTimeout)`.
 void doEventLoopInWaitfor(double maxTimeout);
 
+// Makes the loop running on this thread (`doEventLoop()`,
+// `doEventLoop(seconds)`, `doEventLoopInWaitfor`) return after the current
+// callback (a task run, a handler), under fast-forward and virtual time too.
+// Nothing is lost: armed timers, watched descriptors, pending callbacks and
+// scheduled tasks stay, and the next run carries on with them. A stop inside
+// a nested run ends every run around it as well.
+//
+// When no loop runs on the thread the request is ignored: the next run is
+// not affected. A stop therefore cannot be "banked" for a loop not yet
+// running; ask from inside it (a task, a handler).
+//
+// The loop's thread only. From another thread, post it as work to that
+// thread's root: `Velik::stopEventLoop(inbox)` (Velik/Inbox.h).
+void stopEventLoop();
+
+// Whether a loop entry point is running on this thread.
+bool eventLoopRunning();
+
 // The framework's virtual-time setting. Framework platform only: with
 // thread-local singletons it is an assertion failure ("ThreadLocal
 // fastForward invoked from non-main thread"); use `leFastForward()` there.

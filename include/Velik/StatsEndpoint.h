@@ -25,6 +25,10 @@
 //              tasks
 //   history    the event history, oldest first, one event a line:
 //              "<nsSinceBoot> <schedulerName> <eventType> <eventId>"
+//   inbox      one line per inbox of the process whose thread still runs
+//              (Velik/Inbox.h), oldest first, none when there is none:
+//              "<rootName> length <n> highWaterMark <n> dropped <n>
+//              posted <n> run <n> wakeUps <n>"
 //
 // Anything else gets one line "error: <reason>\n" and the connection is
 // closed: a line with bytes other than printable ASCII, an unknown verb, a

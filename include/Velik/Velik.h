@@ -41,6 +41,7 @@
 #include <Velik/Fmtrace.h>
 #include <Velik/ForkHandler.h>
 #include <Velik/HashMix.h>
+#include <Velik/Inbox.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Mappings.h>
@@ -48,6 +49,7 @@
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
+#include <Velik/SignalTask.h>
 #include <Velik/SnapshotRenderJson.h>
 #include <Velik/StatsEndpoint.h>
 #include <Velik/Task.h>

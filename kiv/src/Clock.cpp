@@ -106,7 +106,7 @@ void Clock::advanceTo(double time) noexcept {
     }
 }
 
-std::size_t Clock::deliverDue(double now, std::int64_t reading) {
+std::size_t Clock::deliverDue(double now, std::int64_t reading, const bool* stop) {
     struct Delivery {
         Clock& clock;
         explicit Delivery(Clock& c) : clock(c) { ++clock.delivering_; }
@@ -118,7 +118,7 @@ std::size_t Clock::deliverDue(double now, std::int64_t reading) {
     } delivery(*this);
 
     std::size_t delivered = 0;
-    while (!armed_.empty() && armed_.front().timeMin_ <= now) {
+    while (!armed_.empty() && armed_.front().timeMin_ <= now && !(stop && *stop)) {
         Notifiee& due = armed_.front();
         armed_.erase(due);
         due.timeMin_ = kNever;

@@ -122,6 +122,7 @@ void MainLoop::run() {
         explicit Running(MainLoop& l) : loop(l) { ++loop.depth_; }
         ~Running() {
             if (--loop.depth_ == 0) {
+                loop.stopRequested_ = false;
                 loop.runner_.store(std::thread::id{});
             }
         }
@@ -130,7 +131,7 @@ void MainLoop::run() {
     const double limit = config_.executionTime();
     const double end = clock_.now() + (limit > 0 ? limit : 0.0);
     bool first = true;
-    while (hasWork()) {
+    while (hasWork() && !stopRequested_) {
         std::int64_t reading = 0;
         double now = clock_.now(reading);
         if (!first && now >= end) {
@@ -157,7 +158,7 @@ void MainLoop::run() {
             }
             now = lastPoll_ = clock_.now(reading);
         }
-        clock_.deliverDue(now, reading);
+        clock_.deliverDue(now, reading, &stopRequested_);
     }
 }
 
@@ -173,7 +174,7 @@ int MainLoop::poll(int timeoutMs) {
         }
         throw SystemException("MainLoop: epoll_wait", errno);
     }
-    for (int i = 0; i < ready; ++i) {
+    for (int i = 0; i < ready && !stopRequested_; ++i) {
         dispatch(events[i].data.u64, events[i].events);
     }
     return ready;

@@ -84,6 +84,21 @@ void doEventLoopInWaitfor(double maxTimeout) {
     doEventLoop(maxTimeout);
 }
 
+void stopEventLoop() {
+    if (hasThreadLocalSingletons()) {
+        stopLeEventLoop();
+        return;
+    }
+    Kiv::activityManager()->mainLoop()->stop();
+}
+
+bool eventLoopRunning() {
+    if (hasThreadLocalSingletons()) {
+        return leEventLoopRunning();
+    }
+    return Kiv::activityManager()->mainLoop()->running();
+}
+
 bool fastForward() {
     assertFrameworkFastForward(__func__, __LINE__);
     return kivConfig()->virtualTime();

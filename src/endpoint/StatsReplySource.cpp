@@ -2,6 +2,7 @@
 // the history lines.
 #include "endpoint/StatsReplySource.h"
 
+#include "Velik/Inbox.h"
 #include "Velik/TaskSchedulerPrintContext.h"
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/TaskSchedulerSnapshot.h"
@@ -92,6 +93,27 @@ class HistorySource : public StatsReplySource {
     std::size_t next_ = 0;
 };
 
+// One line per live inbox of the process: small, so one slice.
+class InboxSource : public StatsReplySource {
+  public:
+    InboxSource() {
+        for (const std::shared_ptr<Inbox>& inbox : liveInboxes()) {
+            fmt::format_to(std::back_inserter(text_),
+                           "{} length {} highWaterMark {} dropped {} posted {} run {} wakeUps {}\n",
+                           printableText(inbox->rootName()), inbox->length(),
+                           inbox->highWaterMark(), inbox->droppedCount(), inbox->postedCount(),
+                           inbox->runCount(), inbox->wakeUpCount());
+        }
+    }
+    bool renderSlice(std::string& out) override {
+        out += text_;
+        return false;
+    }
+
+  private:
+    std::string text_;
+};
+
 }  // namespace
 
 std::unique_ptr<StatsReplySource> makeStatsReplySource(const TaskSchedulerRoot& root,
@@ -106,6 +128,8 @@ std::unique_ptr<StatsReplySource> makeStatsReplySource(const TaskSchedulerRoot& 
                                                   sizes.reportRows);
         case StatsVerb::history:
             return std::make_unique<HistorySource>(root, sizes.historyEvents);
+        case StatsVerb::inbox:
+            return std::make_unique<InboxSource>();
     }
     return nullptr;
 }

@@ -25,6 +25,9 @@ StatsRequest parseStatsRequest(std::string_view line) {
     if (line == "history") {
         return {StatsVerb::history, {}};
     }
+    if (line == "inbox") {
+        return {StatsVerb::inbox, {}};
+    }
     return {std::nullopt, "unknown verb, ask for snapshot, report or history"};
 }
 

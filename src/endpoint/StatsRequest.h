@@ -7,7 +7,7 @@
 
 namespace Velik::Impl {
 
-enum class StatsVerb { snapshot, report, history };
+enum class StatsVerb { snapshot, report, history, inbox };
 
 // A request line parsed: a verb, or the reason it was refused.
 struct StatsRequest {
@@ -16,8 +16,9 @@ struct StatsRequest {
 };
 
 // `line` without its "\n"; one "\r" at its end is dropped. Anything but
-// printable ASCII is "malformed request"; a word other than the three verbs
-// is an unknown verb.
+// printable ASCII is "malformed request"; a word other than the verbs is an
+// unknown verb (whose error line names the three documents, as it always
+// has: "inbox" is an extra).
 StatsRequest parseStatsRequest(std::string_view line);
 
 // "error: <reason>\n".

@@ -44,6 +44,25 @@ void carryException() noexcept {
     event_base_loopbreak(threadBase);
 }
 
+// Loop entry points running on this thread, and whether one was asked to
+// stop. The request outlives the dispatch it broke, so that an entry point
+// that dispatches repeatedly (fast-forward) sees it, and dies with the
+// outermost entry point.
+thread_local int loopDepth = 0;
+thread_local bool stopRequested = false;
+
+class LoopRun {
+  public:
+    LoopRun() { ++loopDepth; }
+    LoopRun(const LoopRun&) = delete;
+    LoopRun& operator=(const LoopRun&) = delete;
+    ~LoopRun() {
+        if (--loopDepth == 0) {
+            stopRequested = false;
+        }
+    }
+};
+
 // Process-wide libevent set-up, once, before the first base.
 struct LeInitializer {
     static constexpr const char* traceClassName = "LeInitializer";
@@ -119,7 +138,10 @@ timeval delayToTimeval(double seconds) {
 }
 
 void leDispatch(event_base* base) {
-    event_base_dispatch(base);
+    LoopRun run;
+    if (!stopRequested) {
+        event_base_dispatch(base);
+    }
     if (carriedException) {
         std::exception_ptr e = std::move(carriedException);
         carriedException = nullptr;
@@ -520,8 +542,9 @@ void doLeEventLoop(double seconds) {
         eventLoopTimeout(seconds);
         return;
     }
+    LoopRun run;
     double end = Velik::time() + seconds;
-    for (double now = Velik::time(); end > now; now = Velik::time()) {
+    for (double now = Velik::time(); end > now && !stopRequested; now = Velik::time()) {
         eventLoopFastForwardToFirstTimer(end - now);
     }
 }
@@ -534,6 +557,18 @@ void doLeEventLoopInWaitfor(double maxTimeout) {
     } else {
         eventLoopTimeout(maxTimeout);
     }
+}
+
+void stopLeEventLoop() {
+    if (loopDepth == 0) {
+        return;
+    }
+    stopRequested = true;
+    event_base_loopbreak(threadBase);
+}
+
+bool leEventLoopRunning() {
+    return loopDepth > 0;
 }
 
 }  // namespace Velik

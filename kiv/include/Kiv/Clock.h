@@ -155,9 +155,10 @@ class Clock {
     // that was armed before the delivery began; those armed during it wait
     // for the next one, so a notifiee that keeps re-arming itself cannot hold
     // the loop. `reading` (0 for none) is the steady reading `now` came from,
-    // offered to the first notifiee through `takePassReading()`. Returns the
-    // number delivered.
-    std::size_t deliverDue(double now, std::int64_t reading = 0);
+    // offered to the first notifiee through `takePassReading()`. A non-null
+    // `stop` that a notifiee sets true ends the delivery after it; the rest
+    // stay due. Returns the number delivered.
+    std::size_t deliverDue(double now, std::int64_t reading = 0, const bool* stop = nullptr);
     void admitLate() noexcept;
 
     Queue armed_;

@@ -33,6 +33,11 @@
 // A forked child shares its parent's epoll instance: it must not run the
 // loop it inherited.
 //
+// It also returns once `stop()` is called from a notification: right after
+// that notification, leaving everything else armed or ready for the next
+// run (clock notifiees due but not delivered stay due; descriptors not yet
+// notified are level-triggered and reported again).
+//
 // Thread model: the loop runs on whichever thread calls `run()`; while it
 // runs, another thread calling `run()` gets an `Exception`. A notification may
 // call `run()` again on the loop's thread (a nested loop, ending by the same
@@ -65,6 +70,20 @@ class MainLoop {
     // Runs the loop as described above. Throws what notifications throw, and
     // `SystemException` if epoll fails.
     void run();
+
+    // Asks the running loop to return after the current notification. A
+    // stop inside a nested run ends that run and every run around it; the
+    // request is forgotten when the outermost run returns. Ignored when the
+    // loop is not running: a later `run()` is not affected. The loop's thread
+    // only.
+    // Ignored too on a thread other than the loop's.
+    void stop() noexcept {
+        if (running()) {
+            stopRequested_ = true;
+        }
+    }
+    // Whether a run is in progress on the calling thread.
+    bool running() const noexcept { return runner_.load() == std::this_thread::get_id(); }
 
     // The number of descriptors watched (bound, with some interest).
     std::size_t watchedCount() const noexcept { return watchedCount_; }
@@ -103,6 +122,7 @@ class MainLoop {
     double lastPoll_ = -1e300;
     std::uint64_t passes_ = 0;
     int depth_ = 0;
+    bool stopRequested_ = false;
     std::atomic<std::thread::id> runner_{};
 };
 
