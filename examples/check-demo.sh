@@ -36,4 +36,24 @@ run 0 --idle 0.05 --seconds 0.2 --clients 1 --connections 2 --json /dev/null
 # A file that cannot be opened: said, and the sockets still go.
 run 1 --idle 0.05 --seconds 0.2 --clients 1 --connections 2 --json "$scratch"
 grep -q "velik_demo: $scratch: Is a directory" "$scratch/err" || fail "no error: $(cat "$scratch/err")"
+# A signal ends a long run early and just as cleanly: status 0, the report
+# and the JSON written, the sockets gone.
+for signal in TERM INT; do
+    "$demo" --stats-dir "$stats" --seconds 120 --json "$scratch/signal.json" >"$scratch/out" 2>"$scratch/err" &
+    pid=$!
+    for _ in $(seq 100); do
+        [[ -S $stats/main.sock ]] && break
+        sleep 0.1
+    done
+    sleep 0.5
+    kill -"$signal" "$pid"
+    wait "$pid"
+    status=$?
+    [[ $status == 0 ]] || fail "SIG$signal: exited $status: $(tail -3 "$scratch/err")"
+    grep -q "velik_demo: $signal, stopping" "$scratch/out" || fail "SIG$signal: not said"
+    grep -q "^server: " "$scratch/out" || fail "SIG$signal: no figures"
+    grep -q '"schedulers"' "$scratch/signal.json" || fail "SIG$signal: no JSON written"
+    left=$(find "$stats" -name '*.sock' 2>/dev/null)
+    [[ -z $left ]] || fail "SIG$signal: left $left"
+done
 echo "demo.load: all runs ended cleanly"

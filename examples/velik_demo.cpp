@@ -39,6 +39,9 @@
 // and are closed by the server), and prints what happened: requests served,
 // client-side latencies, and the runtime's text statistics report; it then
 // writes the JSON snapshot to a file through the asynchronous writer.
+// SIGINT or SIGTERM ends the run early, as cleanly as its own end: the
+// clients stop, the server closes its listener and its connections, the
+// report and the JSON are written, the sockets go, and the exit status is 0.
 //
 //   build/examples/velik_demo [--seconds N] [--stats-dir DIR] [--clients N]
 //                             [--connections N] [--json FILE] [--idle N]
@@ -70,6 +73,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <map>
 #include <memory>
 #include <string>
@@ -537,6 +541,9 @@ bool readLine(int fd, std::string& pending, std::string& line) {
     }
 }
 
+// Set by the signal task: clients finish their round and go.
+std::atomic<bool> stopping{false};
+
 // Sends one request on each of its connections, then reads every reply:
 // `connections` requests in flight per round, until `until`. A connection the
 // server closed (it went idle while the others were being opened) is counted
@@ -556,7 +563,7 @@ void runClient(int id, std::uint16_t port, int connections, Clock::time_point un
     };
     std::vector<bool> sent(connections);
     std::string line;
-    for (std::uint64_t round = 0; Clock::now() < until; ++round) {
+    for (std::uint64_t round = 0; Clock::now() < until && !stopping; ++round) {
         const auto start = Clock::now();
         for (int i = 0; i < connections; ++i) {
             const std::string key = "k" + std::to_string(id) + "." + std::to_string(i) + "." +
@@ -605,10 +612,13 @@ int runQuietClients(std::uint16_t port, int count, std::chrono::milliseconds wai
     for (int fd : fds) {
         std::string pending, line;
         readLine(fd, pending, line);  // "OK"
+        // In slices, so that a stop is noticed.
         pollfd p{fd, POLLIN, 0};
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
-        if (poll(&p, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0))) == 1) {
+        int ready = 0;
+        while (ready == 0 && !stopping && Clock::now() < until) {
+            ready = poll(&p, 1, 100);
+        }
+        if (ready == 1) {
             char c;
             closedByServer += read(fd, &c, 1) == 0;
         }
@@ -669,9 +679,11 @@ std::unique_ptr<Velik::StatsEndpoint> serveStatsOrSay(Velik::TaskSchedulerRoot& 
 class BackgroundThread {
   public:
     explicit BackgroundThread(std::string socketPath)
-        : thread_([this, path = std::move(socketPath)] { run(path); }) {}
+        : thread_([this, path = std::move(socketPath)] { run(path); }),
+          inbox_(ready_.get_future().get()) {}
+    // Asks the thread's loop to stop, from this thread, and waits for it.
     ~BackgroundThread() {
-        stop_ = true;
+        Velik::stopEventLoop(inbox_);
         thread_.join();
     }
 
@@ -690,17 +702,17 @@ class BackgroundThread {
             compactors.back()->scheduleTaskJitterUp(0.2, 50);
         }
         auto stats = socketPath.empty() ? nullptr : serveStatsOrSay(*root, socketPath);
-        while (!stop_) {
-            Velik::Platform::doEventLoop(0.05);
-        }
+        ready_.set_value(Velik::inbox());
+        Velik::Platform::doEventLoop();  // until the stop posted from outside
         stats.reset();
         for (auto& c : compactors) {
             c->stopTimerTask();
         }
     }
 
-    std::atomic<bool> stop_{false};
+    std::promise<std::shared_ptr<Velik::Inbox>> ready_;
     std::thread thread_;
+    std::shared_ptr<Velik::Inbox> inbox_;
 };
 
 // ---------------------------------------------------------------- the options
@@ -824,6 +836,7 @@ int run(const Options& options) {
     const int threads = options.threads;
     const int perThread = options.perThread;
     const std::string& jsonPath = options.jsonPath;
+    const auto started = Clock::now();
     constexpr int quiet = 20;
 
     auto root = Velik::schedulerRootVelik();
@@ -849,31 +862,41 @@ int run(const Options& options) {
     const auto until = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                           std::chrono::duration<double>(seconds));
     std::vector<ClientFigures> figures(threads);
-    std::vector<std::thread> clients;
+    // The last client thread to finish stops the server's loop, from its
+    // own thread, through the loop's inbox.
+    std::shared_ptr<Velik::Inbox> inbox = Velik::inbox();
+    std::atomic<int> running{threads + 1};
+    const auto finished = [&] {
+        if (--running == 0) {
+            Velik::stopEventLoop(inbox);
+        }
+    };
+    std::vector<std::jthread> clients;
     for (int i = 0; i < threads; ++i) {
-        clients.emplace_back(runClient, i, port, perThread, until, std::ref(figures[i]));
+        clients.emplace_back([&, i] {
+            runClient(i, port, perThread, until, figures[i]);
+            finished();
+        });
     }
     std::atomic<int> quietClosed{-1};
-    std::thread quietClient([&] {
+    clients.emplace_back([&] {
         quietClosed = runQuietClients(
             port, quiet, std::chrono::milliseconds(static_cast<int>(seconds * 1000) + 1500));
+        finished();
     });
-    std::atomic<int> running{threads + 1};
-    for (auto& c : clients) {
-        std::thread([&c, &running] {
-            c.join();
-            --running;
-        }).detach();
-    }
-    std::thread([&] {
-        quietClient.join();
-        --running;
-    }).detach();
+    // SIGINT and SIGTERM (blocked in every thread by main) arrive here as a
+    // task: the clients finish their round, and the last one stops the loop.
+    auto quit = std::make_shared<Velik::SignalTask>(
+        root.get(), TaskPriority::high, "quit", std::vector<int>{SIGINT, SIGTERM},
+        [](std::uint64_t, int signal) {
+            std::printf("velik_demo: %s, stopping\n", sigabbrev_np(signal));
+            std::fflush(stdout);
+            stopping = true;
+        });
 
-    // The server's loop, in slices so that it can notice the clients are done.
-    while (running.load() > 0) {
-        Velik::Platform::doEventLoop(0.05);
-    }
+    Velik::Platform::doEventLoop();
+    clients.clear();  // joined
+    const double ran = std::chrono::duration<double>(Clock::now() - started).count();
     Velik::Platform::doEventLoop(0.05);  // the last closes
 
     ClientFigures all;
@@ -886,7 +909,7 @@ int run(const Options& options) {
     std::printf(
         "\nclients: %llu requests answered (%.0f per second), %llu errors, %llu connections "
         "closed by the server and reopened\n",
-        static_cast<unsigned long long>(all.requests), static_cast<double>(all.requests) / seconds,
+        static_cast<unsigned long long>(all.requests), static_cast<double>(all.requests) / ran,
         static_cast<unsigned long long>(all.errors),
         static_cast<unsigned long long>(all.closedByServer));
     std::printf(
@@ -923,6 +946,9 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     const Options options = parseOptions(argc, argv);
+    // Before any thread starts, so that every thread inherits the mask and
+    // the signals reach only the server's signal task.
+    Velik::blockSignals({SIGINT, SIGTERM});
     // A peer that has gone is an error return of send or write, not a signal
     // that ends the program.
     std::signal(SIGPIPE, SIG_IGN);
