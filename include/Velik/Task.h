@@ -43,6 +43,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Velik {
 
@@ -123,6 +124,19 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     // ended.
     bool taskBusy() const { return taskBusy_; }
 
+    // The shared pointer that owns the task, taken to hold it alive across a
+    // run. Asserts, naming the task, when none owns it ("Task <name> is not
+    // owned by a std::shared_ptr: create it with std::make_shared"), instead
+    // of a bare std::bad_weak_ptr far from the mistake. Costs what
+    // `shared_from_this()` costs: the check is on the exception's cold path.
+    std::shared_ptr<_TaskBase> taskOwner() {
+        try {
+            return shared_from_this();
+        } catch (const std::bad_weak_ptr&) {
+            taskNotOwnedFail();
+        }
+    }
+
   protected:
     // The letter and the blank before the task name in the display name.
     static constexpr std::size_t displayNamePrefix = 2;
@@ -131,6 +145,13 @@ class _TaskBase : public std::enable_shared_from_this<_TaskBase> {
     // pointer) and interns the display name in the thread's string cache:
     // one string per task name, which the task and statistics names share.
     _TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::string_view name);
+    // The same, sharing the caller's ownership of `scheduler`.
+    _TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+              std::string_view name);
+
+    // The assertion of `taskOwner()`; tells a task never owned from one whose
+    // last owner is gone (being destroyed).
+    [[noreturn, gnu::cold]] void taskNotOwnedFail() const;
 
     std::shared_ptr<TaskScheduler> scheduler_;
     ConstStringRef taskDisplayName_;
@@ -155,6 +176,10 @@ class TaskImpl : public _TaskBase {
     // Registers the task with `scheduler` (asserting "Need a TaskScheduler"
     // when there is none). The quantum starts as the scheduler's default.
     TaskImpl(TaskScheduler* scheduler, TaskPriority priority, std::string_view name);
+    // The same, sharing the caller's ownership of `scheduler` (a root's or a
+    // group's shared pointer converts).
+    TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+             std::string_view name);
     // Turns forced yield off, unschedules and unregisters the task if still
     // needed. Never throws.
     ~TaskImpl() override;
@@ -340,11 +365,17 @@ class TaskImpl : public _TaskBase {
     TaskMaybeU32 workPendingHighWaterMark_;
 };
 
-// The class applications derive from.
+// The class applications derive from. The task must be owned by a shared
+// pointer (`std::make_shared`) before it first runs; a run of a task that
+// none owns asserts.
 class Task : public TaskImpl {
   public:
     Task(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
         : TaskImpl(scheduler, priority, name) {}
+    // The same, sharing the caller's ownership of `scheduler`: a root's or a
+    // group's shared pointer converts.
+    Task(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority, std::string_view name)
+        : TaskImpl(std::move(scheduler), priority, name) {}
 
     bool taskScheduled() const override { return TaskImpl::taskScheduled(); }
     void scheduleTask() override { TaskImpl::scheduleTask(); }

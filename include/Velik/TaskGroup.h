@@ -69,6 +69,8 @@ class TaskGroup : public TaskScheduler {
 
         // Registers with `parentScheduler`, which must be the group's.
         ParentTask(TaskGroup* group, TaskScheduler* parentScheduler, TaskPriority priority);
+        ParentTask(TaskGroup* group, std::shared_ptr<TaskScheduler> parentScheduler,
+                   TaskPriority priority);
 
         // One run of the group. In one-pass mode the tasks queued when the
         // run starts run at most once each; those the run did not reach run
@@ -101,6 +103,10 @@ class TaskGroup : public TaskScheduler {
     // `priority`. Asserts "Need a TaskScheduler" without a parent scheduler.
     TaskGroup(std::string_view name, TaskPriority priority, bool taskGroupPriorityEnforced,
               std::shared_ptr<TaskScheduler> parentScheduler);
+    // The same; `parentScheduler` must be owned by a shared pointer, else this
+    // throws std::bad_weak_ptr.
+    TaskGroup(std::string_view name, TaskPriority priority, bool taskGroupPriorityEnforced,
+              TaskScheduler* parentScheduler);
     // Turns the group's forced yield off, unregisters from the root, detaches
     // and drops the parent task (which leaves the scheduler above when it is
     // destroyed), then drops the parent scheduler.
@@ -160,5 +166,8 @@ class TaskGroup : public TaskScheduler {
 std::shared_ptr<TaskGroup> TaskGroupIs(std::string_view name, TaskPriority priority,
                                        bool taskGroupPriorityEnforced,
                                        std::shared_ptr<TaskScheduler> parentScheduler);
+std::shared_ptr<TaskGroup> TaskGroupIs(std::string_view name, TaskPriority priority,
+                                       bool taskGroupPriorityEnforced,
+                                       TaskScheduler* parentScheduler);
 
 }  // namespace Velik

@@ -88,6 +88,13 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     void scheduleTaskLowestDelay(double delay);
     void scheduleTaskLowestDelay(TaskTimeDuration delay);
 
+    // Restarts the timer to run the task at the absolute library-clock time
+    // `expiry` (`Velik::time()` seconds), taking it off its run queue: the
+    // exact time, with no drift from a clock reading between runs. A time
+    // that has passed (or is not a number) makes the task due on the wheel's
+    // next pass; +infinity stops the timer. Asserts after `handleDestroy`.
+    void scheduleTaskAt(double expiry);
+
     // Stops the timer (if running) and takes the task off its run queue.
     void stopTimerTask();
 
@@ -136,6 +143,8 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     template <typename Delay>
     void scheduleTaskDelayedPrivate(Delay delay, bool restart);
     const std::shared_ptr<TimerWheel>& wheel() const;
+    // The bookkeeping of a timer just armed: running, recorded, busy.
+    void timerStarted(TaskTimePoint now);
     // After a run request that a suspended task dropped: idle, not timing.
     void busyFollowsQueue();
 

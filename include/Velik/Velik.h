@@ -42,9 +42,11 @@
 #include <Velik/ForkHandler.h>
 #include <Velik/HashMix.h>
 #include <Velik/Inbox.h>
+#include <Velik/LambdaTask.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Mappings.h>
+#include <Velik/PeriodicTimerTask.h>
 #include <Velik/Platform.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>

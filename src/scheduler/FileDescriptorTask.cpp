@@ -48,7 +48,7 @@ void FileDescriptorTask::ReadTask::taskExecute() {
         return;  // the parent went while this side was queued
     }
     // The handler may drop the last outside reference to its own task.
-    const std::shared_ptr<_TaskBase> keepParent = parent()->shared_from_this();
+    const std::shared_ptr<_TaskBase> keepParent = parent()->taskOwner();
     parent()->resumeReads();
     parent()->_taskExecuteReadable();
 }
@@ -63,7 +63,7 @@ void FileDescriptorTask::WriteTask::taskExecute() {
     if (!parent()) {
         return;
     }
-    const std::shared_ptr<_TaskBase> keepParent = parent()->shared_from_this();
+    const std::shared_ptr<_TaskBase> keepParent = parent()->taskOwner();
     parent()->_taskExecuteWritable();
 }
 
@@ -71,7 +71,7 @@ void FileDescriptorTask::WriteTask::taskExecute() {
 
 FileDescriptorTask::FileDescriptorTask(std::shared_ptr<TaskScheduler> scheduler,
                                        TaskPriority priority, std::string name)
-    : _TaskBase(scheduler.get(), priority, name),
+    : _TaskBase(std::move(scheduler), priority, name),
       fdControl_(Platform::getFdControl(this)),
       readTask_(std::make_shared<ReadTask>(this)) {
     taskWatchReadableIs(true);

@@ -11,6 +11,8 @@
 #include "Kiv/Ticks.h"
 
 #include <exception>
+#include <memory>
+#include <utility>
 
 namespace Velik {
 
@@ -48,12 +50,32 @@ std::string TaskKey::toStrep() const {
 // --- _TaskBase ---
 
 _TaskBase::_TaskBase(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
-    : scheduler_(scheduler ? scheduler->shared_from_this() : nullptr),
+    : _TaskBase(scheduler ? scheduler->shared_from_this() : nullptr, priority, name) {}
+
+_TaskBase::_TaskBase(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                     std::string_view name)
+    : scheduler_(std::move(scheduler)),
       taskDisplayName_(internDisplayName(priority, name)),
       taskStatsName_(taskDisplayName_.suffix(displayNamePrefix)),
       taskPriority_(priority) {}
 
 _TaskBase::~_TaskBase() = default;
+
+void _TaskBase::taskNotOwnedFail() const {
+    // An empty weak reference was never set: no shared pointer ever took the
+    // task. One that merely expired belonged to a shared pointer now gone.
+    const std::weak_ptr<const _TaskBase> self = weak_from_this();
+    const bool neverOwned = !self.owner_before(std::weak_ptr<const _TaskBase>{}) &&
+                            !std::weak_ptr<const _TaskBase>{}.owner_before(self);
+    if (neverOwned) {
+        VELIK_CLASS_ASSERT(false,
+                           "Task {} is not owned by a std::shared_ptr: create it with "
+                           "std::make_shared",
+                           taskName());
+    }
+    VELIK_CLASS_ASSERT(false, "Task {} is run while being destroyed: no std::shared_ptr owns it",
+                       taskName());
+}
 
 std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
     return stream << task->taskDisplayName();
@@ -62,9 +84,13 @@ std::ostream& operator<<(std::ostream& stream, const _TaskBase* task) {
 // --- Construction and destruction ---
 
 TaskImpl::TaskImpl(TaskScheduler* scheduler, TaskPriority priority, std::string_view name)
-    : _TaskBase(scheduler, priority, name) {
-    if (scheduler) {
-        taskQuantum_ = scheduler->defaultTaskQuantum();
+    : TaskImpl(scheduler ? scheduler->shared_from_this() : nullptr, priority, name) {}
+
+TaskImpl::TaskImpl(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                   std::string_view name)
+    : _TaskBase(std::move(scheduler), priority, name) {
+    if (scheduler_) {
+        taskQuantum_ = scheduler_->defaultTaskQuantum();
     }
     taskMagicNumber_ = taskMagicNumberConstructed;
     includeInCompletedTaskIs(true);

@@ -50,7 +50,7 @@ double TaskTimerControl::remainingTimeout() const {
 TaskCallbackControl::TaskCallbackControl(CallbackHandler* handler,
                                          std::shared_ptr<TaskScheduler> scheduler,
                                          TaskPriority priority, std::string name)
-    : Task(scheduler.get(), priority, name), handler_(handler) {}
+    : Task(std::move(scheduler), priority, name), handler_(handler) {}
 
 void TaskCallbackControl::taskExecute() {
     notifyHandler([this] { handler_->callback(); },

@@ -45,6 +45,11 @@ TaskGroup::ParentTask::ParentTask(TaskGroup* group, TaskScheduler* parentSchedul
     : Task(parentScheduler, priority, "TaskGroup;" + group->schedulerName().str()),
       taskGroup_(group) {}
 
+TaskGroup::ParentTask::ParentTask(TaskGroup* group, std::shared_ptr<TaskScheduler> parentScheduler,
+                                  TaskPriority priority)
+    : Task(std::move(parentScheduler), priority, "TaskGroup;" + group->schedulerName().str()),
+      taskGroup_(group) {}
+
 std::shared_ptr<TaskGroup> TaskGroup::ParentTask::taskGroup() const {
     if (!taskGroup_) {
         return nullptr;
@@ -104,7 +109,7 @@ TaskGroup::TaskGroup(std::string_view name, TaskPriority priority, bool taskGrou
     defaultTaskQuantumIs(parentScheduler_->defaultTaskQuantum());
     root()->registerScheduler(this);
     try {
-        parentTask_ = std::make_shared<ParentTask>(this, parentScheduler_.get(), priority);
+        parentTask_ = std::make_shared<ParentTask>(this, parentScheduler_, priority);
     } catch (...) {
         // Refused by the scheduler above (an enforced priority there): the
         // root must not keep a group that was never made.
@@ -112,6 +117,11 @@ TaskGroup::TaskGroup(std::string_view name, TaskPriority priority, bool taskGrou
         throw;
     }
 }
+
+TaskGroup::TaskGroup(std::string_view name, TaskPriority priority, bool taskGroupPriorityEnforced,
+                     TaskScheduler* parentScheduler)
+    : TaskGroup(name, priority, taskGroupPriorityEnforced,
+                parentScheduler ? parentScheduler->shared_from_this() : nullptr) {}
 
 TaskGroup::~TaskGroup() {
     taskGroupForceYieldInTestIs(false);
@@ -178,6 +188,12 @@ std::shared_ptr<TaskGroup> TaskGroupIs(std::string_view name, TaskPriority prior
                                        std::shared_ptr<TaskScheduler> parentScheduler) {
     return std::make_shared<TaskGroup>(name, priority, taskGroupPriorityEnforced,
                                        std::move(parentScheduler));
+}
+
+std::shared_ptr<TaskGroup> TaskGroupIs(std::string_view name, TaskPriority priority,
+                                       bool taskGroupPriorityEnforced,
+                                       TaskScheduler* parentScheduler) {
+    return std::make_shared<TaskGroup>(name, priority, taskGroupPriorityEnforced, parentScheduler);
 }
 
 }  // namespace Velik

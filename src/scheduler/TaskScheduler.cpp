@@ -209,8 +209,10 @@ void TaskScheduler::handleSchedulerRun() {
         return;
     }
     // Holds the task for the run even if taskExecute drops the last outside
-    // reference; a task already being destroyed throws std::bad_weak_ptr.
-    currentlyRunning_ = task->shared_from_this();
+    // reference. A task no shared pointer owns asserts here, naming itself:
+    // its first run is the first moment that is certain, since a task may
+    // schedule itself from its own constructor, before it has an owner.
+    currentlyRunning_ = task->taskOwner();
     // Released on every way out, and only after the last member access: the
     // task may hold the last reference to this scheduler.
     struct ReleaseRunning {

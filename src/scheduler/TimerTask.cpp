@@ -56,7 +56,7 @@ bool sumOverflows(TaskTimeDuration delay, TaskTimeDuration offset) {
 
 TimerTask::TimerTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
                      std::string name)
-    : TaskImpl(scheduler.get(), priority, name) {}
+    : TaskImpl(std::move(scheduler), priority, name) {}
 
 TimerTask::TimerTask(TaskScheduler* scheduler, TaskPriority priority, std::string name)
     : TimerTask(scheduler ? scheduler->shared_from_this() : nullptr, priority, std::move(name)) {}
@@ -108,16 +108,36 @@ void TimerTask::scheduleTaskDelayedPrivate(Delay delay, bool restart) {
         unscheduleTaskPrivate(now);
     }
     if (doStartTimer(toSeconds(delay), restart)) {
-        timerRunning_ = true;
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer started {} delay {}", taskDisplayName(),
                     printable(delay));
-        recordHistory(now, TaskSchedulerEventType::timerStart);
-        taskBusyIs(taskScheduled(), now);
+        timerStarted(now);
         return;
     }
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer already running {} expire {}", taskDisplayName(),
                 currentExpirationTime());
     VELIK_CLASS_ASSERT(timerRunning_, "Task: {}", taskDisplayName());
+}
+
+void TimerTask::timerStarted(TaskTimePoint now) {
+    timerRunning_ = true;
+    recordHistory(now, TaskSchedulerEventType::timerStart);
+    taskBusyIs(taskScheduled(), now);
+}
+
+void TimerTask::scheduleTaskAt(double expiry) {
+    sanityCheckCurrentRunningThread();
+    if (isNever(expiry)) {
+        stopTimerTask();
+        return;
+    }
+    const TaskTimePoint now = taskSteadyNow();
+    checkNotDestroyed();
+    unscheduleTaskPrivate(now);
+    // No clock reading: the expiry is exact, and one that has passed (or is
+    // not a number) is due at once on the wheel.
+    setTimeoutAt(wheel(), expiry);
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer started {} at {}", taskDisplayName(), expiry);
+    timerStarted(now);
 }
 
 void TimerTask::scheduleTaskDelay(double delay) {
