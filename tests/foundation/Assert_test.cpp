@@ -24,35 +24,6 @@ TEST(AssertTest, MacrosNameSourceAndFunctionAndEvaluateArgumentsOnlyOnFailure) {
                 MatchesRegex("Assert_testCpp:operator\\(\\):[0-9]+: queue 7 corrupt"));
 }
 
-// Keeps, as one line, everything an assertion hands to its handler.
-struct RecordingHandler : Velik::Platform::DebugHandler {
-    RecordingHandler() : DebugHandler("Recording") {}
-    void enabledIs(unsigned, bool) override {}
-    void dump(Velik::Platform::DebugStream& stream, unsigned level, const char* file, int line,
-              const char* function) const override {
-        dumped += fmt::format("{}|{}|{}|{}|{};", stream.str(), level, file ? file : "null", line,
-                              function ? function : "null");
-    }
-    mutable std::string dumped;
-};
-
-TEST(AssertTest, StreamFormDumpsThroughTheHandlerAndStopsAtANullName) {
-    auto handler = std::make_shared<RecordingHandler>();
-    auto messageFor = [&](const char* file, const char* function) {
-        return assertMessageOf([&] {
-            Velik::Platform::DebugStream stream;
-            stream << "ThreadLocal fastForward invoked from non-main thread";
-            Velik::debugAndThrowAssertException(*handler, 3, stream, file, function, 474);
-        });
-    };
-    const std::string text =
-        "Platform:setFastForward:474: ThreadLocal fastForward invoked from non-main thread";
-    EXPECT_EQ(messageFor("Platform", "setFastForward"), text);
-    EXPECT_EQ(handler->dumped, text + "|3|Platform|474|setFastForward;");
-    EXPECT_EQ(messageFor(nullptr, "fn"), "");
-    EXPECT_EQ(messageFor("File", nullptr), "File:");
-}
-
 struct NoisyDestructor {
     ~NoisyDestructor() { std::fputs("destructor ran\n", stderr); }
 };
@@ -93,10 +64,7 @@ TEST(ExceptionTest, EachClassThrowsItselfWithItsMessageAndBacktrace) {
     Velik::RuntimeException e("x");
     const char* first = e.what();
     EXPECT_EQ(std::string(first), "Velik::RuntimeException(\"x\")\n" + e.backtrace().pretty());
-    EXPECT_EQ(e.what(), first);  // cached, not rebuilt
-    // The innermost frame is the exception's own constructor.
-    EXPECT_NE(e.backtrace().pretty().find("(_ZN5Velik9ExceptionC"), std::string::npos)
-        << e.backtrace().pretty();
+    EXPECT_EQ(e.what(), first);           // cached, not rebuilt
     VelikTest::ThrowingAsserts throwing;  // AssertException throws only then
     expectEachThrowsExactlyItsOwnClass<
         Velik::Exception, Velik::MemoryResourceException, Velik::NoPermissionException,

@@ -16,28 +16,34 @@ using namespace KivTest;
 using ClockTest = LoopTest;
 using MainLoopTest = LoopTest;
 
-// A crowd armed, re-armed and disarmed at random on a coarse grid, so that
-// many share a time, against a model: by time, then by latest arming, where
-// setting the time already held is no new arming.
-TEST_F(ClockTest, CrowdArrivesByTimeThenArming) {
+// A crowd armed, re-armed and disarmed at random on a grid finer than the
+// loop's own steps, so that many share a time, against a model: by time, then
+// by latest arming, where setting the time already held is no new arming.
+// None is delivered early.
+TEST_F(ClockTest, CrowdArrivesByTimeThenArmingAndNeverEarly) {
     constexpr int kCount = 300;
     std::mt19937 random(7);
     const double base = now() + 1;
     std::vector<int> arming(kCount, -1), delivered, expected;
+    std::vector<double> due(kCount);
     std::vector<std::unique_ptr<Timer>> timers;
+    int early = 0;
     for (int i = 0; i < kCount; ++i) {
-        timers.push_back(std::make_unique<Timer>([&delivered, i] { delivered.push_back(i); }));
+        timers.push_back(std::make_unique<Timer>([&, i] {
+            delivered.push_back(i);
+            early += now() < due[i];
+        }));
     }
     for (int round = 0, armings = 0; round < 3000; ++round) {
         const int i = static_cast<int>(random() % kCount);
-        double t = base + static_cast<double>(random() % 20);
+        double t = base + static_cast<double>(random() % 20) * 300e-6;
         if (random() % 4 == 0) {
             t = random() % 2 ? kNever : std::nan("");
             arming[i] = -1;
         } else if (t != timers[i]->timeMin()) {
             arming[i] = armings++;
         }
-        timers[i]->timeMinIs(t);
+        timers[i]->timeMinIs(due[i] = t);
     }
     std::ranges::copy_if(std::views::iota(0, kCount), std::back_inserter(expected),
                          [&](int i) { return arming[i] >= 0; });
@@ -47,28 +53,13 @@ TEST_F(ClockTest, CrowdArrivesByTimeThenArming) {
     const double last = timers[expected.back()]->timeMin();
     Kiv::System::doRun();
     EXPECT_EQ(delivered, expected);
+    EXPECT_EQ(early, 0);
 
     // Leaving virtual time keeps the lead reached: the clock never runs back.
     const double reached = now();
     EXPECT_GE(reached, last);
     config()->virtualTimeIs(false);
     EXPECT_GE(now(), reached);
-}
-
-// Never early, also for times closer together than the loop's own steps.
-TEST_F(ClockTest, TimersMicrosecondsApartAreNeverEarly) {
-    const double base = now() + 1;
-    std::vector<double> lateness;
-    std::vector<std::unique_ptr<Timer>> timers;
-    for (int i = 9; i >= 0; --i) {
-        const double t = base + i * 300e-6;
-        timers.push_back(
-            std::make_unique<Timer>([&lateness, t] { lateness.push_back(now() - t); }));
-        timers.back()->timeMinIs(t);
-    }
-    Kiv::System::doRun();
-    ASSERT_EQ(lateness.size(), 10u);
-    EXPECT_GE(std::ranges::min(lateness), 0.0);
 }
 
 TEST_F(ClockTest, NotifieeDestroysItselfAndAnotherDueFromOnTime) {
@@ -87,33 +78,21 @@ TEST_F(ClockTest, NotifieeDestroysItselfAndAnotherDueFromOnTime) {
 }
 
 // The loop's pass reading goes to the first notifiee of a pass only, once,
-// and is a real reading taken before that notifiee's delivery; no other
-// notifiee, thread or moment sees one.
+// and is a real reading taken before that notifiee's delivery.
 TEST_F(ClockTest, PassReadingReachesOnlyTheFirstNotifieeOnce) {
-    std::vector<std::int64_t> taken, again;
-    std::int64_t after = 0;
+    std::vector<std::int64_t> taken;
     const auto take = [&] {
-        after = Kiv::steadyNanoseconds();
         taken.push_back(Kiv::Clock::takePassReading());
-        again.push_back(Kiv::Clock::takePassReading());
+        taken.push_back(Kiv::Clock::takePassReading());
     };
     Timer first(take), second(take);
     first.timeMinIs(0.0);
     second.timeMinIs(0.0);
     const std::int64_t before = Kiv::steadyNanoseconds();
     Kiv::System::doRun();
-    using testing::AllOf, testing::Ge, testing::Le;
-    EXPECT_THAT(taken, testing::ElementsAre(AllOf(Ge(before), Le(after)), 0));
-    EXPECT_EQ(again, (std::vector<std::int64_t>{0, 0}));
+    EXPECT_THAT(taken, testing::ElementsAre(testing::Ge(before), 0, 0, 0));
+    EXPECT_LE(taken[0], Kiv::steadyNanoseconds());
     EXPECT_EQ(Kiv::Clock::takePassReading(), 0);  // outside a delivery
-
-    // A notifiee that throws leaves none behind for code after the loop.
-    Timer thrower([] { throw 1; }), untaken;
-    untaken.timeMinIs(0.0);
-    thrower.timeMinIs(-1.0);  // delivered first, and takes nothing
-    EXPECT_THROW(Kiv::System::doRun(), int);
-    EXPECT_EQ(Kiv::Clock::takePassReading(), 0);
-    untaken.timeMinIs(kNever);
 }
 
 // A notification may run the loop again on the loop's thread; no other thread
