@@ -10,7 +10,7 @@
 //       Velik::blockSignals({SIGINT, SIGTERM});   // first, before any thread
 //       auto root = Velik::schedulerRootVelik();
 //       auto quit = std::make_shared<Velik::SignalTask>(
-//           root.get(), Velik::TaskPriority::high, "quit", std::vector<int>{SIGINT, SIGTERM},
+//           root, Velik::TaskPriority::high, "quit", std::vector<int>{SIGINT, SIGTERM},
 //           [](std::uint64_t, int) { Velik::Platform::stopEventLoop(); });
 //       Velik::Platform::doEventLoop();
 //   }
@@ -61,6 +61,9 @@ class SignalTask : public Task, private Platform::FdEventHandler {
     // signal, no descriptors left).
     SignalTask(TaskScheduler* scheduler, TaskPriority priority, std::string_view name,
                const std::vector<int>& signals, Handler handler);
+    // The same, sharing the caller's ownership of `scheduler`.
+    SignalTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+               std::string_view name, const std::vector<int>& signals, Handler handler);
     SignalTask(const SignalTask&) = delete;
     SignalTask& operator=(const SignalTask&) = delete;
     // Stops watching and closes the signalfd; signals still pending stay
@@ -82,6 +85,8 @@ class SignalTask : public Task, private Platform::FdEventHandler {
     void taskExecute() override;
 
   private:
+    // Binds the signalfd to a new fd control, reads on; closes it on failure.
+    void watch();
     // Reads every queued signal and schedules the task.
     void readFdEvent(int fd) override;
     void writeFdEvent(int) override {}

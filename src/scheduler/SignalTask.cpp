@@ -57,6 +57,18 @@ void blockSignals(const std::vector<int>& signals) {
 SignalTask::SignalTask(TaskScheduler* scheduler, TaskPriority priority, std::string_view name,
                        const std::vector<int>& signals, Handler handler)
     : Task(scheduler, priority, name), handler_(std::move(handler)), fd_(newSignalFd(signals)) {
+    watch();
+}
+
+SignalTask::SignalTask(std::shared_ptr<TaskScheduler> scheduler, TaskPriority priority,
+                       std::string_view name, const std::vector<int>& signals, Handler handler)
+    : Task(std::move(scheduler), priority, name),
+      handler_(std::move(handler)),
+      fd_(newSignalFd(signals)) {
+    watch();
+}
+
+void SignalTask::watch() {
     try {
         control_ = Platform::getFdControl(this);
         control_->setReads(true);
