@@ -87,7 +87,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
     const auto& sub = s["subSchedulers"][key.c_str()];
     EXPECT_EQ(keysOf(sub), (Keys{"schedulerName", "isRootScheduler", "priorityStats",
                                  "maxSchedulerSlip", "tasks", "subSchedulers"}));
-    EXPECT_EQ(sub["subSchedulers"].MemberCount(), 0u);
 
     const auto& done = s["completedTasks"]["tasks"][0];
     EXPECT_STREQ(done["name"].GetString(), "short");
