@@ -175,10 +175,8 @@ TEST_F(StatsClientTest, DirectoriesStandForTheirSockets) {
 }
 
 TEST(Options, MistakesAreUsageErrors) {
-    const std::vector<std::vector<const char*>> bad = {{"velik-top", "-i"},
-                                                       {"velik-top", "-i", "0"},
-                                                       {"velik-top", "-i", "1x"},
-                                                       {"velik-top", "--once", "--json"}};
+    const std::vector<std::vector<const char*>> bad = {
+        {"velik-top", "-i", "0"}, {"velik-top", "-i", "1x"}, {"velik-top", "--once", "--json"}};
     for (const auto& args : bad) {
         EXPECT_EQ(
             failureOf([&] { VelikTop::parseOptions(static_cast<int>(args.size()), args.data()); }),

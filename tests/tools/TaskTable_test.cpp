@@ -88,12 +88,9 @@ TEST_F(TaskTableTest, LinesShowRatesAndMarkGroups) {
 
 TEST(TableText, CompactFigures) {
     using Figures = std::vector<std::pair<double, std::string>>;
-    for (auto [n, text] : Figures{{2.5, "2.5"},
-                                  {999, "999"},
-                                  {1000, "1.00k"},
-                                  {999949, "999.9k"},
-                                  {999999, "1.00M"},
-                                  {-3, "0"}}) {
+    const Figures counts{{2.5, "2.5"},       {999, "999"},      {1000, "1.00k"},
+                         {999949, "999.9k"}, {999999, "1.00M"}, {-3, "0"}};
+    for (auto [n, text] : counts) {
         EXPECT_EQ(VelikTop::formatCount(n), text);
     }
     for (auto [s, text] :
