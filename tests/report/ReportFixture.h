@@ -37,7 +37,7 @@ class ReportTest : public SchedulerTest {
         timer->scheduleTaskDelay(100.0);
 
         conn = std::make_shared<ProbeFd>(root, "conn");
-        conn->taskWatchFdIs(fds[0]);
+        conn->taskWatchFdIs(sockets.fds[0]);
         conn->onRead = [](ProbeFd& self) {
             advanceNs(ms / 2);
             self.taskWorkCountInc(10);
@@ -64,7 +64,6 @@ class ReportTest : public SchedulerTest {
         idle = task(P::scavenge, "idle");
     }
     Pipe sockets{true};
-    int* fds = sockets.fds;
     std::shared_ptr<ProbeTask> worker, idle;
     std::shared_ptr<ProbeTimer> timer;
     std::shared_ptr<ProbeFd> conn;

@@ -87,7 +87,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
     const auto& sub = s["subSchedulers"][key.c_str()];
     EXPECT_EQ(keysOf(sub), (Keys{"schedulerName", "isRootScheduler", "priorityStats",
                                  "maxSchedulerSlip", "tasks", "subSchedulers"}));
-    EXPECT_EQ(sub["subSchedulers"].MemberCount(), 0u);
 
     const auto& done = s["completedTasks"]["tasks"][0];
     EXPECT_STREQ(done["name"].GetString(), "short");
@@ -111,29 +110,6 @@ TEST_F(JsonTest, KeyTreeOrderAndValues) {
                                "maxSchedulerSlip", "tasks", "subSchedulers"}));
     EXPECT_EQ(b["tasks"]["skipped"].GetUint(), 0u);
     EXPECT_EQ(b["tasks"]["tasks"].Size(), 5u);
-}
-
-TEST_F(JsonTest, AnyBytesInNamesGiveValidJson) {
-    // Quote, backslash and control characters are escaped; bytes that are
-    // not UTF-8 (a stray 0xff, a cut sequence) read back as U+FFFD.
-    auto odd = task(Velik::TaskPriority::low, "q\"b\\c\x01\t/\xff\xc3(\xe2\x82\xac");
-    const auto doc = parse(root->statsRenderJsonToString(true, false, false));
-    const auto& t = taskNamed(doc["schedulers"]["testRoot"]["tasks"],
-                              "q\"b\\c\x01\t/\xEF\xBF\xBD\xEF\xBF\xBD(\xe2\x82\xac");
-    EXPECT_TRUE(t.IsObject());
-}
-
-// An event's id is the text it recorded: a task's display name, which is
-// never empty ("N " for a task named ""); only an empty text is left out.
-TEST_F(JsonTest, EventIdIsTheRecordedDisplayName) {
-    auto unnamed = task(Velik::TaskPriority::normal, "");
-    unnamed->scheduleTask();
-    const auto doc = parse(root->statsRenderJsonToString(false, false, true));
-    Keys ids;
-    for (const auto& e : doc["schedulers"]["testRoot"]["history"]["history"].GetArray()) {
-        ids.push_back(e.HasMember("eventId") ? e["eventId"].GetString() : "-");
-    }
-    EXPECT_EQ(ids, (Keys{"N ", "N ", "N ", "S idle"}));  // busy, schedule, create, create
 }
 
 TEST_F(JsonTest, MisuseAsserts) {

@@ -2,7 +2,6 @@
 #include "Prometheus.h"
 
 #include "FakeSnapshot.h"
-#include "report/StatsPrintable.h"
 
 #include <gmock/gmock.h>
 
@@ -51,9 +50,6 @@ TEST(Prometheus, EveryFamilyDeclaredOnceBeforeItsSamples) {
     // Work only for the task that reported some.
     EXPECT_THAT(text, HasSubstr("velik_task_work_total{thread=\"t1\""));
     EXPECT_THAT(text, Not(HasSubstr("velik_task_work_total{thread=\"t2\"")));
-    EXPECT_THAT(
-        text,
-        HasSubstr("velik_scheduler_max_slip_seconds{thread=\"t2\",scheduler=\"main\"} 0.001\n"));
 }
 
 TEST(Prometheus, NoControlCharacterOrBrokenUtf8ReachesTheExposition) {
@@ -63,9 +59,6 @@ TEST(Prometheus, NoControlCharacterOrBrokenUtf8ReachesTheExposition) {
     const std::string text = VelikTop::prometheusText({snap});
     EXPECT_THAT(text, HasSubstr(R"(thread="t\\x1b]2;title\\x07")"));
     EXPECT_THAT(text, HasSubstr(R"(task="a\\x1b[31m\\x0d\\x00b\\xc2\\x9b\\xff\"\\\nc")"));
-    for (const std::string& line : linesOf(text)) {
-        EXPECT_FALSE(Velik::Impl::needsPrintable(line)) << line;
-    }
 }
 
 }  // namespace

@@ -23,28 +23,26 @@ Rates ratesOf(const std::vector<FakeTask>& before, const std::vector<FakeTask>& 
 }
 
 // FakeTask fields: name, address, runs, time, max latency, qv200, qv500, work.
-TEST(SnapshotDiff, RatesAreGrowthOverAnInterval) {
-    EXPECT_EQ(
-        ratesOf({{"a", "0x1", 100, 1.0, 0, 0, 0, 50}}, {{"a", "0x1", 300, 1.5, 0, 0, 0, 250}}, 2.0),
-        (Rates{{100, 0.25, 100}}));
-    // No earlier snapshot, or no time between: no rates.
+// No time between two snapshots: no rates, as before a second one.
+TEST(SnapshotDiff, NoRatesWithoutAnInterval) {
     const auto after = fakeSnapshot({{.name = "a", .runs = 1}});
-    EXPECT_FALSE(VelikTop::rates(nullptr, after, 1.0)[0].known);
     EXPECT_FALSE(VelikTop::rates(&after, after, 0.0)[0].known);
 }
 
-TEST(SnapshotDiff, NewAndReplacedTasksCountFromZero) {
+TEST(SnapshotDiff, RatesAreGrowthOverTheIntervalNewAndReplacedTasksCountFromZero) {
     // "old" was deleted and a task of the same name took its address; "new"
     // appeared; "gone" disappeared. "reused" ran more in less time: a reset
-    // or a replacement, and 4 s in 1 s cannot be: capped.
-    EXPECT_EQ(ratesOf({{"old", "0x10", 900, 9},
+    // or a replacement, and 4 s in 2 s cannot be: capped.
+    EXPECT_EQ(ratesOf({{"a", "0x1", 100, 1.0, 0, 0, 0, 50},
+                       {"old", "0x10", 900, 9},
                        {"reused", "0x20", 500, 5, 0, 0, 0, 1000},
                        {"gone", "0x30", 7, 7}},
-                      {{"old", "0x10", 10, 0.1},
+                      {{"a", "0x1", 300, 1.5, 0, 0, 0, 250},
+                       {"old", "0x10", 10, 0.1},
                        {"reused", "0x20", 600, 4, 0, 0, 0, 1100},
                        {"new", "0x40", 4, 0.2}},
-                      1.0),
-              (Rates{{10, 0.1, 0}, {600, 1.0, 1100}, {4, 0.2, 0}}));
+                      2.0),
+              (Rates{{100, 0.25, 100}, {5, 0.05, 0}, {300, 1.0, 550}, {2, 0.1, 0}}));
 }
 
 TEST(SnapshotDiff, ThreadShareCountsGroupsOnceNotTheirTasks) {
