@@ -98,9 +98,6 @@ TEST_F(TaskTest, QuantumLimitsAndViolationBoundaries) {
     EXPECT_ASSERT_TEXT(t->taskQuantumNoCheckIs(TaskTimeDuration(0)), "Quantum: 0");
     EXPECT_ASSERT_TEXT(t->taskQuantumIs(TaskTimeDuration(-5)), "Quantum: -5");
     EXPECT_ASSERT_TEXT(root->defaultTaskQuantumIs(TaskTimeDuration(0)), "Quantum: 0");
-    t->taskQuantumNoCheckIs(std::chrono::seconds(5));  // no upper limit here
-    EXPECT_EQ(t->taskQuantum(), std::chrono::seconds(5));
-
     t->taskQuantumIs(TaskTimeDuration(1'000));
     // Run lengths and the counts after them, as qv200 * 10 + qv500.
     for (auto [ns, counts] : {std::pair{1'999, 0u}, {2'000, 10u}, {4'999, 20u}, {5'000, 21u}}) {
@@ -131,30 +128,26 @@ TEST_F(TaskTest, HistoryEventsHoldTheDisplayNameInternedOnce) {
     EXPECT_EQ(cache.size(), before + 1);
 }
 
-TEST_F(TaskTest, TickModeConsultsTheClockAgainAfterAYield) {
+// In tick mode the clock is read again once 500 us of processor ticks have
+// passed, so a run past its quantum does yield.
+TEST_F(TaskTest, TickModeYieldsOnceTheQuantumIsUsed) {
     auto t = task(TaskPriority::normal, "tick");
     t->taskQuantumIs(TaskTimeDuration(1'000'000));
-    std::vector<bool> answers;
     t->body = [&](ProbeTask& self) {
-        answers.push_back(self.taskShouldYield());  // first call: reads the clock
+        EXPECT_FALSE(self.taskShouldYield());
         advanceNs(2'000'000);
-        // Within 500 us of processor ticks the clock is not read again.
-        answers.push_back(self.taskShouldYield());
         const std::uint64_t start = Kiv::ticks();
         while (Kiv::ticks() - start <= Kiv::ticksPer500Microseconds()) {
         }
-        answers.push_back(self.taskShouldYield());
-        answers.push_back(self.taskShouldYield());  // after a yield: read again
+        EXPECT_TRUE(self.taskShouldYield());
     };
     t->taskRunAndRecordFromTest();
-    EXPECT_EQ(answers, (std::vector<bool>{false, false, true, true}));
 }
 
 TEST_F(TaskTest, ForcedYieldRatioCountsCallsAndTheTasksOwnBeatsTheRoots) {
     auto a = task(TaskPriority::normal, "a");
     auto b = task(TaskPriority::normal, "b");
     b->taskTestYieldRatioIs(3);
-    EXPECT_EQ(historyLines().front(), "frcYieldOn N b");
     std::vector<bool> answers;
     for (int i = 0; i < 4; ++i) {
         answers.push_back(b->taskShouldYield());  // never run yet: may ask
