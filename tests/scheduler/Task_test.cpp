@@ -171,19 +171,6 @@ TEST_F(TaskTest, ForcedYieldRatioCountsCallsAndTheTasksOwnBeatsTheRoots) {
     EXPECT_EQ(a->taskShouldYieldMode(), TaskShouldYieldMode::ticks);
 }
 
-TEST_F(TaskTest, WorkHighWaterMarksKeepAllOnesAsAValue) {
-    auto t = task(TaskPriority::normal, "w");
-    t->taskWorkCountInc(10);  // the first sample is the average
-    t->taskWorkCountInc(0);
-    EXPECT_FLOAT_EQ(t->workCountDecayAvg(), 9.0f);
-    t->taskWorkCountInc(0xFFFFFFFFu);  // all ones means "no value": kept one lower
-    EXPECT_EQ(t->workCountHighWaterMark().value(), 0xFFFFFFFEu);
-    t->taskWorkPendingIs(0);
-    t->taskResetStats();
-    EXPECT_FALSE(t->workCountHighWaterMark().hasValue());
-    EXPECT_FALSE(t->workPendingHighWaterMark().hasValue());
-}
-
 TEST_F(TaskTest, DestroyedWhileQueuedLeavesNoTraceButItsName) {
     auto t = task(TaskPriority::low, "gone");
     t->scheduleTask();
