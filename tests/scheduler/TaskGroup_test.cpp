@@ -35,7 +35,6 @@ TEST_F(TaskGroupTest, EachParentRunIsOnePassOrRunsUntilItsQuantum) {
         {true, 7, "abc", {"abcabca"}, 7, 3},       // on until the parent yields
         {false, 2, "a", {"ab", "ca"}, 4, 1},  // cut short: c first, then a rescheduled meanwhile
         {false, 50, "", {"abc"}, 4, 0},       // all idle: the parent leaves the queue
-        {true, 50, "", {"abc"}, 4, 0},
     };
     for (const Row& row : rows) {
         auto g = TaskGroupIs("g", normal, false, root);
