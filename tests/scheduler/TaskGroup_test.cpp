@@ -62,7 +62,7 @@ TEST_F(TaskGroupTest, EachParentRunIsOnePassOrRunsUntilItsQuantum) {
     }
 }
 
-TEST_F(TaskGroupTest, NestedGroupsShareQuantumAndForcedYieldUpwards) {
+TEST_F(TaskGroupTest, NestedGroupsShareTheQuantumAndRefuseOtherPriorities) {
     auto outer = TaskGroupIs("outer", normal, true, root);
     outer->defaultTaskQuantumIs(std::chrono::milliseconds(5));
     auto inner = TaskGroupIs("inner", normal, false, outer);
@@ -77,12 +77,6 @@ TEST_F(TaskGroupTest, NestedGroupsShareQuantumAndForcedYieldUpwards) {
     runUntilIdle();
     EXPECT_EQ(letters(), "x");
     EXPECT_FALSE(inner->parentTaskScheduled() || outer->parentTaskScheduled());
-
-    x->taskForceYieldInTestIs(true);
-    EXPECT_TRUE(outer->parentTask()->taskForceYieldInTest());
-    outer->taskGroupForceYieldInTestIs(true);
-    x->taskForceYieldInTestIs(false);
-    EXPECT_TRUE(outer->parentTask()->taskForceYieldInTest());  // its own switch holds it
 }
 
 TEST_F(TaskGroupTest, TheGroupLivesWhileItsTasksDoAndALateParentRunDoesNothing) {
