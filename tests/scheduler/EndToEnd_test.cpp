@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <latch>
-#include <set>
 #include <thread>
 
 #include "platform/Families.h"
@@ -67,17 +66,16 @@ INSTANTIATE_TEST_SUITE_P(BothPlatforms, EndToEnd,
                          testing::Values(Family::framework, Family::libevent),
                          VelikTest::familyName);
 
+// Each thread its own root: a shared one would fail the thread check.
 TEST(EndToEndThreads, SeveralThreadsEachWithItsOwnRootRunAtOnce) {
     constexpr int threads = 3, runsPerThread = 2000;
     std::latch ready(threads);
     std::vector<int> runs(threads, 0);
-    std::vector<const Velik::TaskSchedulerRoot*> roots(threads, nullptr);
     std::vector<std::jthread> pool;
     for (int i = 0; i < threads; ++i) {
         pool.emplace_back([&, i] {
             VelikTest::onLoopThread([&] {
                 auto root = Velik::schedulerRootVelik();
-                roots[i] = root.get();
                 auto task = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "w");
                 task->body = [&](ProbeTask& self) {
                     if (++runs[i] < runsPerThread) {
@@ -92,7 +90,6 @@ TEST(EndToEndThreads, SeveralThreadsEachWithItsOwnRootRunAtOnce) {
     }
     pool.clear();  // joins
     EXPECT_EQ(runs, std::vector<int>(threads, runsPerThread));
-    EXPECT_EQ(std::set(roots.begin(), roots.end()).size(), std::size_t{threads});
 }
 
 }  // namespace

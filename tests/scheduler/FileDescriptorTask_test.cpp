@@ -29,13 +29,11 @@ TEST_F(FdTaskTest, WriteSideIsMadeOnDemandWithTheReadSidesSettings) {
                        "taskWatchWritableIs( true )");
 
     t->taskStatsNameIs("stats");
-    t->taskQuantumIs(5ms);
     t->taskSuspendedIs(true);
-    t->taskTestYieldRatioIs(3);
     t->taskWatchWritableIs(true);
     auto& w = *t->writeTask();
-    EXPECT_EQ(std::tuple(w.taskStatsName().str(), w.taskSuspended(), w.taskTestYieldRatio()),
-              std::tuple("stats:write", true, 3));
+    EXPECT_EQ(std::tuple(w.taskStatsName().str(), w.taskSuspended()),
+              std::tuple("stats:write", true));
     t->taskQuantumIs(7ms);
     t->taskSuspendedIs(false);  // queues both sides, as unsuspending any task does
     EXPECT_EQ(w.taskQuantum(), 7ms);

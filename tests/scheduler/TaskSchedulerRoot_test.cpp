@@ -18,7 +18,6 @@ TEST_F(TaskSchedulerRootTest, SchedulerRegistryErrors) {
     EXPECT_ASSERT_TEXT(root->registerScheduler(root.get()), "insert failed for testRoot");
     root->unregisterScheduler(root.get());
     EXPECT_ASSERT_TEXT(root->unregisterScheduler(root.get()), "delete failed for testRoot");
-    EXPECT_ASSERT_TEXT(root->taskGroupCount(), "");  // raises, whatever the text
     root->registerScheduler(root.get());
 }
 
