@@ -30,13 +30,6 @@ struct LoopWorker {
     std::shared_ptr<Inbox> box = ready.get_future().get();
 };
 
-void runProducers(const std::function<void(int)>& produce) {
-    std::vector<std::jthread> producers;
-    for (int p = 0; p < producerCount; ++p) {
-        producers.emplace_back(produce, p);
-    }
-}
-
 // The worker stops half-way through and its thread ends while producers
 // may still be posting: each producer's items ran in order, the rest were
 // dropped or refused, and every item was destroyed once, run or not.
@@ -48,18 +41,22 @@ TEST(Inbox, ProducersKeepTheirOrderAndTheCountsAddUpWhenTheTargetEnds) {
     bool ordered = true;
     std::string report;
     LoopWorker worker;
-    runProducers([&](int p) {
-        for (std::uint64_t i = 0; i < perProducer; ++i) {
-            post(worker.box, TaskPriority::normal, "ingest", [&, token, p, i] {
-                ordered = ordered && next[p]++ == i;
-                if (++seen == total / 2) {
-                    report = schedulerRootVelik()->statsRenderTextForDebugToString(true, false,
-                                                                                   false, false);
-                    Platform::stopEventLoop();
-                }
-            });
-        }
-    });
+    std::vector<std::jthread> producers;
+    for (int p = 0; p < producerCount; ++p) {
+        producers.emplace_back([&, p] {
+            for (std::uint64_t i = 0; i < perProducer; ++i) {
+                post(worker.box, TaskPriority::normal, "ingest", [&, token, p, i] {
+                    ordered = ordered && next[p]++ == i;
+                    if (++seen == total / 2) {
+                        report = schedulerRootVelik()->statsRenderTextForDebugToString(
+                            true, false, false, false);
+                        Platform::stopEventLoop();
+                    }
+                });
+            }
+        });
+    }
+    producers.clear();  // joins
     worker.thread.join();
     EXPECT_FALSE(post(worker.box, TaskPriority::low, "late", [token] {}));
     EXPECT_FALSE(post(nullptr, TaskPriority::low, "nowhere", [] {}));

@@ -64,12 +64,16 @@ class ProbeTask : public Velik::Task {
     std::vector<std::string>* log_;
 };
 
-// Notes the library time of each run.
+// Notes the library time of each run and does whatever `body` says.
 class ProbeTimer : public Velik::TimerTask {
   public:
     using TimerTask::TimerTask;
-    void taskExecute() override { runsAt.push_back(Velik::time()); }
+    void taskExecute() override {
+        runsAt.push_back(Velik::time());
+        body(*this);
+    }
     std::vector<double> runsAt;
+    std::function<void(ProbeTimer&)> body = [](ProbeTimer&) {};
 };
 
 // A normal descriptor task that logs its handler runs ("read", "write")
