@@ -35,7 +35,6 @@ TEST_F(TaskGroupTest, EachParentRunIsOnePassOrRunsUntilItsQuantum) {
         {true, 7, "abc", {"abcabca"}, 7, 3},       // on until the parent yields
         {false, 2, "a", {"ab", "ca"}, 4, 1},  // cut short: c first, then a rescheduled meanwhile
         {false, 50, "", {"abc"}, 4, 0},       // all idle: the parent leaves the queue
-        {true, 50, "", {"abc"}, 4, 0},
     };
     for (const Row& row : rows) {
         auto g = TaskGroupIs("g", normal, false, root);
@@ -63,7 +62,7 @@ TEST_F(TaskGroupTest, EachParentRunIsOnePassOrRunsUntilItsQuantum) {
     }
 }
 
-TEST_F(TaskGroupTest, NestedGroupsShareQuantumAndForcedYieldUpwards) {
+TEST_F(TaskGroupTest, NestedGroupsShareTheQuantumAndRefuseOtherPriorities) {
     auto outer = TaskGroupIs("outer", normal, true, root);
     outer->defaultTaskQuantumIs(std::chrono::milliseconds(5));
     auto inner = TaskGroupIs("inner", normal, false, outer);
@@ -78,12 +77,6 @@ TEST_F(TaskGroupTest, NestedGroupsShareQuantumAndForcedYieldUpwards) {
     runUntilIdle();
     EXPECT_EQ(letters(), "x");
     EXPECT_FALSE(inner->parentTaskScheduled() || outer->parentTaskScheduled());
-
-    x->taskForceYieldInTestIs(true);
-    EXPECT_TRUE(outer->parentTask()->taskForceYieldInTest());
-    outer->taskGroupForceYieldInTestIs(true);
-    x->taskForceYieldInTestIs(false);
-    EXPECT_TRUE(outer->parentTask()->taskForceYieldInTest());  // its own switch holds it
 }
 
 TEST_F(TaskGroupTest, TheGroupLivesWhileItsTasksDoAndALateParentRunDoesNothing) {

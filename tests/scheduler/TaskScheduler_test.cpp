@@ -39,8 +39,6 @@ TEST_F(TaskSchedulerTest, StarvationRuleSequences) {
     // Every task reschedules itself at once; as many runs as letters expected.
     const std::pair<const char*, std::string> rows[] = {
         {"HN", "HHHHHHHHHNHHHHHHHHHNHHHHHHHHHN"},  // 8n > 64 first holds at n = 9
-        {"LN", "NNNNNNNNNLNNNNNNNNNL"},            // 1n > 8 likewise
-        {"HHN", std::string(17, 'H') + "N"},       // two waiting high: 8n > 128 at 17
         {"HHNL", std::string(15, 'H') + "N"},      // 9n > 128 at 15; normal itself is picked
         // 9n > 64 at n = 8; after nine bumped normal runs normal gives way to low.
         {"HNL",
