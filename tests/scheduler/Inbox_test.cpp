@@ -17,7 +17,13 @@
 namespace {
 
 using namespace Velik;
-constexpr int producerCount = 4;
+constexpr int producerCount = 8;
+#if defined(__SANITIZE_THREAD__)
+constexpr std::uint64_t perProducer = 5'000;
+#else
+constexpr std::uint64_t perProducer = 125'000;  // a million in all
+#endif
+constexpr std::uint64_t total = perProducer * producerCount;
 
 // A thread with a libevent loop that runs until stopped, then ends.
 struct LoopWorker {
@@ -30,11 +36,14 @@ struct LoopWorker {
     std::shared_ptr<Inbox> box = ready.get_future().get();
 };
 
-// The worker stops half-way through and its thread ends while producers
-// may still be posting: each producer's items ran in order, the rest were
-// dropped or refused, and every item was destroyed once, run or not.
-TEST(Inbox, ProducersKeepTheirOrderAndTheCountsAddUpWhenTheTargetEnds) {
-    constexpr std::uint64_t perProducer = 20'000, total = perProducer * producerCount;
+// Eight producers post to a worker that stops after `stopAt` items and then
+// ends while producers may still be posting: each producer's items ran in
+// order, the rest were dropped or refused, and every item was destroyed
+// once, run or not.
+class InboxDelivery : public testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(InboxDelivery, ProducersKeepTheirOrderAndTheCountsAddUp) {
+    const std::uint64_t stopAt = GetParam();
     auto token = std::make_shared<int>(0);
     std::vector<std::uint64_t> next(producerCount, 0);  // the worker's alone
     std::uint64_t seen = 0;
@@ -47,7 +56,7 @@ TEST(Inbox, ProducersKeepTheirOrderAndTheCountsAddUpWhenTheTargetEnds) {
             for (std::uint64_t i = 0; i < perProducer; ++i) {
                 post(worker.box, TaskPriority::normal, "ingest", [&, token, p, i] {
                     ordered = ordered && next[p]++ == i;
-                    if (++seen == total / 2) {
+                    if (++seen == stopAt) {
                         report = schedulerRootVelik()->statsRenderTextForDebugToString(
                             true, false, false, false);
                         Platform::stopEventLoop();
@@ -61,12 +70,15 @@ TEST(Inbox, ProducersKeepTheirOrderAndTheCountsAddUpWhenTheTargetEnds) {
     EXPECT_FALSE(post(worker.box, TaskPriority::low, "late", [token] {}));
     EXPECT_FALSE(post(nullptr, TaskPriority::low, "nowhere", [] {}));
     const Inbox& box = *worker.box;
-    EXPECT_TRUE(ordered && box.closed() && seen >= total / 2);
+    EXPECT_TRUE(ordered && box.closed() && seen >= stopAt);
     EXPECT_EQ(std::tuple(box.postedCount(), box.runCount(), box.runCount() + box.droppedCount(),
                          token.use_count()),
               std::tuple(total + 1, seen, total + 1, 1L));
     EXPECT_NE(report.find("ingest"), std::string::npos) << report;  // a task of that name
 }
+
+// All of them (nothing lost), and a stop half-way racing the posts.
+INSTANTIATE_TEST_SUITE_P(Inbox, InboxDelivery, testing::Values(total, total / 2));
 
 // An item that throws leaves the loop like any task; the items behind it
 // are not stranded. Closing the inbox drops what is still queued.
