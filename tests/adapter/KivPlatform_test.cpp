@@ -38,42 +38,23 @@ TEST(KivPlatformTest, TraceLinesAndTheirLevels) {
     handler.throws = handler.swallow = true;
     auto fd = Platform::getFdControl(&handler);
     auto timer = Platform::getTimerControl(&handler);
-    auto callback = Platform::getCallbackControl(&handler);
     Platform::setTraceFormat("%f/%l %F:%n: %m");
     Platform::setupVelikDebug("KivVelik");
     testing::internal::CaptureStderr();
     fd->setReads(true);
     fd->setFd(p.fds[0]);
-    pass();
-    fd->setReads(false);
-    fd->setFd(p.fds[1]);
-    fd->setWrites(true);
-    pass();
     timer->setTimeout(0.0);
-    callback->requestCallback();
     pass();
-    fd->delFd();
     const std::string out = testing::internal::GetCapturedStderr();
     Platform::clearVelikDebug("KivVelik");
     Platform::clearTraceFormat();
-    const std::string r = std::to_string(p.fds[0]), w = std::to_string(p.fds[1]);
     for (const std::string& line : std::vector<std::string>{
-             "KivVelik/5 Platform:setFd: FileDescriptor::setFd() registering fd:" + r,
-             "FileDescriptor::Notifiee::onReadableCount() fd:" + r + " readableCount:1",
              "KivVelik/5 Platform:onReadableCount: FileDescriptor::onReadableCount: Fd "
              "notification exception was handled",
-             "FileDescriptor::Notifiee::onWritableCount() fd:" + w + " writableCount:1",
-             "KivVelik/5 Platform:onWritableCount: FileDescriptor::onWritableCount: Fd "
-             "notification exception was handled",
-             "KivVelik/5 Platform:requestCallback: Callback::requestCallback() request",
-             "FileDescriptor::delFd() deleting fd:" + w,
              "KivVelik/9 Platform:onTime: ClockTimer::Notifiee::onTime: Timeout notification "
-             "exception was handled",
-             "KivVelik/9 Platform:timeout: Callback::timeout: Callback notification exception "
-             "was handled"}) {
+             "exception was handled"}) {
         EXPECT_NE(out.find(line + "\n"), std::string::npos) << line << "\nin:\n" << out;
     }
-    EXPECT_EQ(handler.hooks + handler.hookFds.size(), 4u);
 }
 
 // Handlers own their controls and may drop them from inside a throwing
