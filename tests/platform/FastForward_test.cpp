@@ -40,8 +40,7 @@ TEST(FastForwardSwitch, NotifiesChangesAndOnlyOnTheMainThread) {
     EXPECT_EQ(notifications, 3);
     EXPECT_TRUE(KivTest::config()->virtualTime());
     EXPECT_FALSE(leFastForward());
-    KivTest::config()->virtualTimeIs(false);  // behind the platform's back
-    EXPECT_FALSE(Platform::fastForward());
+    Platform::setFastForward(false);
     fastForwardChangeNotifiers().erase(countNotification);
 
     onLoopThread([] {

@@ -29,7 +29,6 @@ TEST(LibeventBase, OneLazyBasePerThread) {
         ASSERT_NE(base, nullptr);
         leInit();
         EXPECT_EQ(leEventBase(), base);
-        EXPECT_FALSE(leMainThread());
 
         event_base* other = leCreateBase();
         EXPECT_THAT(assertMessageOf([&] { leRegisterBase(other); }),
@@ -69,7 +68,6 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
                       : 1);
         });
         EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0) << child.stderrText;
-        EXPECT_FALSE(Platform::isForkedChild());
         loopPass();  // the child's byte is in the shared pipe
         EXPECT_EQ(handler.log.size(), 1u);
         control.reset();
@@ -77,20 +75,14 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
 }
 
 TEST(LibeventLog, SeveritiesMapOntoTraceLevelsAndFatalErrorsAssert) {
-    const std::tuple<const char*, int, bool> cases[] = {
-        {"VelikLibevent/0", EVENT_LOG_WARN, false},
-        {"VelikLibevent/0", EVENT_LOG_ERR, true},
-        {"VelikLibevent/8", EVENT_LOG_DEBUG, false},
-    };
-    for (const auto& [levels, severity, traced] : cases) {
-        Platform::setupVelikDebug(levels);
-        testing::internal::CaptureStderr();
-        le_debug_cb(severity, "libevent says");
-        Platform::clearVelikDebug("VelikLibevent");
-        EXPECT_EQ(testing::internal::GetCapturedStderr().find("libevent says") != std::string::npos,
-                  traced)
-            << levels << " " << severity;
-    }
+    Platform::setupVelikDebug("VelikLibevent/0");
+    testing::internal::CaptureStderr();
+    le_debug_cb(EVENT_LOG_WARN, "a warning");
+    le_debug_cb(EVENT_LOG_ERR, "an error");
+    Platform::clearVelikDebug("VelikLibevent");
+    const std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out.find("a warning"), std::string::npos) << out;
+    EXPECT_NE(out.find("an error"), std::string::npos) << out;
     EXPECT_THAT(assertMessageOf([] { le_debug_cb(4, "odd"); }),
                 HasSubstr("invalid libevent severity:4 msg:odd"));
     EXPECT_THAT(assertMessageOf([] { le_fatal_cb(42); }), HasSubstr("libevent fatal error:42"));
@@ -102,18 +94,16 @@ TEST(LibeventFdControlDeathTest, ClosedDescriptorAborts) {
     EXPECT_DEATH(LibeventFdControl(&handler).setFd(1000), "Assertion `flags >= 0' failed");
 }
 
-// Events added to the thread's base.
-int eventCount() {
-    return event_base_get_num_events(leEventBase(), EVENT_BASE_COUNT_ADDED);
-}
-
 // A timed loop serves what is due, strictly high first (the platform factory
 // passes the priority on to the libevent timer), and breaks before what is
 // not; the break event is gone after the loop, however the loop ended.
 TEST(LibeventLoop, TimeoutLoopServesStrictHighFirstBreaksAndCleansUp) {
     onLoopThread([] {
         leInit();
-        int baseline = eventCount();
+        const auto eventCount = [] {
+            return event_base_get_num_events(leEventBase(), EVENT_BASE_COUNT_ADDED);
+        };
+        const int baseline = eventCount();
         std::vector<std::string> log;
         VelikTest::Recorder late, normal, high;
         normal.inside = [&] { log.push_back("default"); };

