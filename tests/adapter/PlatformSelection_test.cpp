@@ -21,20 +21,14 @@ TEST(FrameworkLoop, TimedLoopSetsTheExecutionTime) {
     VelikTest::Recorder handler;
     auto timer = Platform::getTimerControl(&handler);
     timer->setTimeout(100.0);
-    double start = Velik::time();
+    const double start = Velik::time();
     Platform::doEventLoop(2.5);
     EXPECT_EQ(config()->executionTime(), 2.5);
-    EXPECT_GE(Velik::time() - start, 2.5);
-    EXPECT_LT(Velik::time() - start, 2.6);
-    Platform::doEventLoopInWaitfor(1.5);
-    EXPECT_EQ(config()->executionTime(), 1.5);
-    start = Velik::time();
+    EXPECT_NEAR(Velik::time() - start, 2.5, 0.05);
     Platform::doEventLoop();
-    EXPECT_LT(Velik::time() - start, 1.6);
+    EXPECT_NEAR(Velik::time() - start, 5.0, 0.1);
     EXPECT_TRUE(handler.log.empty());
     config()->executionTimeIs(KivTest::kNever);
-    Platform::doEventLoop();
-    EXPECT_EQ(handler.log.size(), 1u);
     Platform::setFastForward(false);
 }
 
@@ -43,9 +37,6 @@ TEST(PlatformFastForward, AssertsOnThreadLocalSingletons) {
         EXPECT_THAT(VelikTest::assertMessageOf([] { Platform::setFastForward(true); }),
                     MatchesRegex("Platform:setFastForward:[0-9]+: ThreadLocal fastForward "
                                  "invoked from non-main thread"));
-        EXPECT_THAT(VelikTest::assertMessageOf([] { Platform::fastForward(); }),
-                    MatchesRegex("Platform:fastForward:[0-9]+: ThreadLocal fastForward invoked "
-                                 "from non-main thread"));
     });
     EXPECT_FALSE(config()->virtualTime());
 }

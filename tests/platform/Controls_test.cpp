@@ -1,4 +1,3 @@
-#include <Velik/EventPriority.h>
 #include <Velik/Platform.h>
 
 #include <gtest/gtest.h>
@@ -6,13 +5,6 @@
 namespace {
 
 using namespace Velik::Platform;
-
-TEST(EventPriority, NamesAndTheTextOfAnInvalidOne) {
-    EXPECT_EQ(fmt::format("{}", eventPriorityStrictHigh), "eventPriorityStrictHigh");
-    EXPECT_EQ(fmt::format("{}", eventPriorityDefault), "eventPriorityDefault");
-    EXPECT_STREQ(eventPriorityToString(static_cast<EventPriority>(2)), "");
-    EXPECT_FALSE(isEventPriorityValid(static_cast<EventPriority>(2)));
-}
 
 // A registered routine wins unless it prints nothing; then, as without one,
 // the bytes are dumped.

@@ -1,5 +1,6 @@
 // The two additions to libevent, on a base of their own: every kind of
-// pending time-out is seen and moved, exactly and in order.
+// pending time-out (a plain timer, a descriptor's, a common one) is seen and
+// moved, exactly and in order.
 #include <Velik/LibeventAdditions.h>
 
 #include "platform/Pipe.h"
@@ -7,96 +8,71 @@
 #include <event2/event_struct.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <deque>
+
 namespace {
 
-class AdditionsTest : public testing::Test {
-  protected:
-    void TearDown() override {
-        for (auto& ev : events) {
-            event_del(&ev->ev);
-        }
-        event_base_free(base);
-    }
+using Log = std::vector<std::string>;
 
-    struct Named {
-        event ev;
-        std::string name;
-        std::vector<std::string>* log;
-    };
-    static void record(evutil_socket_t, short what, void* arg) {
-        auto* named = static_cast<Named*>(arg);
-        named->log->push_back(named->name + ((what & EV_TIMEOUT) ? "" : "!"));
-    }
-
-    // Adds an event named `name` (a pure timer for fd -1, else a read on the
-    // pipe) with a time-out of `seconds`, none when negative.
-    event* add(const std::string& name, double seconds, int fd = -1, short flags = 0) {
-        events.push_back(std::make_unique<Named>(Named{{}, name, &log}));
-        event* ev = &events.back()->ev;
-        event_assign(ev, base, fd, flags, record, events.back().get());
-        timeval tv{static_cast<time_t>(seconds),
-                   static_cast<suseconds_t>((seconds - static_cast<time_t>(seconds)) * 1e6)};
-        event_add(ev, seconds < 0 ? nullptr : &tv);
-        return ev;
-    }
-    static double seconds(const timeval& tv) { return tv.tv_sec + tv.tv_usec / 1e6; }
-    double firstFromNow() {
-        timeval first;
-        EXPECT_EQ(event_base_get_first_timeout(base, &first), 0);
-        return seconds(first) - seconds(Velik::Impl::leBaseNow(base));
-    }
-    void subtract(timeval delta) { ASSERT_EQ(event_base_timeout_subtract_offset(base, &delta), 0); }
-    void onePass() { event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK); }
-
-    event_base* base = event_base_new();
-    VelikTest::Pipe pipe;
-    int* fds = pipe.fds;
-    std::vector<std::unique_ptr<Named>> events;
-    std::vector<std::string> log;
+struct Named {
+    event ev;
+    std::string name;
+    Log* log;
 };
 
-// Added out of order, with descriptor events and a common time-out among
-// them: each moves by exactly the offset, those pulled into the past fire in
-// their old order, descriptor events keep watching their descriptor, and a
-// shift exactly onto an expiry makes a timer due.
-TEST_F(AdditionsTest, SubtractMovesEveryTimerExactlyAndKeepsTheirOrder) {
-    const std::vector<event*> timed = {add("t4", 40),
-                                       add("t1", 10.5),
-                                       add("t3", 30, fds[0], EV_READ),
-                                       add("t2", 20),
-                                       add("d", 150, fds[0], EV_READ),
-                                       add("t0", 5)};
-    event* last = add("t5", 500);
-    event* reader = add("reader", -1, fds[0], EV_READ | EV_PERSIST);
-    timeval common{7, 0};
-    event_add(add("c", -1), event_base_init_common_timeout(base, &common));
-    std::vector<timeval> before;
-    for (event* ev : timed) {
-        before.push_back(ev->ev_timeout);
-    }
-    const timeval delta{100, 250000};
-    subtract(delta);
-    for (size_t i = 0; i < timed.size(); ++i) {
-        timeval expected;
-        timersub(&before[i], &delta, &expected);
-        EXPECT_EQ(timed[i]->ev_timeout.tv_sec, expected.tv_sec) << i;
-        EXPECT_EQ(timed[i]->ev_timeout.tv_usec, expected.tv_usec) << i;
-    }
-    onePass();
-    EXPECT_EQ(log, (std::vector<std::string>{"t0", "c", "t1", "t2", "t3", "t4"}));
-    EXPECT_NEAR(firstFromNow(), 49.75, 0.01);
+void record(evutil_socket_t, short what, void* arg) {
+    auto* named = static_cast<Named*>(arg);
+    named->log->push_back(named->name + ((what & EV_TIMEOUT) ? "" : "!"));
+}
+
+// Added out of order: those pulled into the past fire in their old order,
+// the first left moves by exactly the offset, descriptor events keep
+// watching their descriptor, and a shift exactly onto an expiry makes a
+// timer due.
+TEST(LibeventAdditions, SubtractMovesEveryTimerExactlyAndKeepsTheirOrder) {
+    event_base* base = event_base_new();
+    VelikTest::Pipe pipe;
+    Log log;
+    std::deque<Named> events;
+    // A pure timer, or a read on the pipe when `flags` are given.
+    const auto add = [&](const char* name, const timeval* timeout, short flags = 0) {
+        Named& named = events.emplace_back(Named{{}, name, &log});
+        event_assign(&named.ev, base, flags ? pipe.fds[0] : -1, flags, record, &named);
+        event_add(&named.ev, timeout);
+        return &named.ev;
+    };
+    const auto subtractAndPass = [&](timeval delta) {
+        EXPECT_EQ(event_base_timeout_subtract_offset(base, &delta), 0);
+        event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    };
+    const timeval t2{20, 0}, t1{10, 500000}, d{150, 0}, t5{500, 0}, common{7, 0};
+    add("t2", &t2);
+    add("t1", &t1, EV_READ);
+    add("d", &d, EV_READ);
+    event* last = add("t5", &t5);
+    add("reader", nullptr, EV_READ | EV_PERSIST);
+    add("c", event_base_init_common_timeout(base, &common));
+    subtractAndPass({100, 250000});
+    EXPECT_EQ(log, (Log{"c", "t1", "t2"}));
+    timeval first, now = Velik::Impl::leBaseNow(base), shift;
+    ASSERT_EQ(event_base_get_first_timeout(base, &first), 0);
+    timersub(&first, &now, &shift);
+    EXPECT_NEAR(shift.tv_sec + shift.tv_usec / 1e6, 49.75, 0.01);
     log.clear();
     pipe.put();
-    onePass();
+    subtractAndPass({0, 0});
     std::sort(log.begin(), log.end());
-    EXPECT_EQ(log, (std::vector<std::string>{"d!", "reader!"}));
-    EXPECT_FALSE(event_pending(reader, EV_TIMEOUT, nullptr));
+    EXPECT_EQ(log, (Log{"d!", "reader!"}));
 
-    timeval now = Velik::Impl::leBaseNow(base), shift;
+    now = Velik::Impl::leBaseNow(base);
     timersub(&last->ev_timeout, &now, &shift);
-    subtract(shift);
-    onePass();
+    subtractAndPass(shift);
     EXPECT_EQ(log.back(), "t5");
+    for (Named& named : events) {
+        event_del(&named.ev);
+    }
+    event_base_free(base);
 }
 
 }  // namespace

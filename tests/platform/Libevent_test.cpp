@@ -29,9 +29,6 @@ TEST(LibeventBase, OneLazyBasePerThread) {
         ASSERT_NE(base, nullptr);
         leInit();
         EXPECT_EQ(leEventBase(), base);
-        leRegisterBase(base);  // the same base again is allowed
-        EXPECT_FALSE(leMainThread());
-        EXPECT_TRUE(event_base_get_features(base) & EV_FEATURE_ET);
 
         event_base* other = leCreateBase();
         EXPECT_THAT(assertMessageOf([&] { leRegisterBase(other); }),
@@ -49,9 +46,6 @@ TEST(LibeventBase, OneLazyBasePerThread) {
 
         leFree();
         EXPECT_FALSE(leInitialized());
-        leFree();        // harmless without a base
-        leForkReinit();  // no base yet: makes one
-        EXPECT_TRUE(leInitialized());
     });
     onLoopThread([] { EXPECT_FALSE(leInitialized()); });  // each thread its own
 }
@@ -74,7 +68,6 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
                       : 1);
         });
         EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0) << child.stderrText;
-        EXPECT_FALSE(Platform::isForkedChild());
         loopPass();  // the child's byte is in the shared pipe
         EXPECT_EQ(handler.log.size(), 1u);
         control.reset();
@@ -82,20 +75,14 @@ TEST(LibeventBase, ForkedChildReinitialisesTheInheritedBase) {
 }
 
 TEST(LibeventLog, SeveritiesMapOntoTraceLevelsAndFatalErrorsAssert) {
-    const std::tuple<const char*, int, bool> cases[] = {
-        {"VelikLibevent/1", EVENT_LOG_WARN, true},  {"VelikLibevent/0", EVENT_LOG_WARN, false},
-        {"VelikLibevent/0", EVENT_LOG_ERR, true},   {"VelikLibevent/8", EVENT_LOG_DEBUG, false},
-        {"VelikLibevent/9", EVENT_LOG_DEBUG, true},
-    };
-    for (const auto& [levels, severity, traced] : cases) {
-        Platform::setupVelikDebug(levels);
-        testing::internal::CaptureStderr();
-        le_debug_cb(severity, "libevent says");
-        Platform::clearVelikDebug("VelikLibevent");
-        EXPECT_EQ(testing::internal::GetCapturedStderr().find("libevent says") != std::string::npos,
-                  traced)
-            << levels << " " << severity;
-    }
+    Platform::setupVelikDebug("VelikLibevent/0");
+    testing::internal::CaptureStderr();
+    le_debug_cb(EVENT_LOG_WARN, "a warning");
+    le_debug_cb(EVENT_LOG_ERR, "an error");
+    Platform::clearVelikDebug("VelikLibevent");
+    const std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out.find("a warning"), std::string::npos) << out;
+    EXPECT_NE(out.find("an error"), std::string::npos) << out;
     EXPECT_THAT(assertMessageOf([] { le_debug_cb(4, "odd"); }),
                 HasSubstr("invalid libevent severity:4 msg:odd"));
     EXPECT_THAT(assertMessageOf([] { le_fatal_cb(42); }), HasSubstr("libevent fatal error:42"));
@@ -107,27 +94,20 @@ TEST(LibeventFdControlDeathTest, ClosedDescriptorAborts) {
     EXPECT_DEATH(LibeventFdControl(&handler).setFd(1000), "Assertion `flags >= 0' failed");
 }
 
-struct Named : Platform::TimeoutHandler {
-    Named(std::vector<std::string>* log, std::string name) : log(log), name(std::move(name)) {}
-    void timeout() override { log->push_back(name); }
-    std::vector<std::string>* log;
-    std::string name;
-};
-
-// Events added to the thread's base.
-int eventCount() {
-    return event_base_get_num_events(leEventBase(), EVENT_BASE_COUNT_ADDED);
-}
-
 // A timed loop serves what is due, strictly high first (the platform factory
 // passes the priority on to the libevent timer), and breaks before what is
 // not; the break event is gone after the loop, however the loop ended.
 TEST(LibeventLoop, TimeoutLoopServesStrictHighFirstBreaksAndCleansUp) {
     onLoopThread([] {
         leInit();
-        int baseline = eventCount();
+        const auto eventCount = [] {
+            return event_base_get_num_events(leEventBase(), EVENT_BASE_COUNT_ADDED);
+        };
+        const int baseline = eventCount();
         std::vector<std::string> log;
-        Named late(&log, "late"), normal(&log, "default"), high(&log, "high");
+        VelikTest::Recorder late, normal, high;
+        normal.inside = [&] { log.push_back("default"); };
+        high.inside = [&] { log.push_back("high"); };
         auto hour = getLeTimerControl(&late);
         hour->setTimeout(3600);
         auto normalTimer = Platform::getTimerControl(&normal);

@@ -2,7 +2,7 @@
 #include "util/Scratch.h"
 
 #include <Velik/Plugin.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 namespace {
 
@@ -50,10 +50,8 @@ TEST(PluginRegistry, RegisterReturnsTheHookResultAndRejectsDuplicates) {
         EXPECT_TRUE(registerPlugin(&first));
         EXPECT_FALSE(registerPlugin(&quiet));
     }
-    EXPECT_NE(VelikTest::assertMessageOf([] {
-                  registerPlugin(&second);
-              }).find("Plugin VelikDup already registered"),
-              std::string::npos);
+    EXPECT_THAT(VelikTest::assertMessageOf([] { registerPlugin(&second); }),
+                testing::HasSubstr("Plugin VelikDup already registered"));
     EXPECT_EQ(findPlugin("VelikDup"), &first);
     EXPECT_EQ(first.registeredCalls, 1);
     EXPECT_EQ(second.registeredCalls, 0);
