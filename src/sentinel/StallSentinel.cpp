@@ -116,7 +116,6 @@ void syncWatches(Sentinel& s, const std::vector<std::shared_ptr<RunPublication>>
 }
 
 void sentinelLoop() {
-    pthread_setname_np(pthread_self(), "velik-sentinel");
     Sentinel& s = sentinel();
     Impl::FrameSymbols symbols;
     std::unique_lock lock(s.mutex);
@@ -159,6 +158,7 @@ std::thread sentinelThreadStart() {
     pthread_sigmask(SIG_SETMASK, &all, &previous);
     std::thread thread(sentinelLoop);
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    pthread_setname_np(thread.native_handle(), "velik-sentinel");
     return thread;
 }
 
