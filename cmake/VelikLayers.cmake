@@ -3,6 +3,7 @@
 # and nothing else, so an include that points up does not compile.
 #
 #   endpoint   the stats socket server                      src/endpoint
+#   sentinel   watches published runs for stalls            src/sentinel
 #   report     snapshot, JSON, text report, writer          src/report
 #   stats      task and scheduler statistics                src/stats
 #   scheduler  tasks, schedulers, root, groups, history     src/scheduler
@@ -27,7 +28,7 @@
 # Public headers (include/Velik) are staged per layer under the build tree;
 # the installed headers are include/Velik as it is.
 
-set(VELIK_LAYERS foundation util platform adapter scheduler stats report endpoint)
+set(VELIK_LAYERS foundation util platform adapter scheduler stats report sentinel endpoint)
 
 set(VELIK_LAYER_foundation_DIRS foundation diagnostics)
 set(VELIK_LAYER_foundation_LINKS)
@@ -53,9 +54,9 @@ set(VELIK_LAYER_scheduler_DIRS scheduler)
 set(VELIK_LAYER_scheduler_LINKS platform)
 set(VELIK_LAYER_scheduler_HEADERS
   ConstStringCache FileDescriptorTask Inbox IntrusiveBookmarkLinkedList IntrusiveLinkedListBase
-  LambdaTask PeriodicTimerTask SignalTask Task TaskControl TaskGroup TaskMaybeU32 TaskPriority
-  TaskRunQueue TaskScheduler TaskSchedulerEventType TaskSchedulerHistory TaskSchedulerRoot TaskStatus
-  TaskTime TimerTask)
+  LambdaTask PeriodicTimerTask RunPublication SignalTask Task TaskControl TaskGroup TaskMaybeU32
+  TaskPriority TaskRunQueue TaskScheduler TaskSchedulerEventType TaskSchedulerHistory
+  TaskSchedulerRoot TaskStatus TaskTime TimerTask)
 
 set(VELIK_LAYER_stats_DIRS stats)
 set(VELIK_LAYER_stats_LINKS scheduler)
@@ -67,8 +68,14 @@ set(VELIK_LAYER_report_HEADERS
   FdToStream SnapshotRenderJson TaskSchedulerPrintContext TaskSchedulerSnapshot
   TaskSchedulerTextReport)
 
+set(VELIK_LAYER_sentinel_DIRS sentinel)
+set(VELIK_LAYER_sentinel_LINKS scheduler)
+set(VELIK_LAYER_sentinel_HEADERS StallSentinel)
+# Unwinds a stuck thread's stack from a signal handler.
+set(VELIK_LAYER_sentinel_PRIVATE PkgConfig::LIBUNWIND)
+
 set(VELIK_LAYER_endpoint_DIRS endpoint)
-set(VELIK_LAYER_endpoint_LINKS report util)
+set(VELIK_LAYER_endpoint_LINKS report util sentinel)
 set(VELIK_LAYER_endpoint_HEADERS StatsEndpoint Velik)
 
 # Every public header must have its layer: a new one is placed here first.
@@ -123,4 +130,7 @@ function(velik_add_layer layer)
                                               Boost::headers)
   target_include_directories(velik_${layer} SYSTEM PRIVATE ${RAPIDJSON_INCLUDE_DIRS})
   target_compile_options(velik_${layer} PRIVATE -fno-semantic-interposition)
+  if(VELIK_LAYER_${layer}_PRIVATE)
+    target_link_libraries(velik_${layer} PRIVATE ${VELIK_LAYER_${layer}_PRIVATE})
+  endif()
 endfunction()

@@ -256,6 +256,11 @@ class TaskImpl : public _TaskBase {
     // How long the current run has taken so far; zero outside a run.
     TaskTimeDuration taskCurrentRunTime() const;
 
+    // Lets a task known to run long take up to `threshold` per run before
+    // the stall sentinel reports it (zero: the root's threshold again).
+    void taskStallThresholdIs(TaskTimeDuration threshold);
+    TaskTimeDuration taskStallThreshold() const;
+
     virtual TaskStatus taskStatus() const;
     virtual bool isTaskGroup() const { return false; }
 
@@ -317,6 +322,8 @@ class TaskImpl : public _TaskBase {
     static constexpr std::uint8_t includeInCompletedFlag = 0x02;
     // Queued during its own run; stamped with the run's end time.
     static constexpr std::uint8_t scheduleStampPendingFlag = 0x04;
+    // Has a stall threshold of its own (kept by the root's publication).
+    static constexpr std::uint8_t stallThresholdFlag = 0x08;
 
     // Whether `scheduleTask` is called by the task's own scheduler run.
     bool reschedulingItself() const;

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <Velik/Platform.h>
+#include <Velik/RunPublication.h>
 #include <Velik/TaskScheduler.h>
 
 #include <sys/types.h>
@@ -124,6 +125,17 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     pid_t pid() const { return pid_; }
     const char* threadName() const { return threadName_; }
 
+    // --- Published runs (see RunPublication.h and StallSentinel.h) ---
+
+    // What the thread runs, for watchers on other threads.
+    Impl::RunPublication& runPublication() const { return *runPublication_; }
+    // How long one run of this root's tasks may take before it counts as a
+    // stall; zero (the start) means the sentinel's default. Any thread.
+    TaskTimeDuration stallThreshold() const { return runPublication_->stallThreshold(); }
+    void stallThresholdIs(TaskTimeDuration threshold) {
+        runPublication_->stallThresholdIs(threshold);
+    }
+
     // --- History ---
 
     std::uint32_t historyEntryCount() const;
@@ -159,6 +171,8 @@ class TaskSchedulerRoot : public TaskScheduler, public Platform::CallbackHandler
     std::set<TaskScheduler*> schedulers_;
     std::shared_ptr<Platform::CallbackControl> callbackControl_;
     std::shared_ptr<TimerWheel> timerWheel_;
+    // Shared with the process-wide list, which may outlive the root.
+    std::shared_ptr<Impl::RunPublication> runPublication_;
     pthread_t threadId_;
     pid_t pid_;
     char threadName_[16] = {};

@@ -53,6 +53,7 @@
 #include <Velik/Random.h>
 #include <Velik/SignalTask.h>
 #include <Velik/SnapshotRenderJson.h>
+#include <Velik/StallSentinel.h>
 #include <Velik/StatsEndpoint.h>
 #include <Velik/Task.h>
 #include <Velik/TaskControl.h>

@@ -119,6 +119,9 @@ TaskImpl::~TaskImpl() {
         }
     }
     taskMagicNumber_ = taskMagicNumberDestroyed;
+    if ((flags_ & stallThresholdFlag) && scheduler_) {
+        root()->runPublication().taskStallThresholdIs(this, TaskTimeDuration(0));
+    }
     TaskRunQueue::TaskList::remove(*this);
     TaskScheduler::TaskList::remove(*this);
 }
@@ -375,10 +378,31 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
 // --- Running ---
 
 // Flattened: the per-run accounting and history are inlined into the run.
+namespace {
+
+// Puts the enclosing run back in the publication when a run is left by an
+// exception or by a thread's forced unwind; a run that returns ends through
+// `runEnded`, with its end time.
+struct PublishedRunGuard {
+    Impl::RunPublication& publication;
+    Impl::RunPublication::Run outer;
+    Impl::RunPublication::Run run;
+    bool open = true;
+    ~PublishedRunGuard() {
+        if (open) [[unlikely]] {
+            publication.runEnded(outer, run, taskSteadyNow());
+        }
+    }
+};
+
+}  // namespace
+
 [[gnu::flatten]] TaskRunRecord TaskImpl::taskDoRun(TaskTimePoint now) {
     recordTaskEvent(*this, now, TaskSchedulerEventType::runStart);
     VELIK_CLASS_ASSERT(!taskRunQueueLink_.isLinked(), "{}", taskDisplayName());
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Running {}", taskDisplayName());
+    Impl::RunPublication& publication = scheduler_->root()->runPublication();
+    PublishedRunGuard published{publication, publication.runStarted(this, now), {this, now}};
     taskRunStartTime_ = now;
     const bool frameworkClock = taskShouldYieldMode_ == TaskShouldYieldMode::frameworkTime;
     if (frameworkClock) {
@@ -392,6 +416,8 @@ void TaskImpl::taskTestYieldRatioEffectiveIs(std::uint8_t ratio) {
                        "Task: {} taskMagicNumber: {} taskMagicNumberConstructed: {}",
                        taskDisplayName(), taskMagicNumber_, taskMagicNumberConstructed);
     const TaskTimePoint endTime = taskSteadyNow();
+    published.open = false;
+    publication.runEnded(published.outer, published.run, endTime);
     TaskTimeDuration elapsed = endTime - taskRunStartTime_;
     if (frameworkClock) {
         double seconds = Kiv::System::currentTime() - scheduler_->frameworkRunStartTime();
@@ -451,6 +477,17 @@ void TaskImpl::taskRunFromTest() {
 
 TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
     return taskCurrentlyRunning_ ? taskSteadyNow() - taskRunStartTime_ : TaskTimeDuration(0);
+}
+
+void TaskImpl::taskStallThresholdIs(TaskTimeDuration threshold) {
+    root()->runPublication().taskStallThresholdIs(this, threshold);
+    flags_ =
+        threshold.count() != 0 ? (flags_ | stallThresholdFlag) : (flags_ & ~stallThresholdFlag);
+}
+
+TaskTimeDuration TaskImpl::taskStallThreshold() const {
+    return (flags_ & stallThresholdFlag) ? root()->runPublication().taskStallThreshold(this)
+                                         : TaskTimeDuration(0);
 }
 
 TaskStatus TaskImpl::taskStatus() const {

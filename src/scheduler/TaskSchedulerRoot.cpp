@@ -50,6 +50,9 @@ TaskSchedulerRoot::TaskSchedulerRoot(std::string_view name, const CallbackContro
         threadName_[0] = '\0';
     }
     followVirtualTime_ = isMainThread();
+    runPublication_ = std::make_shared<Impl::RunPublication>(std::string(name), Velik::gettid(),
+                                                             std::string(threadName_));
+    Impl::publishedRootRegister(runPublication_);
     registerScheduler(this);
     if (followVirtualTime_) {
         virtualTimeIs(frameworkVirtualTime());
@@ -57,6 +60,8 @@ TaskSchedulerRoot::TaskSchedulerRoot(std::string_view name, const CallbackContro
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() {
+    runPublication_->retiredIs();
+    Impl::publishedRootUnregister(runPublication_.get());
     unregisterScheduler(this);
 }
 
