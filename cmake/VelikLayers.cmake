@@ -2,8 +2,9 @@
 # folders' sources; it sees its own headers and those of the layers it links,
 # and nothing else, so an include that points up does not compile.
 #
-#   endpoint   the stats socket server                      src/endpoint
-#   report     snapshot, JSON, text report, writer          src/report
+#   endpoint   the stats socket server, /metrics over HTTP  src/endpoint
+#   report     snapshot, JSON, text report, Prometheus      src/report
+#              exposition, writer
 #   stats      task and scheduler statistics                src/stats
 #   scheduler  tasks, schedulers, root, groups, history     src/scheduler
 #   adapter    the framework platform, the platform lock,   src/adapter
@@ -63,12 +64,12 @@ set(VELIK_LAYER_stats_HEADERS TaskSchedulerQueueStats TaskStat)
 set(VELIK_LAYER_report_DIRS report)
 set(VELIK_LAYER_report_LINKS stats)
 set(VELIK_LAYER_report_HEADERS
-  FdToStream SnapshotRenderJson TaskSchedulerPrintContext TaskSchedulerSnapshot
-  TaskSchedulerTextReport)
+  FdToStream PrometheusExposition SnapshotRenderJson TaskSchedulerPrintContext
+  TaskSchedulerSnapshot TaskSchedulerTextReport)
 
 set(VELIK_LAYER_endpoint_DIRS endpoint)
 set(VELIK_LAYER_endpoint_LINKS report util)
-set(VELIK_LAYER_endpoint_HEADERS StatsEndpoint Velik)
+set(VELIK_LAYER_endpoint_HEADERS MetricsEndpoint StatsEndpoint Velik)
 
 # Every public header must have its layer: a new one is placed here first.
 function(velik_check_layer_headers)
