@@ -2,9 +2,10 @@
 # folders' sources; it sees its own headers and those of the layers it links,
 # and nothing else, so an include that points up does not compile.
 #
-#   endpoint   the stats socket server                      src/endpoint
+#   endpoint   the stats socket server, /metrics over HTTP  src/endpoint
 #   sentinel   watches published runs for stalls            src/sentinel
-#   report     snapshot, JSON, text report, writer          src/report
+#   report     snapshot, JSON, text report, Prometheus      src/report
+#              exposition, writer
 #   stats      task and scheduler statistics                src/stats
 #   scheduler  tasks, schedulers, root, groups, history     src/scheduler
 #   adapter    the framework platform, the platform lock,   src/adapter
@@ -65,8 +66,8 @@ set(VELIK_LAYER_stats_HEADERS TaskSchedulerQueueStats TaskStat)
 set(VELIK_LAYER_report_DIRS report)
 set(VELIK_LAYER_report_LINKS stats)
 set(VELIK_LAYER_report_HEADERS
-  FdToStream SnapshotRenderJson TaskSchedulerPrintContext TaskSchedulerSnapshot
-  TaskSchedulerTextReport)
+  FdToStream PrometheusExposition SnapshotRenderJson TaskSchedulerPrintContext
+  TaskSchedulerSnapshot TaskSchedulerTextReport)
 
 set(VELIK_LAYER_sentinel_DIRS sentinel)
 set(VELIK_LAYER_sentinel_LINKS scheduler)
@@ -76,7 +77,7 @@ set(VELIK_LAYER_sentinel_PRIVATE PkgConfig::LIBUNWIND)
 
 set(VELIK_LAYER_endpoint_DIRS endpoint)
 set(VELIK_LAYER_endpoint_LINKS report util sentinel)
-set(VELIK_LAYER_endpoint_HEADERS StatsEndpoint Velik)
+set(VELIK_LAYER_endpoint_HEADERS MetricsEndpoint StatsEndpoint Velik)
 
 # Every public header must have its layer: a new one is placed here first.
 function(velik_check_layer_headers)

@@ -45,6 +45,10 @@
 //
 //   build/examples/velik_demo [--seconds N] [--stats-dir DIR] [--clients N]
 //                             [--connections N] [--json FILE] [--idle N]
+//                             [--metrics ADDRESS]
+//
+// With --metrics 127.0.0.1:9464 both threads are also served to Prometheus
+// on `/metrics` ("main" and "background" as thread labels).
 //
 // Defaults: 30 seconds (time to watch it), 4 client threads of 50
 // connections, velik_demo.json, connections closed after 1 s of silence.
@@ -681,6 +685,7 @@ class BackgroundThread {
     explicit BackgroundThread(std::string socketPath)
         : thread_([this, path = std::move(socketPath)] { run(path); }),
           inbox_(ready_.get_future().get()) {}
+    const std::shared_ptr<Velik::Inbox>& inbox() const { return inbox_; }
     // Asks the thread's loop to stop, from this thread, and waits for it.
     ~BackgroundThread() {
         Velik::stopEventLoop(inbox_);
@@ -724,6 +729,7 @@ struct Options {
     std::string jsonPath = "velik_demo.json";
     std::string statsDir;  // empty: no stats endpoints
     double idleSeconds = kIdleSecondsDefault;
+    std::string metricsAddress;  // empty: no /metrics
 };
 
 std::string defaultStatsDir() {
@@ -735,7 +741,7 @@ std::string defaultStatsDir() {
 [[noreturn]] void usage(int status) {
     std::fprintf(status ? stderr : stdout,
                  "usage: velik_demo [--seconds N] [--stats-dir DIR] [--clients N] "
-                 "[--connections N] [--json FILE] [--idle SECONDS]\n"
+                 "[--connections N] [--json FILE] [--idle SECONDS] [--metrics ADDRESS]\n"
                  "       velik_demo [seconds] [client threads] [connections each] [json file]\n"
                  "--stats-dir '' serves no statistics\n");
     std::exit(status);
@@ -763,6 +769,8 @@ Options parseOptions(int argc, char** argv) {
             options.perThread = std::atoi(value());
         } else if (arg == "--json") {
             options.jsonPath = value();
+        } else if (arg == "--metrics") {
+            options.metricsAddress = value();
         } else if (arg == "--idle") {
             options.idleSeconds = std::atof(value());
         } else if (arg == "--help" || arg == "-h") {
@@ -847,6 +855,17 @@ int run(const Options& options) {
     const bool serving = !options.statsDir.empty() && prepareStatsDir(options.statsDir);
     auto stats = serving ? serveStatsOrSay(*root, options.statsDir + "/main.sock") : nullptr;
     BackgroundThread background(serving ? options.statsDir + "/background.sock" : "");
+    std::unique_ptr<Velik::MetricsEndpoint> metrics;
+    if (!options.metricsAddress.empty()) {
+        try {
+            metrics = Velik::serveMetrics({{nullptr, "main"}, {background.inbox(), "background"}},
+                                          options.metricsAddress);
+            std::printf("velik_demo: metrics on http://%s/metrics\n",
+                        options.metricsAddress.c_str());
+        } catch (const Velik::Exception& e) {
+            std::fprintf(stderr, "velik_demo: not serving metrics: %s\n", e.message().c_str());
+        }
+    }
 
     std::printf(
         "velik_demo: key-value server on 127.0.0.1:%u; %d client threads x %d "

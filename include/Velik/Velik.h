@@ -1,7 +1,7 @@
 // What an application uses of libKivVelik, in one include: tasks of every
 // kind, groups, schedulers and the root, the platform's controls, factories
-// and event loop, time, statistics, reports, the stats endpoint, and the
-// foundation, diagnostics and utilities beneath them.
+// and event loop, time, statistics, reports, the stats and metrics
+// endpoints, and the foundation, diagnostics and utilities beneath them.
 //
 // The backends and the data structures underneath are installed too, and
 // each of their headers stands on its own, but they are not included here:
@@ -46,10 +46,12 @@
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Mappings.h>
+#include <Velik/MetricsEndpoint.h>
 #include <Velik/PeriodicTimerTask.h>
 #include <Velik/Platform.h>
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>
+#include <Velik/PrometheusExposition.h>
 #include <Velik/Random.h>
 #include <Velik/SignalTask.h>
 #include <Velik/SnapshotRenderJson.h>
