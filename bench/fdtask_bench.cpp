@@ -19,6 +19,10 @@
 //                       Counters: `task_msgs_per_s`, `bare_msgs_per_s` (echoed
 //                       messages per second of the thread's CPU time) and
 //                       `ratio` = task / bare.
+//   Idle/<platform>/N   the task server above, with an idle time-out on the
+//                       thread's timer wheel pushed back 30 s per request
+//                       and without, batches alternated: `on_msgs_per_s`,
+//                       `off_msgs_per_s`, `ratio` = on / off.
 //   Memory/<kind>       bytes per object from mallinfo2().uordblks deltas
 //                       over 10 thousand objects (malloc's chunk sizes, its
 //                       8-byte header included), with every name already
@@ -36,6 +40,7 @@
 #include <Velik/TaskSchedulerRoot.h>
 #include <Velik/Thread.h>
 #include <Velik/TimerTask.h>
+#include <Velik/TimerWheel.h>
 
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
@@ -411,6 +416,77 @@ void echo(benchmark::State& state, Where where) {
     state.counters["ratio"] = bareNs / taskNs;
 }
 
+// ------------------------------------------------------------------ idle
+
+// A descriptor task that pushes its idle time-out back by 30 s on every
+// request, as a server closing idle connections does.
+class IdleServer : public TaskServer, Platform::TimeoutHandler {
+  public:
+    IdleServer(std::shared_ptr<TaskScheduler> scheduler, int fd)
+        : TaskServer(std::move(scheduler), fd) {}
+    ~IdleServer() override { idle_->delTimeout(); }
+    void taskExecuteReadable() override {
+        idle_->setTimeout(30.0);
+        TaskServer::taskExecuteReadable();
+    }
+
+  private:
+    void timeout() override {}
+
+    std::shared_ptr<Platform::TimerControl> idle_ =
+        Platform::getTimerControl(this, getTimerWheel());
+};
+
+struct IdleSlot {
+    int count = 0;
+    std::unique_ptr<EchoSet<TaskServer>> off;
+    std::unique_ptr<EchoSet<IdleServer>> on;
+};
+
+IdleSlot& idleSlot() {
+    static thread_local IdleSlot slot;
+    return slot;
+}
+
+IdleSlot& idleBench(int count) {
+    IdleSlot& slot = idleSlot();
+    if (slot.count != count) {
+        slot.off.reset();
+        slot.on.reset();
+        slot.off = std::make_unique<EchoSet<TaskServer>>(
+            count, [](int fd) { return std::make_shared<TaskServer>(schedulerRootVelik(), fd); });
+        slot.on = std::make_unique<EchoSet<IdleServer>>(
+            count, [](int fd) { return std::make_shared<IdleServer>(schedulerRootVelik(), fd); });
+        slot.count = count;
+    }
+    return slot;
+}
+
+// Descriptor-task echo with an idle time-out re-armed per request (`on`)
+// and without (`off`), batches alternated: `on_msgs_per_s`,
+// `off_msgs_per_s`, `ratio` = on / off.
+void idle(benchmark::State& state, Where where) {
+    const int count = static_cast<int>(state.range(0));
+    double onNs = 0, offNs = 0;
+    runOn(where, [&] { idleBench(count); });
+    for (auto _ : state) {
+        runOn(where, [&] {
+            IdleSlot& slot = idleBench(count);
+            onNs += slot.on->runBatch();
+            offNs += slot.off->runBatch();
+        });
+    }
+    const double messages = static_cast<double>(state.iterations()) * messagesPerBatch;
+    state.counters["on_msgs_per_s"] = messages / onNs * 1e9;
+    state.counters["off_msgs_per_s"] = messages / offNs * 1e9;
+    state.counters["ratio"] = offNs / onNs;
+}
+
+void idleRelease() {
+    idleSlot().on.reset();
+    idleSlot().off.reset();
+}
+
 // ------------------------------------------------------------------ memory
 
 constexpr int objectsMeasured = 10'000;
@@ -510,6 +586,14 @@ void registerAll() {
     }
     for (auto [name, where] :
          {std::pair{"libevent", Where::libevent}, std::pair{"framework", Where::framework}}) {
+        benchmark::RegisterBenchmark((std::string("Idle/") + name).c_str(), idle, where)
+            ->Arg(1)
+            ->Arg(100)
+            ->MinTime(0.5)
+            ->Unit(benchmark::kMillisecond);
+    }
+    for (auto [name, where] :
+         {std::pair{"libevent", Where::libevent}, std::pair{"framework", Where::framework}}) {
         for (auto [kindName, kind] : {std::pair{"TimerTask", Kind::timerTask},
                                       std::pair{"FileDescriptorTask", Kind::fdTask},
                                       std::pair{"FileDescriptorTask+write", Kind::fdTaskWithWrite},
@@ -532,7 +616,11 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     echoSlot().bench.reset();
-    runOn(Where::libevent, [] { echoSlot().bench.reset(); });
+    idleRelease();
+    runOn(Where::libevent, [] {
+        echoSlot().bench.reset();
+        idleRelease();
+    });
     benchmark::Shutdown();
     return 0;
 }

@@ -26,8 +26,11 @@
 //                    time; sec_per_timer). Re-arming is outside the timed
 //                    region.
 //
-// Every start reads the library clock (`Velik::time()`); Reference/Time
-// measures that read alone.
+// A restart that keeps a timer filed reads no clock: the wheel fixes its
+// expiry from its next reading. The restart loops take that reading every
+// 1024 restarts (Beside: once per batch), as the end of a loop pass would,
+// and count it. Other starts read the library clock (`Velik::time()`);
+// Reference/Time measures that read alone.
 //
 // Beside/Restart and Beside/StartStop put a million timer controls beside a
 // million libevent timers and the floor of a random restart (one random
@@ -35,6 +38,8 @@
 // read, and with the read through a pointer to a record of a control's
 // size), alternating batches in one run. Beside/Restart also restarts the
 // controls to absolute times (`setTimeoutAt`) from one reading per batch.
+// Beside/RestartIdle restarts a random control to now + 30 s (an idle
+// time-out pushed back) beside libevent's `event_add` to the same.
 //
 // bytes_per_timer: the object (sizeof) plus the wheel's fixed footprint
 // (`timeouts_footprint()`) / n; controls add the shared pointer's control
@@ -178,13 +183,22 @@ void perOp(benchmark::State& state, double bytesPerTimer) {
     reportPerOp(state, bytesPerTimer);
 }
 
+// What the end of a loop pass does for the restarts in it, every 1024
+// restarts (`k` counts them).
+void endPassEvery(const std::shared_ptr<TimerWheel>& wheel, size_t k) {
+    if ((k & 1023) == 0) {
+        wheel->settleRestarts();
+    }
+}
+
 void eventRestart(benchmark::State& state, bool seq) {
     auto& pop = population<EventPop>(state.range(0));
     Rng rng(2);
-    size_t k = 0;
+    size_t k = 0, ops = 0;
     for (auto _ : state) {
         const size_t i = seq ? (k = k + 1 == pop.n ? 0 : k + 1) : rng.next() % pop.n;
         pop.events[i].setTimeout(pop.wheel, rng.delay());
+        endPassEvery(pop.wheel, ++ops);
     }
     perOp(state, pop.bytesPerTimer());
 }
@@ -192,8 +206,10 @@ void eventRestart(benchmark::State& state, bool seq) {
 void controlRestart(benchmark::State& state) {
     auto& pop = population<ControlPop>(state.range(0));
     Rng rng(2);
+    size_t k = 0;
     for (auto _ : state) {
         pop.controls[rng.next() % pop.n]->setTimeout(rng.delay());
+        endPassEvery(getTimerWheel(), ++k);
     }
     perOp(state, pop.bytesPerTimer());
 }
@@ -242,6 +258,7 @@ void eventExpire(benchmark::State& state) {
 struct Beside {
     static constexpr size_t n = 1'000'000;
     static constexpr int batch = 20'000;
+    static constexpr double idleDelay = 30.0;
     struct Record {
         uint64_t words[8];
     };
@@ -260,9 +277,9 @@ struct Beside {
     };
     std::vector<std::unique_ptr<Big>> bigs;
     Rng rng{7};
+    std::shared_ptr<TimerWheel> wheel = getTimerWheel();
 
     Beside() {
-        std::shared_ptr<TimerWheel> wheel = getTimerWheel();
         controls.reserve(n);
         for (size_t i = 0; i < n; ++i) {
             controls.push_back(Platform::getTimerControl(&counter, wheel));
@@ -299,11 +316,14 @@ struct Beside {
         return tv;
     }
 
+    // The batch is one loop pass: the reading that fixes the restarts'
+    // expiries at its end is part of their cost.
     double controlRestart() {
         return VelikBench::timed([&] {
             for (int k = 0; k < batch; ++k) {
                 controls[rng.next() % n]->setTimeout(rng.delay());
             }
+            wheel->settleRestarts();
         });
     }
     // Restarts to absolute times from one clock reading for the whole batch,
@@ -313,6 +333,24 @@ struct Beside {
             const double now = Velik::time();
             for (int k = 0; k < batch; ++k) {
                 controls[rng.next() % n]->setTimeoutAt(now + rng.delay());
+            }
+        });
+    }
+    // An idle time-out pushed back on every request: a random timer to now
+    // plus 30 s, beside libevent's `event_add` on the same pattern.
+    double controlRestartIdle() {
+        return VelikBench::timed([&] {
+            for (int k = 0; k < batch; ++k) {
+                controls[rng.next() % n]->setTimeout(idleDelay);
+            }
+            wheel->settleRestarts();
+        });
+    }
+    double libeventRestartIdle() {
+        return VelikBench::timed([&] {
+            const timeval tv{static_cast<time_t>(idleDelay), 0};
+            for (int k = 0; k < batch; ++k) {
+                event_add(&events[rng.next() % n], &tv);
             }
         });
     }
@@ -412,6 +450,21 @@ void besideRestart(benchmark::State& state) {
     state.counters["x_floor_at"] = controlAt / floor;
 }
 
+// The idle pattern: `control_ns`, `libevent_ns`, `x_libevent` = libevent /
+// control.
+void besideRestartIdle(benchmark::State& state) {
+    Beside& b = beside();
+    double control = 0, libevent = 0;
+    for (auto _ : state) {
+        control += b.controlRestartIdle();
+        libevent += b.libeventRestartIdle();
+    }
+    const double ops = static_cast<double>(state.iterations()) * Beside::batch;
+    state.counters["control_ns"] = control / ops;
+    state.counters["libevent_ns"] = libevent / ops;
+    state.counters["x_libevent"] = libevent / control;
+}
+
 // Start then stop one extra timer while the million stay armed, per pair.
 void besideStartStop(benchmark::State& state) {
     Beside& b = beside();
@@ -454,6 +507,7 @@ void registerAll() {
     }
     benchmark::RegisterBenchmark("Reference/Time", libraryTime)->MinTime(0.1);
     benchmark::RegisterBenchmark("Beside/Restart/1000000", besideRestart)->Iterations(50);
+    benchmark::RegisterBenchmark("Beside/RestartIdle/1000000", besideRestartIdle)->Iterations(50);
     benchmark::RegisterBenchmark("Beside/StartStop/1000000", besideStartStop)->Iterations(50);
 }
 

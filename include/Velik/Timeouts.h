@@ -30,7 +30,7 @@
  *                      supported: the bit is ignored and the timer is one-shot.
  *   TIMEOUT_ABS  0x02  the tick given to timeouts_add() is absolute, not
  *                      relative to the wheel's current tick.
- *   0x04, 0x08, 0x10   TIMEOUT_USER_BITS: reserved for the user (TimerWheel
+ *   0x04 to 0x20       TIMEOUT_USER_BITS: reserved for the user (TimerWheel
  *                      keeps its state there). The library never writes them.
  * The library writes `flags` only in timeout_init(), and otherwise only reads
  * TIMEOUT_ABS (in timeouts_add); every other bit is the caller's business.
@@ -100,7 +100,7 @@
 
 #define TIMEOUT_INT 0x01       /* reserved: interval timer (not supported)  */
 #define TIMEOUT_ABS 0x02       /* timeouts_add() takes an absolute tick     */
-#define TIMEOUT_USER_BITS 0x1c /* 0x04|0x08|0x10: the user's, never touched */
+#define TIMEOUT_USER_BITS 0x3c /* 0x04 to 0x20: the user's, never touched */
 
 #ifdef __cplusplus
 extern "C" {

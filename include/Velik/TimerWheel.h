@@ -33,6 +33,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <vector>
 
 // The timing-wheel library's timer record and wheel, by name only: a timer
 // embeds its record as opaque storage, so that users of the wheel do not see
@@ -71,6 +72,9 @@ class TimerWheelEvent {
     static constexpr int inTimerWheelFlag = 0x08;
     static constexpr int inTimersExpiryingSoonFlag = 0x10;
     static constexpr int stateFlags = notLinkedFlag | inTimerWheelFlag | inTimersExpiryingSoonFlag;
+    // Beside `inTimerWheelFlag`: restarted relative to a clock reading the
+    // wheel has yet to take; the expiration time field holds the delay.
+    static constexpr int awaitingReadingFlag = 0x20;
 
     TimerWheelEvent();
     TimerWheelEvent(const TimerWheelEvent&) = delete;
@@ -104,8 +108,12 @@ class TimerWheelEvent {
     // +infinity when not running, else the seconds to the exact expiry time,
     // and 0.0 once that has passed.
     double remainingTimeout() const;
-    // The exact absolute expiry time; +infinity when not running.
-    double expirationTime() const { return expirationTime_; }
+    // The exact absolute expiry time; +infinity when not running. Asked of a
+    // timer whose restart awaits a reading, takes that reading.
+    double expirationTime() const;
+    // Whether the timer was restarted relative to a clock reading the wheel
+    // has yet to take.
+    bool awaitingReading() const;
     // The flag word of the library record (state bits and `TIMEOUT_ABS`).
     int linkFlags() const;
 
@@ -124,6 +132,8 @@ class TimerWheelEvent {
 
     ::timeout* link();
     const ::timeout* link() const;
+    // Fixes an awaited expiry from a reading taken now.
+    void settle() const;
 
     alignas(linkAlign) std::byte link_[linkSize];
     double expirationTime_ = std::numeric_limits<double>::infinity();
@@ -201,6 +211,15 @@ class TimerWheel : public Platform::TimeoutHandler {
     // master timer only when the new expiry is earlier than the one it is
     // armed for.
     void timerStart(TimerWheelEvent* ev, double seconds);
+    // A restart that keeps a timer in the wheel and cannot bring it before
+    // the tick it is filed under (the usual idle time-out pushed back) reads
+    // no clock: it records the delay, and the expiry becomes a reading taken
+    // after the call plus the delay, so it is never early. That reading is
+    // the wheel's next one (master timer, re-arming, a stop, an absolute
+    // restart of such a timer) or, at the latest, one taken by a deferred
+    // callback at the end of the loop pass, before the loop sleeps or
+    // fast-forward jumps.
+    //
     // `timerStart` for the absolute time `expiry`, with no clock read: among
     // many timers that read is most of a restart's cost, so timers restarted
     // together can share one. An expiry that is not a number is due at once,
@@ -215,8 +234,14 @@ class TimerWheel : public Platform::TimeoutHandler {
     // one is due already), or disarms it when there are none.
     void setMasterTimer();
     // Advances the library wheel to `Velik::time()` (rounded up to a tick)
-    // and returns that time.
+    // and returns that time; fixes the expiry of every restart awaiting a
+    // reading from it.
     double setCurrentTime();
+    // Takes a reading now and fixes the expiry of every restart awaiting one
+    // (what the deferred callback at the end of a loop pass does).
+    void settleRestarts();
+    // The number of restarts awaiting a reading.
+    size_t restartsAwaitingReading() const { return restarted_.size(); }
 
     const std::shared_ptr<Platform::TimerControl>& masterTimer() const { return masterTimer_; }
     // The absolute time the master timer is armed for; +infinity when
@@ -236,11 +261,30 @@ class TimerWheel : public Platform::TimeoutHandler {
     void armMasterTimer(double now, double delay);
     void timersExpiryingSoonAppend(TimerWheelEvent* ev);
     void timersExpiryingSoonRemove(TimerWheelEvent* ev);
+    bool restartLater(TimerWheelEvent* ev, double seconds);
+    void settleRestarts(double now);
+
+    // Runs `settleRestarts()` from the loop.
+    class PassEnd : public Platform::CallbackHandler {
+      public:
+        explicit PassEnd(TimerWheel* wheel) : wheel_(wheel) {}
+        void callback() override { wheel_->settleRestarts(); }
+
+      private:
+        TimerWheel* wheel_;
+    };
 
     std::shared_ptr<Platform::TimerControl> masterTimer_;
     double masterTimerExpiry_ = std::numeric_limits<double>::infinity();
     timeouts* timeouts_ = nullptr;
     std::map<double, TimersAtTimeout> timersExpiryingSoon_;
+    // A reading no later than now: the floor for restarts that read none.
+    double lastReading_ = 0.0;
+    // Events with `awaitingReadingFlag`, in restart order. A plain array:
+    // settling loads them independently, not along a chain.
+    std::vector<TimerWheelEvent*> restarted_;
+    PassEnd passEnd_{this};
+    std::shared_ptr<Platform::CallbackControl> passEndCallback_;  // made on first use
 };
 
 // A `TimerWheelEvent` presented as a `Platform::TimerControl`: its expiry

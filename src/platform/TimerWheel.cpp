@@ -132,10 +132,31 @@ void TimerWheelEvent::delTimeout(const std::shared_ptr<TimerWheel>& wheel) {
     wheel->timerStop(this);
 }
 
+bool TimerWheelEvent::awaitingReading() const {
+    return (link()->flags & awaitingReadingFlag) != 0;
+}
+
+// A reading taken now comes after the restart, so it may fix this timer's
+// expiry as well as the wheel's next one would; the wheel then skips it.
+// Events are never made const, so the cast is sound.
+void TimerWheelEvent::settle() const {
+    if (awaitingReading()) {
+        auto* self = const_cast<TimerWheelEvent*>(this);
+        self->link()->flags &= ~awaitingReadingFlag;
+        self->expirationTime_ += Velik::time();
+    }
+}
+
+double TimerWheelEvent::expirationTime() const {
+    settle();
+    return expirationTime_;
+}
+
 double TimerWheelEvent::remainingTimeout() const {
     if (expirationTime_ == never) {
         return never;
     }
+    settle();
     double left = expirationTime_ - Velik::time();
     return left < 0.0 ? 0.0 : left;
 }
@@ -193,6 +214,10 @@ void TimerWheel::openWheel() {
 }
 
 TimerWheel::~TimerWheel() {
+    for (TimerWheelEvent* ev : restarted_) {
+        ev->link()->flags &= ~TimerWheelEvent::awaitingReadingFlag;
+    }
+    restarted_.clear();
     // Leave every event still started as if stopped, so that its owner can
     // destroy it: the parked ones here, the others as they come out of a
     // wheel advanced to the end of time.
@@ -216,20 +241,69 @@ double TimerWheel::setCurrentTime() {
     timeout_t tick = Impl::timerWheelCurrentTick(now);
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "advance time to {} tick {}", now, tick);
     timeouts_update(timeouts_, tick);
+    settleRestarts(now);
     return now;
+}
+
+void TimerWheel::settleRestarts() {
+    if (!restarted_.empty()) {
+        settleRestarts(Velik::time());
+    }
+}
+
+// `now` was read after every restart in the list, so none becomes early.
+void TimerWheel::settleRestarts(double now) {
+    lastReading_ = now;
+    for (TimerWheelEvent* ev : restarted_) {
+        int& flags = ev->link()->flags;
+        if ((flags & TimerWheelEvent::awaitingReadingFlag) != 0) {  // else settled by itself
+            flags &= ~TimerWheelEvent::awaitingReadingFlag;
+            ev->expirationTime_ += now;
+        }
+    }
+    restarted_.clear();
 }
 
 void TimerWheel::timerStart(TimerWheelEvent* ev, double seconds) {
     // Among many timers the event is rarely in cache: its miss overlaps the
     // clock read.
     __builtin_prefetch(ev->link_, 1);
-    timerStartAt(ev, Velik::time() + seconds);
+    if (!restartLater(ev, seconds)) {
+        timerStartAt(ev, Velik::time() + seconds);
+    }
+}
+
+// The clock only moves forward, so the expiry is at least `lastReading_ +
+// seconds`: when that is not before the filed tick, the timer can stay filed
+// and only the delay is recorded.
+bool TimerWheel::restartLater(TimerWheelEvent* ev, double seconds) {
+    ::timeout* link = ev->link();
+    const int flags = link->flags;
+    if ((flags & TimerWheelEvent::inTimerWheelFlag) == 0 || !(seconds >= 0.0) ||
+        timeout_expires(link) > Impl::timerWheelExpiryTick(lastReading_ + seconds)) {
+        return false;
+    }
+    ev->expirationTime_ = seconds;
+    if ((flags & TimerWheelEvent::awaitingReadingFlag) == 0) {
+        link->flags = flags | TimerWheelEvent::awaitingReadingFlag;
+        if (restarted_.empty()) {
+            if (!passEndCallback_) {
+                passEndCallback_ = Platform::getCallbackControl(&passEnd_);
+            }
+            passEndCallback_->requestCallback();
+        }
+        restarted_.push_back(ev);
+    }
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} set timeout {}, expiry at the next reading",
+                fmt::ptr(ev), seconds);
+    return true;
 }
 
 void TimerWheel::timerStartAt(TimerWheelEvent* ev, double expiry) {
     if (std::isnan(expiry)) [[unlikely]] {
         expiry = -never;  // a key the parking map can order
     }
+    ev->settle();
     if (ev->expirationTime_ == expiry) {
         return;
     }
@@ -264,6 +338,11 @@ void TimerWheel::timerStartAt(TimerWheelEvent* ev, double expiry) {
 }
 
 void TimerWheel::timerStop(TimerWheelEvent* ev) {
+    // The list may hold this event, also once it settled by itself; the
+    // event may be destroyed once stopped.
+    if (!restarted_.empty()) {
+        settleRestarts(Velik::time());
+    }
     switch (ev->state()) {
         case TimerWheelState::notLinked:
             VELIK_TRACE(VELIK_DEFAULT_HANDLE, 9, "timer {} del timeout, not running", fmt::ptr(ev));
