@@ -111,15 +111,17 @@ void eventLoopFastForward(const timeval* delta) {
 void eventLoopFastForwardToFirstTimer(double maxTimeout) {
     VELIK_FTRACE(Impl::leDebugHandle(), 5, "maxTimeout {}", maxTimeout);
     VELIK_ASSERT(fastForward, "Called without fastForward enabled");
-    timeval longest = Impl::secondsToTimeval(maxTimeout);
-    timeval delay;
     if (Impl::leCallbackRequested()) {
         // A requested callback is a timer due now: the first timer is due,
         // the jump is zero, and a pass has work. Most passes of a busy loop
         // are this one; scanning the base's timers would cost them the most.
         const timeval none{0, 0};
         eventLoopFastForward(&none);
-    } else if (fastForwardDelayToFirstTimer(&delay)) {
+        return;
+    }
+    timeval longest = Impl::secondsToTimeval(maxTimeout);
+    timeval delay;
+    if (fastForwardDelayToFirstTimer(&delay)) {
         eventLoopFastForward(timercmp(&delay, &longest, <) ? &delay : &longest);
     } else {
         eventLoopFastForward(&longest);
