@@ -132,8 +132,11 @@ class LibeventCallbackControl : public Platform::CallbackControl,
   private:
     // The inner timer expired: delivers `callback()`.
     void timeout() override;
+    // Keeps the thread's count of requested callbacks (`leCallbackRequested`).
+    void markRequested(bool requested);
 
     Platform::CallbackHandler* handler_;
+    bool requested_ = false;
 };
 
 // Breaks the thread's loop after a time-out: lives on the stack of a loop
@@ -247,6 +250,14 @@ timeval delayToTimeval(double seconds);
 // `event_base_dispatch` on `base`, then rethrows the handler exception that
 // stopped it, if any.
 void leDispatch(event_base* base);
+// One non-blocking pass of `base`'s loop: runs what is due now, waits for
+// nothing; rethrows as `leDispatch` does.
+void leDispatchOnce(event_base* base);
+
+// Whether a callback of this thread is requested and not yet delivered or
+// cancelled. Such a callback is due now, so a loop pass has work to do
+// without looking at the base's timers.
+bool leCallbackRequested();
 
 }  // namespace Impl
 }  // namespace Velik

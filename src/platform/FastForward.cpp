@@ -14,7 +14,7 @@ bool fastForward = false;
 namespace {
 
 // A few microseconds past the first timer's expiry, so that it is certainly
-// due after the jump and fires ahead of the pass's loop-break event.
+// due when the pass after the jump reads the base's clock.
 constexpr suseconds_t extraDelayMicros = 2;
 
 thread_local timeval virtualTimeOffset{0, 0};
@@ -98,14 +98,27 @@ bool fastForwardDelayToFirstTimer(timeval* delay) {
 }
 
 void eventLoopFastForward(const timeval* delta) {
-    applyFastForwardDelta(delta);
-    EvLoopBreak loopBreak(leEventBase(), 0.0);
-    Impl::leDispatch(leEventBase());
+    // A zero jump moves no timer: rewriting every expiry would only cost.
+    if (timerisset(delta)) {
+        applyFastForwardDelta(delta);
+    }
+    // One non-blocking pass runs everything due, as a dispatch broken by a
+    // zero time-out would, without arming and deleting a break event.
+    leInit();
+    Impl::leDispatchOnce(leEventBase());
 }
 
 void eventLoopFastForwardToFirstTimer(double maxTimeout) {
     VELIK_FTRACE(Impl::leDebugHandle(), 5, "maxTimeout {}", maxTimeout);
     VELIK_ASSERT(fastForward, "Called without fastForward enabled");
+    if (Impl::leCallbackRequested()) {
+        // A requested callback is a timer due now: the first timer is due,
+        // the jump is zero, and a pass has work. Most passes of a busy loop
+        // are this one; scanning the base's timers would cost them the most.
+        const timeval none{0, 0};
+        eventLoopFastForward(&none);
+        return;
+    }
     timeval longest = Impl::secondsToTimeval(maxTimeout);
     timeval delay;
     if (fastForwardDelayToFirstTimer(&delay)) {

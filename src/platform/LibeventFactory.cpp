@@ -51,6 +51,13 @@ void carryException() noexcept {
 thread_local int loopDepth = 0;
 thread_local bool stopRequested = false;
 
+// Callbacks of this thread requested and not yet delivered or cancelled:
+// each is a zero-delay timer, due now, so while this is positive the
+// fast-forward loop knows its next pass has work without scanning the base.
+// Never more than the callbacks truly pending on the thread's base: freeing
+// the base resets it, and a control outliving its base only takes away.
+thread_local int requestedCallbacks = 0;
+
 class LoopRun {
   public:
     LoopRun() { ++loopDepth; }
@@ -137,16 +144,39 @@ timeval delayToTimeval(double seconds) {
     return later;
 }
 
-void leDispatch(event_base* base) {
-    LoopRun run;
-    if (!stopRequested) {
-        event_base_dispatch(base);
-    }
+namespace {
+
+void rethrowCarried() {
     if (carriedException) {
         std::exception_ptr e = std::move(carriedException);
         carriedException = nullptr;
         std::rethrow_exception(e);
     }
+}
+
+}  // namespace
+
+void leDispatch(event_base* base) {
+    LoopRun run;
+    if (!stopRequested) {
+        event_base_dispatch(base);
+    }
+    rethrowCarried();
+}
+
+void leDispatchOnce(event_base* base) {
+    LoopRun run;
+    if (!stopRequested) {
+        // Without EVLOOP_ONCE a non-blocking loop goes on while anything it
+        // ran made more work due: a callback that keeps requesting itself
+        // would never let the pass end.
+        event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    }
+    rethrowCarried();
+}
+
+bool leCallbackRequested() {
+    return requestedCallbacks > 0;
 }
 
 }  // namespace Impl
@@ -211,6 +241,7 @@ void leFree() {
     if (threadBase) {
         event_base_free(threadBase);
         threadBase = nullptr;
+        requestedCallbacks = 0;
     }
 }
 
@@ -328,12 +359,21 @@ LibeventCallbackControl::~LibeventCallbackControl() {
 
 void LibeventCallbackControl::requestCallback() {
     VELIK_TRACE(leTrace, 9, "Callback {} request", fmt::ptr(this));
+    markRequested(true);
     LibeventTimerControl::setTimeout(0.0);
 }
 
 void LibeventCallbackControl::cancelCallback() {
     VELIK_TRACE(leTrace, 9, "Callback {} cancel", fmt::ptr(this));
+    markRequested(false);
     LibeventTimerControl::delTimeout();
+}
+
+void LibeventCallbackControl::markRequested(bool requested) {
+    if (requested_ != requested) {
+        requested_ = requested;
+        requestedCallbacks += requested ? 1 : -1;
+    }
 }
 
 bool LibeventCallbackControl::pendingCallback() const {
@@ -342,6 +382,7 @@ bool LibeventCallbackControl::pendingCallback() const {
 
 void LibeventCallbackControl::timeout() {
     VELIK_TRACE(leTrace, 9, "Callback {} execute", fmt::ptr(this));
+    markRequested(false);  // before the handler, which may request again
     try {
         handler_->callback();
     } catch (...) {
@@ -529,7 +570,7 @@ void eventLoopTimeout(double seconds) {
 void doLeEventLoop() {
     leInit();
     timeval delay;
-    if (leFastForward() && fastForwardDelayToFirstTimer(&delay)) {
+    if (leFastForward() && fastForwardDelayToFirstTimer(&delay) && timerisset(&delay)) {
         applyFastForwardDelta(&delay);
     }
     Impl::leDispatch(threadBase);
