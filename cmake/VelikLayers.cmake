@@ -54,10 +54,10 @@ set(VELIK_LAYER_adapter_HEADERS KivActivityLock KivDebug KivPlatform)
 set(VELIK_LAYER_scheduler_DIRS scheduler)
 set(VELIK_LAYER_scheduler_LINKS platform)
 set(VELIK_LAYER_scheduler_HEADERS
-  ConstStringCache FileDescriptorTask Inbox IntrusiveBookmarkLinkedList IntrusiveLinkedListBase
-  LambdaTask PeriodicTimerTask RunPublication SignalTask Task TaskControl TaskGroup TaskMaybeU32
-  TaskPriority TaskRunQueue TaskScheduler TaskSchedulerEventType TaskSchedulerHistory
-  TaskSchedulerRoot TaskStatus TaskTime TimerTask)
+  ConstStringCache CoroutineAllocator CoroutineTask FileDescriptorTask Inbox
+  IntrusiveBookmarkLinkedList IntrusiveLinkedListBase LambdaTask PeriodicTimerTask RunPublication
+  SignalTask Task TaskControl TaskGroup TaskMaybeU32 TaskPriority TaskRunQueue TaskScheduler
+  TaskSchedulerEventType TaskSchedulerHistory TaskSchedulerRoot TaskStatus TaskTime TimerTask)
 
 set(VELIK_LAYER_stats_DIRS stats)
 set(VELIK_LAYER_stats_LINKS scheduler)

@@ -27,6 +27,8 @@
 #include <Velik/Backtrace.h>
 #include <Velik/BacktraceTracker.h>
 #include <Velik/ConstStringCache.h>
+#include <Velik/CoroutineAllocator.h>
+#include <Velik/CoroutineTask.h>
 #include <Velik/Counters.h>
 #include <Velik/Debug.h>
 #include <Velik/DirNode.h>
