@@ -67,11 +67,24 @@ bool Connection::readSome() {
     return n < 0 && (errno == EAGAIN || errno == EINTR);
 }
 
+void Connection::readFdEvent(int fd) {
+    // Bounded like the replies: a client that pipelines faster than it is
+    // answered waits in the kernel's buffer, not in ours.
+    if (!closed() && !peerGone_ && end_ - begin_ < kBacklog) {
+        peerGone_ = !readSome();
+        readAhead_ = true;
+    }
+    FileDescriptorTask::readFdEvent(fd);
+}
+
 void Connection::taskExecuteReadable() {
     if (closed()) {
         return;
     }
-    if (!readSome()) {
+    if (!std::exchange(readAhead_, false) && !peerGone_) {
+        peerGone_ = !readSome();
+    }
+    if (peerGone_) {
         close();
         return;
     }

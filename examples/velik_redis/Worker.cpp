@@ -57,9 +57,9 @@ void Worker::run(std::promise<std::shared_ptr<Velik::Inbox>>& ready) {
     Velik::Platform::doEventLoop();  // until `stop`
     stats.reset();
     sweeper->periodicStop();
+    released_.clear();  // the closed connections: one completed line in the report
     report_ = root_->statsRenderTextForDebugToString(false, true, false, false);
     releaser_.reset();
-    released_.clear();
     connections_.reset();
     root_.reset();
 }
