@@ -2,7 +2,8 @@
 # check-redis.sh SERVER SCRATCH
 #
 # The server as redis-cli sees it: replies to the everyday commands, the
-# error text of an unknown command, QUIT, and a clean stop on SIGTERM with
+# error text of an unknown command, QUIT, a protocol error that closes only
+# its own connection, and a clean stop on SIGTERM with
 # clients still connected (status 0, the stats sockets gone).
 set -uo pipefail
 server=$1 scratch=$2
@@ -41,6 +42,17 @@ expect 1 INCR visits
 expect 2 INCR visits
 expect "ERR unknown command 'FLY', with args beginning with: 'away' " FLY away
 expect OK QUIT
+
+# Garbage gets one protocol error and the connection closed; the data and
+# the other clients are untouched.
+exec 5<>/dev/tcp/127.0.0.1/"$port" || fail "cannot connect"
+printf '*1\r\n$x\r\n' >&5
+IFS= read -r -t 5 refusal <&5
+[[ $refusal == $'-ERR Protocol error: invalid bulk length\r' ]] || fail "garbage: got '$refusal'"
+IFS= read -r -t 5 more <&5
+[[ $? == 1 ]] || fail "connection not closed after a protocol error: '$more'"  # 1: end of file
+exec 5<&-
+expect 3 INCR visits
 
 # Connections are handed to both workers; a key set through one is seen
 # through the other.
