@@ -10,7 +10,7 @@ PREFIX    ?= /usr/local
 JOBS      ?= $(shell nproc)
 CMAKE_GEN  = -G Ninja
 
-.PHONY: all deps deps-fuzz configure build demo test check test-sanitize test-tsan fuzz soak bench install clean
+.PHONY: all deps deps-fuzz deps-server-bench configure build demo test check test-sanitize test-tsan fuzz soak bench bench-server install clean
 
 all: build
 
@@ -20,6 +20,9 @@ deps:
 deps-fuzz:
 	@scripts/install-deps --fuzz
 
+deps-server-bench:
+	@scripts/install-deps --server-bench
+
 $(BUILD)/build.ninja:
 	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 
@@ -28,10 +31,11 @@ configure: deps $(BUILD)/build.ninja
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
 
-# Builds only the library and the demo, so a newcomer sees it run at once.
+# Builds only the library and the demo, so a newcomer sees it run at once:
+# the Redis-protocol server under its own load.
 demo: configure
-	cmake --build $(BUILD) -j $(JOBS) --target velik_demo velik-top
-	cd $(BUILD) && ./examples/velik_demo
+	cmake --build $(BUILD) -j $(JOBS) --target velik_redis velik-top
+	cd $(BUILD) && ./examples/velik_redis
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -92,6 +96,12 @@ soak: deps $(SANBUILD)/build.ninja
 
 bench: build
 	cmake --build $(BUILD) --target run-bench
+
+# redis-benchmark against redis-server and against the example server, side
+# by side (scripts/bench-server; BENCH_WORKERS, BENCH_REQUESTS).
+bench-server: deps-server-bench configure
+	cmake --build $(BUILD) -j $(JOBS) --target velik_redis
+	scripts/bench-server $(BUILD)
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
