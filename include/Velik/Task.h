@@ -50,6 +50,11 @@ namespace Velik {
 class TaskScheduler;
 class TaskSchedulerRoot;
 class TaskStat;
+class RunHistograms;
+// Frees histograms (defined with them, RunHistograms.h).
+struct RunHistogramsDelete {
+    void operator()(RunHistograms* histograms) const;
+};
 
 // Identifies a task in statistics tables: its address.
 class TaskKey {
@@ -274,8 +279,14 @@ class TaskImpl : public _TaskBase {
     bool includeInCompletedTask() const { return (flags_ & includeInCompletedFlag) != 0; }
     void includeInCompletedTaskIs(bool include);
 
-    // Zeroes every counter, clears the marks, then `handleResetStats()`.
+    // Zeroes every counter, clears the marks and the task's histograms, then
+    // `handleResetStats()`.
     void taskResetStats();
+    // Keeps histograms of this task's own runs beside its scheduler's
+    // (RunHistograms.h): made when turned on, freed when turned off.
+    void taskHistogramsIs(bool on);
+    const RunHistograms* taskHistograms() const { return taskHistograms_.get(); }
+    RunHistograms* taskHistograms() { return taskHistograms_.get(); }
     // A copy of the counters under the stats name, with `taskStatus()`.
     TaskStat getStats() const;
 
@@ -311,12 +322,15 @@ class TaskImpl : public _TaskBase {
     // Records an event of this task in the scheduler's history.
     void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
     TaskSchedulerRoot* root() const;
+    // A timer's expiry queued the task: its pick records the lateness.
+    void timerExpiredIs() { flags_ |= timerExpiredFlag; }
 
   private:
     static constexpr std::uint8_t suspendedFlag = 0x01;
     static constexpr std::uint8_t includeInCompletedFlag = 0x02;
     // Queued during its own run; stamped with the run's end time.
     static constexpr std::uint8_t scheduleStampPendingFlag = 0x04;
+    static constexpr std::uint8_t timerExpiredFlag = 0x08;
 
     // Whether `scheduleTask` is called by the task's own scheduler run.
     bool reschedulingItself() const;
@@ -327,6 +341,8 @@ class TaskImpl : public _TaskBase {
     // Latency of the queue stay that just ended at `now`.
     void schedulingLatencyIs(TaskTimePoint now);
     void recordRunTime(TaskTimeDuration elapsed);
+    // Defined with timer tasks, the only kind that sets the flag.
+    void timerLatenessRecord(TaskTimePoint now);
 
     // The data, in the order a run uses it: the three bytes fill the tail of
     // `_TaskBase`, and all that a run touches lies in the object's first
@@ -353,6 +369,7 @@ class TaskImpl : public _TaskBase {
     std::uint32_t qv500_ = 0;
     std::uint32_t qv200_ = 0;
     mutable std::uint64_t taskYieldCheckTicks_ = 0;
+    std::unique_ptr<RunHistograms, RunHistogramsDelete> taskHistograms_;  // null unless asked for
 
   public:
     BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;

@@ -121,6 +121,11 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     // Seconds until the timer expires: +infinity when not running, never
     // below 0.
     double timerRemaining() const;
+    // When the expiry that queued the task was due, on the steady clock:
+    // the wheel's lateness (library clock) taken back from the moment it
+    // queued the task. Meaningful from that expiry to the run it causes,
+    // whose start records the timer lateness (RunHistograms.h).
+    TaskTimePoint timerExpiredAt() const { return timerExpiredAt_; }
 
     // The offset a jitter request draws (one draw from the root's seed).
     double jitterOffset(double delay, std::uint8_t maxJitterPercentage) const;
@@ -149,6 +154,9 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     void busyFollowsQueue();
 
     bool timerRunning_ = false;
+    // The library-clock time the timer was last armed for.
+    double timerArmedFor_ = 0.0;
+    TaskTimePoint timerExpiredAt_{};
 };
 
 }  // namespace Velik

@@ -43,6 +43,7 @@
 #include <Velik/HashMix.h>
 #include <Velik/Inbox.h>
 #include <Velik/LambdaTask.h>
+#include <Velik/LatencyHistogram.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Mappings.h>
@@ -51,6 +52,7 @@
 #include <Velik/PlatformSelection.h>
 #include <Velik/Plugin.h>
 #include <Velik/Random.h>
+#include <Velik/RunHistograms.h>
 #include <Velik/SignalTask.h>
 #include <Velik/SnapshotRenderJson.h>
 #include <Velik/StatsEndpoint.h>

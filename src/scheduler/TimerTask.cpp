@@ -6,6 +6,7 @@
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/Time.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -79,6 +80,7 @@ bool TimerTask::doStartTimer(double delay, bool restart) {
         return false;
     }
     setTimeout(wheel(), delay);
+    timerArmedFor_ = expirationTime();
     return true;
 }
 
@@ -136,6 +138,7 @@ void TimerTask::scheduleTaskAt(double expiry) {
     // No clock reading: the expiry is exact, and one that has passed (or is
     // not a number) is due at once on the wheel.
     setTimeoutAt(wheel(), expiry);
+    timerArmedFor_ = expirationTime();
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer started {} at {}", taskDisplayName(), expiry);
     timerStarted(now);
 }
@@ -286,7 +289,22 @@ void TimerTask::scheduleTask() {
 void TimerTask::timeout() {
     timerRunning_ = false;
     TaskImpl::scheduleTask();
+    if (taskRunQueueLink_.isLinked()) {  // not dropped for suspension
+        // The wheel fires on its tick, after the exact expiry; the steady
+        // clock has no expiry of its own (virtual time moves the library
+        // clock alone), so the lateness so far is carried over to it.
+        // Written so that a NaN expiry counts as on time.
+        const double late = Velik::time() - timerArmedFor_;
+        const double lateNs = late > 0.0 ? std::min(late * 1e9, 1e18) : 0.0;
+        timerExpiredAt_ = taskScheduledTime() - TaskTimeDuration(static_cast<std::int64_t>(lateNs));
+        timerExpiredIs();
+    }
     busyFollowsQueue();
+}
+
+void TaskImpl::timerLatenessRecord(TaskTimePoint now) {
+    flags_ &= ~timerExpiredFlag;
+    scheduler_->timerLatenessRecord(*this, now - static_cast<TimerTask&>(*this).timerExpiredAt());
 }
 
 void TimerTask::busyFollowsQueue() {
