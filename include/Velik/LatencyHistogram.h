@@ -28,7 +28,6 @@
 // Not thread-safe: a histogram belongs to the thread that records into it.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -49,24 +48,25 @@ class LatencyHistogram {
 
     // Counts `ns`: below 128 in the first bucket, from 2^37 on in the last.
     void record(std::int64_t ns) {
-        const std::int64_t value = std::max<std::int64_t>(ns, 0);
+        const std::int64_t value = ns < 0 ? 0 : ns;
         std::uint32_t& bucket = buckets_[bucketIndex(value)];
-        bucket += bucket != std::numeric_limits<std::uint32_t>::max();  // stays full
+        bucket += bucket != std::numeric_limits<std::uint32_t>::max();  // a full one stays full
         ++count_;
         sum_ += value;
-        max_ = std::max(max_, value);
+        max_ = value > max_ ? value : max_;
     }
 
     // The bucket `ns` falls in.
     static std::size_t bucketIndex(std::int64_t ns) {
-        // Raising everything below 128 ns to 120 ns lands it in sub-bucket 7
-        // of the power below the first, which is index 0: no branch.
-        const auto value = static_cast<std::uint64_t>(std::max<std::int64_t>(ns, 120));
-        const unsigned octave = 63u - static_cast<unsigned>(__builtin_clzll(value));
-        const std::size_t sub = (value >> (octave - subBucketBits)) & subBucketMask;
-        const std::size_t index =
-            ((octave + 1 - firstOctave) << subBucketBits) + sub - subBucketMask;
-        return std::min(index, buckets - 1);
+        // Everything below 128 ns is raised to 120 ns, which lands in the
+        // last sub-bucket of the power of two before the first: index 0.
+        const auto value = static_cast<std::uint64_t>(ns < 120 ? 120 : ns);
+        // The power of two (a bit scan), then the leading bit and the three
+        // below it, 8 to 15: the sub-bucket plus 8.
+        const auto octave = static_cast<unsigned>(63 ^ __builtin_clzll(value));
+        const std::size_t index = (std::size_t{octave} << subBucketBits) +
+                                  (value >> (octave - subBucketBits)) - firstIndexBias;
+        return index < buckets ? index : buckets - 1;
     }
 
     std::size_t bucketCount() const { return buckets; }
@@ -94,6 +94,10 @@ class LatencyHistogram {
 
   private:
     static constexpr std::size_t subBucketMask = (std::size_t{1} << subBucketBits) - 1;
+    // What `bucketIndex` takes off so that the first power of two's first
+    // sub-bucket is index 1.
+    static constexpr std::size_t firstIndexBias =
+        (std::size_t{firstOctave} << subBucketBits) + (subBucketMask + 1) - 1;
 
     std::array<std::uint32_t, buckets> buckets_{};
     std::uint64_t count_ = 0;

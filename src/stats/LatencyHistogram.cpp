@@ -2,6 +2,7 @@
 
 #include "Velik/Assert.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace Velik {

@@ -117,6 +117,13 @@ TEST_F(TimerLatenessTest, RunsFromTheExpiryToTheStartOfTheRunItCaused) {
     EXPECT_EQ(timer->lastSchedulingLatency(), 30ms);
     EXPECT_EQ(timer->taskHistograms()->timerLateness.maxNs(), lateness.maxNs());
 
+    // Armed for a time long past: the wheel's next pass is 2 s late.
+    timer->scheduleTaskAt(Velik::time() - 2.0);
+    Velik::Platform::doEventLoop(0.1);
+    runUntilIdle();
+    ASSERT_EQ(lateness.count(), 2u);
+    EXPECT_NEAR(lateness.maxNs(), 2e9, 0.2e9);
+
     // Run directly, or re-armed before the run: no lateness.
     timer->scheduleTask();
     runUntilIdle();
@@ -125,8 +132,8 @@ TEST_F(TimerLatenessTest, RunsFromTheExpiryToTheStartOfTheRunItCaused) {
     timer->scheduleTaskDelay(5.0);
     timer->scheduleTask();
     runUntilIdle();
-    EXPECT_EQ(lateness.count(), 1u);
-    EXPECT_EQ(timer->runsAt.size(), 3u);
+    EXPECT_EQ(lateness.count(), 2u);
+    EXPECT_EQ(timer->runsAt.size(), 4u);
 }
 
 using Keys = std::vector<std::string>;
