@@ -323,7 +323,7 @@ class TaskImpl : public _TaskBase {
     void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
     TaskSchedulerRoot* root() const;
     // A timer's expiry queued the task: its pick records the lateness.
-    void timerExpiredIs() { flags_ |= timerExpiredFlag; }
+    void noteTimerExpiry() { flags_ |= timerExpiredFlag; }
 
   private:
     static constexpr std::uint8_t suspendedFlag = 0x01;
@@ -342,11 +342,11 @@ class TaskImpl : public _TaskBase {
     void schedulingLatencyIs(TaskTimePoint now);
     void recordRunTime(TaskTimeDuration elapsed);
     // Defined with timer tasks, the only kind that sets the flag.
-    void timerLatenessRecord(TaskTimePoint now);
+    void timerLatenessRecord();
 
     // The data, in the order a run uses it: the three bytes fill the tail of
     // `_TaskBase`, and all that a run touches lies in the object's first
-    // 160 bytes (three cache lines), the work statistics last.
+    // 168 bytes (three cache lines), the work statistics last.
     std::uint8_t flags_ = 0;
     TaskShouldYieldMode taskShouldYieldMode_ = TaskShouldYieldMode::ticks;
     bool taskCurrentlyRunning_ = false;

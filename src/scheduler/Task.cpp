@@ -229,7 +229,7 @@ void TaskImpl::taskPickedAt(TaskTimePoint now) {
     scheduleStampSettle(now);
     schedulingLatencyIs(now);
     if (flags_ & timerExpiredFlag) [[unlikely]] {
-        timerLatenessRecord(now);
+        timerLatenessRecord();
     }
 }
 

@@ -80,7 +80,7 @@ bool TimerTask::doStartTimer(double delay, bool restart) {
         return false;
     }
     setTimeout(wheel(), delay);
-    timerArmedFor_ = expirationTime();
+    timerExpiry_.armedFor = expirationTime();
     return true;
 }
 
@@ -138,7 +138,7 @@ void TimerTask::scheduleTaskAt(double expiry) {
     // No clock reading: the expiry is exact, and one that has passed (or is
     // not a number) is due at once on the wheel.
     setTimeoutAt(wheel(), expiry);
-    timerArmedFor_ = expirationTime();
+    timerExpiry_.armedFor = expirationTime();
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer started {} at {}", taskDisplayName(), expiry);
     timerStarted(now);
 }
@@ -290,21 +290,23 @@ void TimerTask::timeout() {
     timerRunning_ = false;
     TaskImpl::scheduleTask();
     if (taskRunQueueLink_.isLinked()) {  // not dropped for suspension
-        // The wheel fires on its tick, after the exact expiry; the steady
-        // clock has no expiry of its own (virtual time moves the library
-        // clock alone), so the lateness so far is carried over to it.
+        // The wheel delivers on its master timer, which a busy loop holds
+        // back; that part of the lateness is on the library clock (virtual
+        // time moves it alone), the queue stay after it on the steady clock.
         // Written so that a NaN expiry counts as on time.
-        const double late = Velik::time() - timerArmedFor_;
+        const double late = Velik::time() - timerExpiry_.armedFor;
         const double lateNs = late > 0.0 ? std::min(late * 1e9, 1e18) : 0.0;
-        timerExpiredAt_ = taskScheduledTime() - TaskTimeDuration(static_cast<std::int64_t>(lateNs));
-        timerExpiredIs();
+        timerExpiry_.deliveredLateNs = static_cast<std::int64_t>(lateNs);
+        noteTimerExpiry();
     }
     busyFollowsQueue();
 }
 
-void TaskImpl::timerLatenessRecord(TaskTimePoint now) {
+void TaskImpl::timerLatenessRecord() {
     flags_ &= ~timerExpiredFlag;
-    scheduler_->timerLatenessRecord(*this, now - static_cast<TimerTask&>(*this).timerExpiredAt());
+    // The queue stay is the latency just settled by the pick.
+    scheduler_->timerLatenessRecord(
+        *this, static_cast<TimerTask&>(*this).timerDeliveryLateness() + lastSchedulingLatency_);
 }
 
 void TimerTask::busyFollowsQueue() {
