@@ -61,7 +61,7 @@ set(VELIK_LAYER_scheduler_HEADERS
 
 set(VELIK_LAYER_stats_DIRS stats)
 set(VELIK_LAYER_stats_LINKS scheduler)
-set(VELIK_LAYER_stats_HEADERS TaskSchedulerQueueStats TaskStat)
+set(VELIK_LAYER_stats_HEADERS LatencyHistogram RunHistograms TaskSchedulerQueueStats TaskStat)
 
 set(VELIK_LAYER_report_DIRS report)
 set(VELIK_LAYER_report_LINKS stats)

@@ -29,6 +29,23 @@
 //              (Velik/Inbox.h), oldest first, none when there is none:
 //              "<rootName> length <n> highWaterMark <n> dropped <n>
 //              posted <n> run <n> wakeUps <n>"
+//   histograms the run histograms (Velik/RunHistograms.h) of the root's
+//              schedulers, the root first and then its task groups by
+//              name, and of each task that keeps its own, as one JSON
+//              document; every time is in nanoseconds:
+//
+//     {"schedulers": [{"name": "<schedulerName>", "kind": "root" | "group",
+//                      "runTime": H, "latency": H, "timerLateness": H}, ...],
+//      "tasks": [{"name": "<displayName>", "scheduler": "<schedulerName>",
+//                 "runTime": H, "latency": H, "timerLateness": H}, ...]}
+//
+//              where each H is {"count": n, "sum": ns, "max": ns, "p50": ns,
+//              "p90": ns, "p99": ns, "p999": ns, "buckets": [{"upper": ns,
+//              "count": n}, ...]}: the quantiles interpolated within their
+//              bucket, and the non-empty buckets in ascending order, each
+//              with its inclusive upper edge (9223372036854775807 for the
+//              overflow bucket). A scheduler whose histograms are off is
+//              left out.
 //
 // Anything else gets one line "error: <reason>\n" and the connection is
 // closed: a line with bytes other than printable ASCII, an unknown verb, a

@@ -50,6 +50,11 @@ namespace Velik {
 class TaskScheduler;
 class TaskSchedulerRoot;
 class TaskStat;
+class RunHistograms;
+// Frees histograms (defined with them, RunHistograms.h).
+struct RunHistogramsDelete {
+    void operator()(RunHistograms* histograms) const;
+};
 
 // Identifies a task in statistics tables: its address.
 class TaskKey {
@@ -279,8 +284,14 @@ class TaskImpl : public _TaskBase {
     bool includeInCompletedTask() const { return (flags_ & includeInCompletedFlag) != 0; }
     void includeInCompletedTaskIs(bool include);
 
-    // Zeroes every counter, clears the marks, then `handleResetStats()`.
+    // Zeroes every counter, clears the marks and the task's histograms, then
+    // `handleResetStats()`.
     void taskResetStats();
+    // Keeps histograms of this task's own runs beside its scheduler's
+    // (RunHistograms.h): made when turned on, freed when turned off.
+    void taskHistogramsIs(bool on);
+    const RunHistograms* taskHistograms() const { return taskHistograms_.get(); }
+    RunHistograms* taskHistograms() { return taskHistograms_.get(); }
     // A copy of the counters under the stats name, with `taskStatus()`.
     TaskStat getStats() const;
 
@@ -316,6 +327,8 @@ class TaskImpl : public _TaskBase {
     // Records an event of this task in the scheduler's history.
     void recordHistory(TaskTimePoint now, TaskSchedulerEventType type) const;
     TaskSchedulerRoot* root() const;
+    // A timer's expiry queued the task: its pick records the lateness.
+    void noteTimerExpiry() { flags_ |= timerExpiredFlag; }
 
   private:
     static constexpr std::uint8_t suspendedFlag = 0x01;
@@ -324,6 +337,8 @@ class TaskImpl : public _TaskBase {
     static constexpr std::uint8_t scheduleStampPendingFlag = 0x04;
     // Has a stall threshold of its own (kept by the root's publication).
     static constexpr std::uint8_t stallThresholdFlag = 0x08;
+    // Queued by its timer's expiry: the run records the timer's lateness.
+    static constexpr std::uint8_t timerExpiredFlag = 0x10;
 
     // Whether `scheduleTask` is called by the task's own scheduler run.
     bool reschedulingItself() const;
@@ -334,10 +349,12 @@ class TaskImpl : public _TaskBase {
     // Latency of the queue stay that just ended at `now`.
     void schedulingLatencyIs(TaskTimePoint now);
     void recordRunTime(TaskTimeDuration elapsed);
+    // Defined with timer tasks, the only kind that sets the flag.
+    void timerLatenessRecord();
 
     // The data, in the order a run uses it: the three bytes fill the tail of
     // `_TaskBase`, and all that a run touches lies in the object's first
-    // 160 bytes (three cache lines), the work statistics last.
+    // 168 bytes (three cache lines), the work statistics last.
     std::uint8_t flags_ = 0;
     TaskShouldYieldMode taskShouldYieldMode_ = TaskShouldYieldMode::ticks;
     bool taskCurrentlyRunning_ = false;
@@ -360,6 +377,7 @@ class TaskImpl : public _TaskBase {
     std::uint32_t qv500_ = 0;
     std::uint32_t qv200_ = 0;
     mutable std::uint64_t taskYieldCheckTicks_ = 0;
+    std::unique_ptr<RunHistograms, RunHistogramsDelete> taskHistograms_;  // null unless asked for
 
   public:
     BookmarkListLinkNode<TaskImpl> taskRegisteredLink_;

@@ -203,6 +203,17 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     // The reset task while a reset is under way, else null.
     TaskImpl* resetStatsTaskForTest() const;
 
+    // --- Run histograms (see RunHistograms.h) ---
+
+    // Whether the scheduler records its runs in histograms (on from the
+    // start): turning them off frees them, turning them on starts empty.
+    void runHistogramsIs(bool on);
+    // Null while off.
+    const RunHistograms* runHistograms() const { return runHistograms_.get(); }
+    // Records how late `task` starts the run its timer's expiry caused, here
+    // and in the task's own histograms.
+    void timerLatenessRecord(TaskImpl& task, TaskTimeDuration lateness);
+
     // --- Snapshots and JSON (see TaskSchedulerSnapshot.h for the shape) ---
 
     // This scheduler's statistics and, through its task groups, those of the
@@ -244,6 +255,8 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
         std::unique_ptr<CompletedTaskStats, void (*)(CompletedTaskStats*)>;
 
     static std::size_t indexOf(TaskPriority priority);
+    // One run's figures, here and in the task's own histograms.
+    void runHistogramsRecord(TaskImpl& task, TaskTimeDuration latency, TaskTimeDuration elapsed);
     void checkPriority(TaskPriority priority, const char* function) const;
 
     ConstStringRef schedulerName_;
@@ -269,6 +282,7 @@ class TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
     // Held while a sliced reset is under way (the task holds this scheduler
     // in turn: the cycle ends when the reset does).
     std::shared_ptr<ResetStatsTask> resetStatsTask_;
+    std::unique_ptr<RunHistograms, RunHistogramsDelete> runHistograms_;
 };
 
 // Prints the scheduler's name.

@@ -121,6 +121,13 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     // Seconds until the timer expires: +infinity when not running, never
     // below 0.
     double timerRemaining() const;
+    // How late the wheel delivered the expiry that queued the task (library
+    // clock); meaningful from that expiry to the pick of the run it causes,
+    // which records the timer lateness: this and the queue stay
+    // (RunHistograms.h).
+    TaskTimeDuration timerDeliveryLateness() const {
+        return TaskTimeDuration(timerExpiry_.deliveredLateNs);
+    }
 
     // The offset a jitter request draws (one draw from the root's seed).
     double jitterOffset(double delay, std::uint8_t maxJitterPercentage) const;
@@ -149,6 +156,13 @@ class TimerTask : public TaskImpl, public TimerWheelEvent {
     void busyFollowsQueue();
 
     bool timerRunning_ = false;
+    // One or the other, never needed at once: from arming to expiry, the
+    // library-clock time the timer is armed for; from the expiry that
+    // queued the task to its pick, how late the wheel delivered it.
+    union {
+        double armedFor;
+        std::int64_t deliveredLateNs;
+    } timerExpiry_{0.0};
 };
 
 }  // namespace Velik

@@ -45,6 +45,7 @@
 #include <Velik/HashMix.h>
 #include <Velik/Inbox.h>
 #include <Velik/LambdaTask.h>
+#include <Velik/LatencyHistogram.h>
 #include <Velik/Locking.h>
 #include <Velik/Loco.h>
 #include <Velik/Mappings.h>
@@ -55,6 +56,7 @@
 #include <Velik/Plugin.h>
 #include <Velik/PrometheusExposition.h>
 #include <Velik/Random.h>
+#include <Velik/RunHistograms.h>
 #include <Velik/SignalTask.h>
 #include <Velik/SnapshotRenderJson.h>
 #include <Velik/StallSentinel.h>

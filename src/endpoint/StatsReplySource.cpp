@@ -2,6 +2,8 @@
 // the history lines.
 #include "endpoint/StatsReplySource.h"
 
+#include "endpoint/HistogramsReply.h"
+
 #include "Velik/Inbox.h"
 #include "Velik/TaskSchedulerPrintContext.h"
 #include "Velik/TaskSchedulerRoot.h"
@@ -130,6 +132,8 @@ std::unique_ptr<StatsReplySource> makeStatsReplySource(const TaskSchedulerRoot& 
             return std::make_unique<HistorySource>(root, sizes.historyEvents);
         case StatsVerb::inbox:
             return std::make_unique<InboxSource>();
+        case StatsVerb::histograms:
+            return makeHistogramsReplySource(root, sizes.histogramEntries);
     }
     return nullptr;
 }

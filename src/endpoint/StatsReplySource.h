@@ -1,4 +1,4 @@
-// The three replies of a stats endpoint, each rendered a slice at a time.
+// The replies of a stats endpoint, each rendered a slice at a time.
 #pragma once
 
 #include "endpoint/StatsRequest.h"
@@ -24,11 +24,13 @@ class StatsReplySource {
     virtual bool renderSlice(std::string& out) = 0;
 };
 
-// Task records (snapshot, report) or events (history) per piece.
+// Task records (snapshot, report), events (history) or schedulers and tasks
+// with their histograms (histograms) per piece.
 struct StatsSliceSizes {
     std::size_t snapshotRecords = 400;
     std::size_t reportRows = 250;
     std::size_t historyEvents = 1000;
+    std::size_t histogramEntries = 50;
 };
 
 // The reply to `verb` for `root`, gathered now on the root's thread.

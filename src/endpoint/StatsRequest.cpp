@@ -28,6 +28,9 @@ StatsRequest parseStatsRequest(std::string_view line) {
     if (line == "inbox") {
         return {StatsVerb::inbox, {}};
     }
+    if (line == "histograms") {
+        return {StatsVerb::histograms, {}};
+    }
     return {std::nullopt, "unknown verb, ask for snapshot, report or history"};
 }
 

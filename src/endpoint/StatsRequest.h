@@ -7,7 +7,7 @@
 
 namespace Velik::Impl {
 
-enum class StatsVerb { snapshot, report, history, inbox };
+enum class StatsVerb { snapshot, report, history, inbox, histograms };
 
 // A request line parsed: a verb, or the reason it was refused.
 struct StatsRequest {
@@ -18,7 +18,7 @@ struct StatsRequest {
 // `line` without its "\n"; one "\r" at its end is dropped. Anything but
 // printable ASCII is "malformed request"; a word other than the verbs is an
 // unknown verb (whose error line names the three documents, as it always
-// has: "inbox" is an extra).
+// has: "inbox" and "histograms" are extras).
 StatsRequest parseStatsRequest(std::string_view line);
 
 // "error: <reason>\n".

@@ -225,11 +225,15 @@ void TaskImpl::unscheduleTaskPrivate(TaskTimePoint now) {
     recordHistory(now, TaskSchedulerEventType::unschedule);
     scheduler_->taskRunQueueOf(*this).unlink(*this);
     schedulingLatencyIs(now);
+    flags_ &= ~timerExpiredFlag;  // the stay ended without the run it caused
 }
 
 void TaskImpl::taskPickedAt(TaskTimePoint now) {
     scheduleStampSettle(now);
     schedulingLatencyIs(now);
+    if (flags_ & timerExpiredFlag) [[unlikely]] {
+        timerLatenessRecord();
+    }
 }
 
 void TaskImpl::schedulingLatencyIs(TaskTimePoint now) {
@@ -530,22 +534,6 @@ void TaskImpl::taskWorkPendingIs(std::uint32_t pending) {
     if (!workPendingHighWaterMark_.hasValue() || pending > workPendingHighWaterMark_.value()) {
         workPendingHighWaterMark_.sampleIs(pending);
     }
-}
-
-void TaskImpl::taskResetStats() {
-    taskRunCount_ = 0;
-    taskTotalRunTime_ = TaskTimeDuration(0);
-    workCountTotal_ = 0;
-    workCountDecayAvg_ = 0.0f;
-    workPending_ = 0;
-    qv500_ = 0;
-    qv200_ = 0;
-    taskMaxRunTime_ = TaskTimeDuration(0);
-    lastSchedulingLatency_ = TaskTimeDuration(0);
-    schedulingLatencyHighWaterMark_ = TaskTimeDuration(0);
-    workCountHighWaterMark_.clear();
-    workPendingHighWaterMark_.clear();
-    handleResetStats();
 }
 
 }  // namespace Velik

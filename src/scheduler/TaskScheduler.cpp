@@ -25,7 +25,9 @@ TaskScheduler::TaskScheduler(std::string_view name, TaskSchedulerRoot* root,
                              std::shared_ptr<TaskSchedulerHistory> history)
     : schedulerName_(ConstStringCache::forThisThread().intern(name)),
       root_(root),
-      history_(std::move(history)) {}
+      history_(std::move(history)) {
+    runHistogramsIs(true);
+}
 
 TaskScheduler::~TaskScheduler() = default;
 
@@ -219,6 +221,7 @@ void TaskScheduler::handleSchedulerRun() {
         std::shared_ptr<_TaskBase>& slot;
         ~ReleaseRunning() { std::shared_ptr<_TaskBase> last = std::exchange(slot, nullptr); }
     } release{currentlyRunning_};
+    const TaskTimeDuration latency = task->lastSchedulingLatency();  // before the run moves it
     TaskRunRecord run;
     try {
         run = task->taskDoRun(now);
@@ -227,6 +230,9 @@ void TaskScheduler::handleSchedulerRun() {
         // requested, so work queued meanwhile (or later) is not stranded.
         requestSchedulerRun();
         throw;
+    }
+    if (runHistograms_) {
+        runHistogramsRecord(*task, latency, run.elapsed);
     }
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "{} Scheduler completed task, request run",
                 schedulerName_);

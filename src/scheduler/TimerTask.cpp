@@ -6,6 +6,7 @@
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/Time.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -79,6 +80,7 @@ bool TimerTask::doStartTimer(double delay, bool restart) {
         return false;
     }
     setTimeout(wheel(), delay);
+    timerExpiry_.armedFor = expirationTime();
     return true;
 }
 
@@ -136,6 +138,7 @@ void TimerTask::scheduleTaskAt(double expiry) {
     // No clock reading: the expiry is exact, and one that has passed (or is
     // not a number) is due at once on the wheel.
     setTimeoutAt(wheel(), expiry);
+    timerExpiry_.armedFor = expirationTime();
     VELIK_TRACE(VELIK_DEFAULT_HANDLE, 8, "Timer started {} at {}", taskDisplayName(), expiry);
     timerStarted(now);
 }
@@ -286,7 +289,24 @@ void TimerTask::scheduleTask() {
 void TimerTask::timeout() {
     timerRunning_ = false;
     TaskImpl::scheduleTask();
+    if (taskRunQueueLink_.isLinked()) {  // not dropped for suspension
+        // The wheel delivers on its master timer, which a busy loop holds
+        // back; that part of the lateness is on the library clock (virtual
+        // time moves it alone), the queue stay after it on the steady clock.
+        // Written so that a NaN expiry counts as on time.
+        const double late = Velik::time() - timerExpiry_.armedFor;
+        const double lateNs = late > 0.0 ? std::min(late * 1e9, 1e18) : 0.0;
+        timerExpiry_.deliveredLateNs = static_cast<std::int64_t>(lateNs);
+        noteTimerExpiry();
+    }
     busyFollowsQueue();
+}
+
+void TaskImpl::timerLatenessRecord() {
+    flags_ &= ~timerExpiredFlag;
+    // The queue stay is the latency just settled by the pick.
+    scheduler_->timerLatenessRecord(
+        *this, static_cast<TimerTask&>(*this).timerDeliveryLateness() + lastSchedulingLatency_);
 }
 
 void TimerTask::busyFollowsQueue() {

@@ -2,6 +2,7 @@
 // table, queue summaries, and resetting (at once or in slices).
 #include "Velik/Assert.h"
 #include "Velik/Fmtrace.h"
+#include "Velik/RunHistograms.h"
 #include "Velik/TaskScheduler.h"
 #include "Velik/TaskSchedulerQueueStats.h"
 #include "Velik/TaskStat.h"
@@ -136,6 +137,9 @@ void TaskScheduler::clearStatsCommon() {
         completedTaskStats_->clear();
     }
     completedTasksPerPriority_.fill(0);
+    if (runHistograms_) {
+        runHistograms_->clear();
+    }
 }
 
 void TaskScheduler::clearStats() {
