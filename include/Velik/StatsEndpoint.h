@@ -59,12 +59,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Velik {
 
 class TaskSchedulerRoot;
 namespace Impl {
+class SideEndpoint;
 class StatsConnection;
+class StatsHandOver;
 class StatsListener;
 }  // namespace Impl
 
@@ -80,6 +83,13 @@ struct StatsEndpointOptions {
     TaskPriority priority = TaskPriority::low;
     // Whether snapshots and reports list tasks that never ran.
     bool includeNoRuns = true;
+    // Seconds a request that needs the root's thread waits, while that
+    // thread is stuck, before it gets the busy line; counted from the
+    // request line's arrival.
+    double busyReplyAfter = 1.0;
+    // Whether `serveStats` starts the stall sentinel (`watchStalls` with
+    // default options) when it is not running yet.
+    bool watchStalls = true;
     // When set, every peer is taken to have this uid instead of its own, so
     // that tests can play a foreign user.
     std::optional<uid_t> peerUidForTest;
@@ -106,13 +116,17 @@ class StatsEndpoint {
 
     // Connections being served (reading their request or taking a reply).
     std::size_t clientCount() const { return connections_.size(); }
-    // Connections accepted so far, refused ones included.
-    std::uint64_t acceptedCount() const { return acceptedCount_; }
+    // Connections accepted so far, refused ones included, by the root's
+    // thread and by the side server.
+    std::uint64_t acceptedCount() const;
     // Connections refused for their uid or for too many clients.
-    std::uint64_t refusedCount() const { return refusedCount_; }
+    std::uint64_t refusedCount() const;
 
     // The listener's entry for a new connection: refuses it or serves it.
     void accepted(int fd);
+    // A connection the side server accepted and read `line` from while the
+    // root was stuck: served as if read here (its uid was checked).
+    void handedOver(int fd, std::string_view line);
     // A connection's end: releases it and closes its descriptor. Called from
     // the connection's own tasks, which then return at once.
     void connectionEnded(int fd);
@@ -120,6 +134,8 @@ class StatsEndpoint {
   private:
     // Whether the peer on `fd` may ask: the daemon's effective uid or root.
     bool peerAllowed(int fd) const;
+    // Serves `fd`, or refuses it when `maxClients` are served; null then.
+    Impl::StatsConnection* serve(int fd);
 
     TaskSchedulerRoot& root_;
     std::string socketPath_;
@@ -130,6 +146,9 @@ class StatsEndpoint {
     // The lock on "<socketPath>.lock", held for the endpoint's life.
     int lockFd_ = -1;
     std::shared_ptr<Impl::StatsListener> listener_;
+    // What the side server shares, and the task that takes its hand-overs.
+    std::shared_ptr<Impl::SideEndpoint> side_;
+    std::shared_ptr<Impl::StatsHandOver> handOver_;
     std::map<int, std::shared_ptr<Impl::StatsConnection>> connections_;
     std::uint64_t acceptedCount_ = 0;
     std::uint64_t refusedCount_ = 0;

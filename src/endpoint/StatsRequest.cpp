@@ -28,6 +28,12 @@ StatsRequest parseStatsRequest(std::string_view line) {
     if (line == "inbox") {
         return {StatsVerb::inbox, {}};
     }
+    if (line == "status") {
+        return {StatsVerb::status, {}};
+    }
+    if (line == "stalls") {
+        return {StatsVerb::stalls, {}};
+    }
     return {std::nullopt, "unknown verb, ask for snapshot, report or history"};
 }
 
