@@ -29,6 +29,19 @@
 //              (Velik/Inbox.h), oldest first, none when there is none:
 //              "<rootName> length <n> highWaterMark <n> dropped <n>
 //              posted <n> run <n> wakeUps <n>"
+//   status     one line per live root (the endpoint's own first), one of
+//              root="<root>" tid=<n> thread="<thread>" state=idle
+//              ... state=running for=<seconds.3> task="<task>"
+//              ... state=stalled for=<seconds.3> task="<task>" top="<frame>"
+//              <task> is the display name once a stall's backtrace caught
+//              it, else "#<identity in hex>"; top is the innermost frame of
+//              the latest backtrace ("" before the first). Inside quotes,
+//              `\` and `"` are escaped with `\`, control bytes and bytes
+//              that are not UTF-8 shown as "\xNN"
+//   stalls     the stall records (Velik/StallSentinel.h) as one compact
+//              JSON document and "\n": {"roots":[{"root","tid","thread",
+//              "live","stalls":[{"id","task","startNs","thresholdNs",
+//              "durationNs","ended","samples":[{"atNs","frames":[...]}]}]}]}
 //
 // Anything else gets one line "error: <reason>\n" and the connection is
 // closed: a line with bytes other than printable ASCII, an unknown verb, a
@@ -38,6 +51,19 @@
 // gets "error: permission denied\n". A reply the client has not taken within
 // the reply time-out is dropped, so a client that never reads costs its
 // reply's memory for that long and nothing else.
+//
+// While the root's thread is stuck in a task (its run older than 50 ms), a
+// process-wide side thread accepts on the socket too (checking the uid
+// likewise) and answers `status`, `stalls` and bad requests itself. Any
+// other request waits for the run to end and is then served by the root;
+// when the run outlasts `busyReplyAfter` (counted from the request line's
+// arrival) it gets one line instead, and the connection is closed:
+//
+//   error: thread busy for <seconds.1> s in task "<task>"
+//
+// the seconds being how long the run has lasted. Destroying the endpoint
+// also closes the side thread's clients of it, replies half written
+// included. `serveStats` starts the stall sentinel unless told otherwise.
 //
 // The socket file is created with mode 0600 (no moment where others could
 // connect) and removed when the endpoint is destroyed. Beside it, the
@@ -156,7 +182,11 @@ class StatsEndpoint {
 
 // Serves the statistics of `root` on a new Unix-domain socket at
 // `socketPath`; call it on the root's thread, and keep the result for as long
-// as the socket should answer. The directory must exist.
+// as the socket should answer. The directory must exist. Unless
+// `options.watchStalls` is false, starts the stall sentinel with its default
+// options when it is not running (`watchStallsUnlessWatching`); when the
+// application holds its signal, the endpoint serves all the same (a trace
+// line at level 1 says so).
 //
 // A stale socket file at the path (nobody answers) is replaced. Throws
 // `RuntimeException` when another endpoint answers on it or holds its lock
