@@ -140,9 +140,19 @@ void watchStalls(const StallOptions& options = StallOptions());
 // signal handler stays installed (a capture may still be on its way).
 void stopWatchingStalls();
 bool watchingStalls();
+// Starts the sentinel with `options` unless it runs already (whose options
+// are then kept); returns whether it started it. Throws as `watchStalls`.
+bool watchStallsUnlessWatching(const StallOptions& options = StallOptions());
+
+// The innermost frame of `stall`'s latest backtrace that is not the
+// sentinel's own capture code; "" when there is no backtrace yet.
+std::string stallTopFrame(const StallRecord& stall);
 
 // What one root's thread is doing now.
 struct RootRunStatus {
+    // The root's identity (the address of its publication): tells roots of
+    // one name apart and matches a status with its `RootStalls`.
+    std::uintptr_t rootId = 0;
     std::string rootName;
     pid_t tid = 0;
     std::string threadName;
@@ -164,6 +174,8 @@ std::vector<RootRunStatus> rootRunStatuses();
 
 // One root's stall ring.
 struct RootStalls {
+    // As in `RootRunStatus`.
+    std::uintptr_t rootId = 0;
     std::string rootName;
     pid_t tid = 0;
     std::string threadName;

@@ -46,6 +46,19 @@
 //              with its inclusive upper edge (9223372036854775807 for the
 //              overflow bucket). A scheduler whose histograms are off is
 //              left out.
+//   status     one line per live root (the endpoint's own first), one of
+//              root="<root>" tid=<n> thread="<thread>" state=idle
+//              ... state=running for=<seconds.3> task="<task>"
+//              ... state=stalled for=<seconds.3> task="<task>" top="<frame>"
+//              <task> is the display name once a stall's backtrace caught
+//              it, else "#<identity in hex>"; top is the innermost frame of
+//              the latest backtrace ("" before the first). Inside quotes,
+//              `\` and `"` are escaped with `\`, control bytes and bytes
+//              that are not UTF-8 shown as "\xNN"
+//   stalls     the stall records (Velik/StallSentinel.h) as one compact
+//              JSON document and "\n": {"roots":[{"root","tid","thread",
+//              "live","stalls":[{"id","task","startNs","thresholdNs",
+//              "durationNs","ended","samples":[{"atNs","frames":[...]}]}]}]}
 //
 // Anything else gets one line "error: <reason>\n" and the connection is
 // closed: a line with bytes other than printable ASCII, an unknown verb, a
@@ -55,6 +68,19 @@
 // gets "error: permission denied\n". A reply the client has not taken within
 // the reply time-out is dropped, so a client that never reads costs its
 // reply's memory for that long and nothing else.
+//
+// While the root's thread is stuck in a task (its run older than 50 ms), a
+// process-wide side thread accepts on the socket too (checking the uid
+// likewise) and answers `status`, `stalls` and bad requests itself. Any
+// other request waits for the run to end and is then served by the root;
+// when the run outlasts `busyReplyAfter` (counted from the request line's
+// arrival) it gets one line instead, and the connection is closed:
+//
+//   error: thread busy for <seconds.1> s in task "<task>"
+//
+// the seconds being how long the run has lasted. Destroying the endpoint
+// also closes the side thread's clients of it, replies half written
+// included. `serveStats` starts the stall sentinel unless told otherwise.
 //
 // The socket file is created with mode 0600 (no moment where others could
 // connect) and removed when the endpoint is destroyed. Beside it, the
@@ -76,12 +102,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Velik {
 
 class TaskSchedulerRoot;
 namespace Impl {
+class SideEndpoint;
 class StatsConnection;
+class StatsHandOver;
 class StatsListener;
 }  // namespace Impl
 
@@ -97,6 +126,13 @@ struct StatsEndpointOptions {
     TaskPriority priority = TaskPriority::low;
     // Whether snapshots and reports list tasks that never ran.
     bool includeNoRuns = true;
+    // Seconds a request that needs the root's thread waits, while that
+    // thread is stuck, before it gets the busy line; counted from the
+    // request line's arrival.
+    double busyReplyAfter = 1.0;
+    // Whether `serveStats` starts the stall sentinel (`watchStalls` with
+    // default options) when it is not running yet.
+    bool watchStalls = true;
     // When set, every peer is taken to have this uid instead of its own, so
     // that tests can play a foreign user.
     std::optional<uid_t> peerUidForTest;
@@ -123,13 +159,17 @@ class StatsEndpoint {
 
     // Connections being served (reading their request or taking a reply).
     std::size_t clientCount() const { return connections_.size(); }
-    // Connections accepted so far, refused ones included.
-    std::uint64_t acceptedCount() const { return acceptedCount_; }
+    // Connections accepted so far, refused ones included, by the root's
+    // thread and by the side server.
+    std::uint64_t acceptedCount() const;
     // Connections refused for their uid or for too many clients.
-    std::uint64_t refusedCount() const { return refusedCount_; }
+    std::uint64_t refusedCount() const;
 
     // The listener's entry for a new connection: refuses it or serves it.
     void accepted(int fd);
+    // A connection the side server accepted and read `line` from while the
+    // root was stuck: served as if read here (its uid was checked).
+    void handedOver(int fd, std::string_view line);
     // A connection's end: releases it and closes its descriptor. Called from
     // the connection's own tasks, which then return at once.
     void connectionEnded(int fd);
@@ -137,6 +177,8 @@ class StatsEndpoint {
   private:
     // Whether the peer on `fd` may ask: the daemon's effective uid or root.
     bool peerAllowed(int fd) const;
+    // Serves `fd`, or refuses it when `maxClients` are served; null then.
+    Impl::StatsConnection* serve(int fd);
 
     TaskSchedulerRoot& root_;
     std::string socketPath_;
@@ -147,6 +189,9 @@ class StatsEndpoint {
     // The lock on "<socketPath>.lock", held for the endpoint's life.
     int lockFd_ = -1;
     std::shared_ptr<Impl::StatsListener> listener_;
+    // What the side server shares, and the task that takes its hand-overs.
+    std::shared_ptr<Impl::SideEndpoint> side_;
+    std::shared_ptr<Impl::StatsHandOver> handOver_;
     std::map<int, std::shared_ptr<Impl::StatsConnection>> connections_;
     std::uint64_t acceptedCount_ = 0;
     std::uint64_t refusedCount_ = 0;
@@ -154,7 +199,11 @@ class StatsEndpoint {
 
 // Serves the statistics of `root` on a new Unix-domain socket at
 // `socketPath`; call it on the root's thread, and keep the result for as long
-// as the socket should answer. The directory must exist.
+// as the socket should answer. The directory must exist. Unless
+// `options.watchStalls` is false, starts the stall sentinel with its default
+// options when it is not running (`watchStallsUnlessWatching`); when the
+// application holds its signal, the endpoint serves all the same (a trace
+// line at level 1 says so).
 //
 // A stale socket file at the path (nobody answers) is replaced. Throws
 // `RuntimeException` when another endpoint answers on it or holds its lock

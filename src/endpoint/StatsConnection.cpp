@@ -5,6 +5,7 @@
 #include "Velik/StatsEndpoint.h"
 #include "Velik/TaskSchedulerRoot.h"
 #include "endpoint/StatsRequest.h"
+#include "endpoint/StatsRequestLine.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -44,33 +45,24 @@ StatsConnection::StatsConnection(StatsEndpoint& endpoint, int fd)
 StatsConnection::~StatsConnection() = default;
 
 void StatsConnection::taskExecuteReadable() {
-    // Never more than the longest request: what follows it is not read.
-    char buffer[StatsEndpoint::maxRequestSize];
-    const std::size_t room = StatsEndpoint::maxRequestSize - request_.size();
-    const ssize_t n = recv(fd_, buffer, room, MSG_DONTWAIT);
-    if (n < 0) {
-        if (errno != EAGAIN && errno != EINTR) {
-            end();  // reset by the peer
-        }
-        return;
-    }
-    if (n == 0) {
-        // The peer stopped sending; it may still read.
-        if (request_.empty()) {
+    const RequestLineRead read = readRequestLine(fd_, request_);
+    switch (read.kind) {
+        case RequestLineRead::more:
+            return;
+        case RequestLineRead::closed:
             end();
-        } else {
-            reply(statsErrorLine("malformed request, the line has no end"));
-        }
-        return;
+            return;
+        case RequestLineRead::refused:
+            reply(read.text);
+            return;
+        case RequestLineRead::complete:
+            requestComplete(read.text);
+            return;
     }
-    const std::size_t searchFrom = request_.size();
-    request_.append(buffer, static_cast<std::size_t>(n));
-    const std::size_t newline = request_.find('\n', searchFrom);
-    if (newline != std::string::npos) {
-        requestComplete(std::string_view(request_).substr(0, newline));
-    } else if (request_.size() == StatsEndpoint::maxRequestSize) {
-        reply(statsErrorLine("request too long, at most 256 bytes"));
-    }
+}
+
+void StatsConnection::requestRead(std::string_view line) {
+    requestComplete(line);
 }
 
 void StatsConnection::requestComplete(std::string_view line) {

@@ -35,6 +35,9 @@ class StatsConnection : public FileDescriptorTask {
     ~StatsConnection() override;
 
     void taskExecuteReadable() override;
+    // Serves a request line read elsewhere (by the side server while the
+    // root was stuck): the reply starts at once.
+    void requestRead(std::string_view line);
     // Replies go out through the write task, never through this side.
     void taskExecuteWritable() override {}
 

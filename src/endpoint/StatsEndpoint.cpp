@@ -4,9 +4,11 @@
 #include "Velik/Errno.h"
 #include "Velik/FileDescriptorTask.h"
 #include "Velik/Fmtrace.h"
+#include "Velik/StallSentinel.h"
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/TimerTask.h"
 #include "endpoint/StatsConnection.h"
+#include "endpoint/StatsSideServer.h"
 #include "endpoint/StatsSocket.h"
 
 #include <sys/socket.h>
@@ -78,9 +80,39 @@ class StatsListener : public FileDescriptorTask {
     std::shared_ptr<Resume> resume_;
 };
 
+// Takes the connections the side server hands back once the root is free.
+class StatsHandOver : public FileDescriptorTask {
+  public:
+    static constexpr const char* traceClassName = "StatsHandOver";
+
+    StatsHandOver(StatsEndpoint& endpoint, SideEndpoint& side)
+        : FileDescriptorTask(&endpoint.root(), endpoint.options().priority,
+                             "StatsEndpoint:handOver"),
+          endpoint_(endpoint),
+          side_(side) {
+        taskWatchFdIs(side.handOverFd());
+    }
+
+    void taskExecuteReadable() override {
+        std::vector<SideEndpoint::Handed> handed = side_.takeHanded();
+        for (const SideEndpoint::Handed& connection : handed) {
+            endpoint_.handedOver(connection.fd, connection.line);
+        }
+        taskWorkCountInc(handed.size());
+    }
+    void taskExecuteWritable() override {}
+
+  private:
+    StatsEndpoint& endpoint_;
+    SideEndpoint& side_;
+};
+
 }  // namespace Impl
 
 namespace {
+
+// For the traces of the free functions here.
+constexpr const char* traceClassName = StatsEndpoint::traceClassName;
 
 // Connections the kernel holds for the listener between two of its runs.
 constexpr int listenBacklog = 64;
@@ -98,7 +130,17 @@ StatsEndpoint::StatsEndpoint(TaskSchedulerRoot& root, std::string socketPath,
     lockFd_ = socket.lockFd;
     try {
         listener_ = std::make_shared<Impl::StatsListener>(*this, listenFd_);
+        side_ = std::make_shared<Impl::SideEndpoint>(listenFd_, root_.runPublication(), socketPath_,
+                                                     options_);
+        handOver_ = std::make_shared<Impl::StatsHandOver>(*this, *side_);
+        Impl::sideServerRegister(side_);
     } catch (...) {
+        if (handOver_) {
+            handOver_->taskWatchFdDel();
+        }
+        if (listener_) {
+            listener_->taskWatchFdDel();
+        }
         Impl::closeListening(socketPath_, socket);
         throw;
     }
@@ -106,6 +148,12 @@ StatsEndpoint::StatsEndpoint(TaskSchedulerRoot& root, std::string socketPath,
 }
 
 StatsEndpoint::~StatsEndpoint() {
+    // First, so that nothing of the side server uses the listener or hands
+    // over a connection from here on.
+    Impl::sideServerUnregister(side_.get());
+    handOver_->taskWatchFdDel();
+    handOver_.reset();
+    side_.reset();  // closes the connections still queued for the root
     while (!connections_.empty()) {
         connectionEnded(connections_.begin()->first);
     }
@@ -120,26 +168,54 @@ bool StatsEndpoint::peerAllowed(int fd) const {
     return uid && (*uid == geteuid() || *uid == 0);
 }
 
+std::uint64_t StatsEndpoint::acceptedCount() const {
+    return acceptedCount_ + side_->acceptedCount.load(std::memory_order_relaxed);
+}
+
+std::uint64_t StatsEndpoint::refusedCount() const {
+    return refusedCount_ + side_->refusedCount.load(std::memory_order_relaxed);
+}
+
+namespace {
+
+void refuse(const std::string& socketPath, int fd, const char* refusal) {
+    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "{} refused fd {}: {}", socketPath, fd, refusal);
+    Impl::sendAndClose(fd, refusal);
+}
+
+}  // namespace
+
 void StatsEndpoint::accepted(int fd) {
     ++acceptedCount_;
-    const char* refusal = nullptr;
     if (!peerAllowed(fd)) {
-        refusal = "error: permission denied\n";
-    } else if (connections_.size() >= options_.maxClients) {
-        refusal = "error: too many clients\n";
-    }
-    if (refusal) {
         ++refusedCount_;
-        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 5, "{} refused fd {}: {}", socketPath_, fd, refusal);
-        Impl::sendAndClose(fd, refusal);
+        refuse(socketPath_, fd, "error: permission denied\n");
         return;
     }
+    serve(fd);
+}
+
+void StatsEndpoint::handedOver(int fd, std::string_view line) {
+    if (Impl::StatsConnection* connection = serve(fd)) {
+        connection->requestRead(line);  // may end the connection at once
+    }
+}
+
+Impl::StatsConnection* StatsEndpoint::serve(int fd) {
+    if (connections_.size() >= options_.maxClients) {
+        ++refusedCount_;
+        refuse(socketPath_, fd, "error: too many clients\n");
+        return nullptr;
+    }
     try {
-        connections_.emplace(fd, std::make_shared<Impl::StatsConnection>(*this, fd));
+        auto connection = std::make_shared<Impl::StatsConnection>(*this, fd);
+        connections_.emplace(fd, connection);
+        return connection.get();
     } catch (const std::exception& e) {
         // Out of resources: this client goes, the daemon carries on.
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "{} dropped fd {}: {}", socketPath_, fd, e.what());
         ::close(fd);
+        return nullptr;
     }
 }
 
@@ -157,6 +233,16 @@ void StatsEndpoint::connectionEnded(int fd) {
 
 std::unique_ptr<StatsEndpoint> serveStats(TaskSchedulerRoot& root, std::string socketPath,
                                           StatsEndpointOptions options) {
+    if (options.watchStalls) {
+        try {
+            watchStallsUnlessWatching();
+        } catch (const std::exception& e) {
+            // The application holds the signal: stats are served all the
+            // same, without stall records.
+            VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "{}: stall sentinel not started: {}", socketPath,
+                        e.what());
+        }
+    }
     return std::make_unique<StatsEndpoint>(root, std::move(socketPath), std::move(options));
 }
 

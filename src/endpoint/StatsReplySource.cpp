@@ -5,10 +5,12 @@
 #include "endpoint/HistogramsReply.h"
 
 #include "Velik/Inbox.h"
+#include "Velik/Task.h"
 #include "Velik/TaskSchedulerPrintContext.h"
 #include "Velik/TaskSchedulerRoot.h"
 #include "Velik/TaskSchedulerSnapshot.h"
 #include "Velik/TaskSchedulerTextReport.h"
+#include "endpoint/StallReplies.h"
 #include "report/StatsPrintable.h"
 
 #include <fmt/format.h>
@@ -116,6 +118,30 @@ class InboxSource : public StatsReplySource {
     std::string text_;
 };
 
+// A reply made whole when asked: the status lines and the stall records.
+class WholeSource : public StatsReplySource {
+  public:
+    explicit WholeSource(std::string text) : text_(std::move(text)) {}
+    bool renderSlice(std::string& out) override {
+        out += text_;
+        return false;
+    }
+
+  private:
+    std::string text_;
+};
+
+// The status lines, asked on the root's own thread: the running task is
+// alive here, so it is named even when no backtrace caught it.
+std::string statusOnRootThread(const TaskSchedulerRoot& root) {
+    const RunPublication& publication = root.runPublication();
+    std::optional<std::string> ownTask;
+    if (const TaskImpl* task = publication.current().task) {
+        ownTask = std::string(task->taskDisplayName().view());
+    }
+    return renderStatusReply(&publication, ownTask);
+}
+
 }  // namespace
 
 std::unique_ptr<StatsReplySource> makeStatsReplySource(const TaskSchedulerRoot& root,
@@ -134,6 +160,10 @@ std::unique_ptr<StatsReplySource> makeStatsReplySource(const TaskSchedulerRoot& 
             return std::make_unique<InboxSource>();
         case StatsVerb::histograms:
             return makeHistogramsReplySource(root, sizes.histogramEntries);
+        case StatsVerb::status:
+            return std::make_unique<WholeSource>(statusOnRootThread(root));
+        case StatsVerb::stalls:
+            return std::make_unique<WholeSource>(renderStallsReply(&root.runPublication()));
     }
     return nullptr;
 }

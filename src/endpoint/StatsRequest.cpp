@@ -31,6 +31,12 @@ StatsRequest parseStatsRequest(std::string_view line) {
     if (line == "histograms") {
         return {StatsVerb::histograms, {}};
     }
+    if (line == "status") {
+        return {StatsVerb::status, {}};
+    }
+    if (line == "stalls") {
+        return {StatsVerb::stalls, {}};
+    }
     return {std::nullopt, "unknown verb, ask for snapshot, report or history"};
 }
 

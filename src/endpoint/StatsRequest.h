@@ -7,7 +7,13 @@
 
 namespace Velik::Impl {
 
-enum class StatsVerb { snapshot, report, history, inbox, histograms };
+enum class StatsVerb { snapshot, report, history, inbox, histograms, status, stalls };
+
+// Whether `verb` is answered from published state alone, never needing the
+// root's thread (and so also while that thread is stuck).
+inline bool answeredWithoutRoot(StatsVerb verb) {
+    return verb == StatsVerb::status || verb == StatsVerb::stalls;
+}
 
 // A request line parsed: a verb, or the reason it was refused.
 struct StatsRequest {
@@ -18,7 +24,7 @@ struct StatsRequest {
 // `line` without its "\n"; one "\r" at its end is dropped. Anything but
 // printable ASCII is "malformed request"; a word other than the verbs is an
 // unknown verb (whose error line names the three documents, as it always
-// has: "inbox" and "histograms" are extras).
+// has: "inbox", "histograms", "status" and "stalls" are extras).
 StatsRequest parseStatsRequest(std::string_view line);
 
 // "error: <reason>\n".

@@ -219,6 +219,7 @@ std::uint64_t RootWatch::lastStallId() const {
 
 RootStalls RootWatch::stalls() const {
     RootStalls copy;
+    copy.rootId = reinterpret_cast<std::uintptr_t>(publication_.get());
     copy.rootName = publication_->rootName();
     copy.tid = publication_->tid();
     copy.threadName = publication_->threadName();

@@ -164,10 +164,10 @@ std::thread sentinelThreadStart() {
 
 }  // namespace
 
-void watchStalls(const StallOptions& options) {
-    checkOptions(options);
-    Sentinel& s = sentinel();
-    std::lock_guard guard(s.mutex);
+namespace {
+
+// Starts the thread or adopts `options`; `s.mutex` held.
+void watchLocked(Sentinel& s, const StallOptions& options) {
     Impl::captureSignalInstall(options.signalNumber);
     s.options = options;
     if (s.running) {
@@ -179,6 +179,42 @@ void watchStalls(const StallOptions& options) {
     s.running = true;
     s.stopping = false;
     s.thread = sentinelThreadStart();
+}
+
+}  // namespace
+
+void watchStalls(const StallOptions& options) {
+    checkOptions(options);
+    Sentinel& s = sentinel();
+    std::lock_guard guard(s.mutex);
+    watchLocked(s, options);
+}
+
+bool watchStallsUnlessWatching(const StallOptions& options) {
+    checkOptions(options);
+    Sentinel& s = sentinel();
+    std::lock_guard guard(s.mutex);
+    if (s.running) {
+        return false;
+    }
+    watchLocked(s, options);
+    return true;
+}
+
+std::string stallTopFrame(const StallRecord& stall) {
+    if (stall.samples.empty()) {
+        return {};
+    }
+    // The handler skips its own frames; a frame of the capture code still
+    // shows when the thread was caught inside it (a second request).
+    for (const std::string& frame : stall.samples.back().frames) {
+        if (frame.find("captureHere") == std::string::npos &&
+            frame.find("onCaptureSignal") == std::string::npos &&
+            frame.find("__restore_rt") == std::string::npos) {
+            return frame;
+        }
+    }
+    return {};
 }
 
 void stopWatchingStalls() {
@@ -222,6 +258,7 @@ std::vector<RootRunStatus> rootRunStatuses() {
     statuses.reserve(roots.size());
     for (const auto& root : roots) {
         RootRunStatus status;
+        status.rootId = reinterpret_cast<std::uintptr_t>(root.get());
         status.rootName = root->rootName();
         status.tid = root->tid();
         status.threadName = root->threadName();
