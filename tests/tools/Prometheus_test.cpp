@@ -44,9 +44,8 @@ TEST(Prometheus, EveryFamilyDeclaredOnceBeforeItsSamples) {
             EXPECT_EQ(m[1], declared) << "sample outside its family: " << line;
         }
     }
-    EXPECT_THAT(text,
-                HasSubstr("velik_task_run_seconds_total{thread=\"t1\",scheduler=\"main\","
-                          "task=\"a\"} 0.5\n"));
+    EXPECT_THAT(text, HasSubstr("velik_task_run_seconds_total{thread=\"t1\",scheduler=\"main\","
+                                "task=\"a\"} 0.5\n"));
     // Work only for the task that reported some.
     EXPECT_THAT(text, HasSubstr("velik_task_work_total{thread=\"t1\""));
     EXPECT_THAT(text, Not(HasSubstr("velik_task_work_total{thread=\"t2\"")));
