@@ -112,8 +112,18 @@ void Fetcher::round(std::size_t index) {
             anyStalled = std::any_of(status.status->begin(), status.status->end(),
                                      [](const RootStatus& r) { return r.stalled(); });
         }
-    } catch (const TopError&) {
-        // The snapshot's exchange below says what is wrong with the socket.
+    } catch (const TopError& error) {
+        // A socket that cannot answer even this is not asked for the rest:
+        // a silent one would cost a second time-out. Other failures are
+        // left for the snapshot's exchange to tell.
+        if (error.status() == exitUnreachable) {
+            deliver(std::move(status));
+            FetchResult snap = begin(FetchResult::Verb::snapshot);
+            snap.roundEnded = true;
+            snap.error = error;
+            deliver(std::move(snap));
+            return;
+        }
     }
     deliver(std::move(status));
 

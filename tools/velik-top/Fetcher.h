@@ -3,7 +3,8 @@
 // One worker thread per socket does a round when asked: `status` first (the
 // daemon answers it even while the thread is stuck in a task), then `stalls`
 // when a root is stalled or the stalls pane wants them, then `snapshot`. Each
-// answer is handed over as soon as it is read and parsed, through a queue
+// answer is handed over as soon as it is read and parsed (a socket that
+// cannot answer `status` at all ends its round there), through a queue
 // the screen drains between keys; every exchange has its own time-out. A
 // socket whose round has not ended is not asked again, so a stuck or silent
 // daemon thread holds back only its own worker, never the screen or the
