@@ -19,6 +19,7 @@ struct FakeTask {
     std::uint64_t qv200 = 0, qv500 = 0;
     std::optional<std::uint64_t> work = std::nullopt;
     std::vector<FakeTask> children = {};  // non-empty: a task group
+    std::uint64_t maxMs = 0;              // longest run
 };
 
 inline std::string tasksJson(const std::vector<FakeTask>& tasks, std::string& subs) {
@@ -27,8 +28,9 @@ inline std::string tasksJson(const std::vector<FakeTask>& tasks, std::string& su
         out += out.empty() ? "" : ",";
         out += fmt::format(
             R"({{"name":"{}","address":"{}","priority":"normal","runCount":{},)"
-            R"("totalRunTime":{},"schedulingLatencyHighWaterMark":{},"qv200":{},"qv500":{})",
-            t.name, t.address, t.runs, t.time, t.maxLatency, t.qv200, t.qv500);
+            R"("totalRunTime":{},"schedulingLatencyHighWaterMark":{},"qv200":{},"qv500":{},)"
+            R"("maxMs":{})",
+            t.name, t.address, t.runs, t.time, t.maxLatency, t.qv200, t.qv500, t.maxMs);
         if (t.work) {
             out += fmt::format(R"(,"workCount":{{"total":{},"decayingAvg":1,"highwater":1}})",
                                *t.work);

@@ -23,6 +23,7 @@ class TaskTableTest : public ::testing::Test {
                                   {"quiet", "0x2", 10u + t, 0.2 * t, 0.001, 9, 1},
                                   {"pool", "0x3", 0, 0.6 * t}};
         out[2].children = {{"conn:read", "0x4", 0, 0.5 * t}, {"accept", "0x5", 0, 0.1 * t}};
+        out[1].maxMs = 6213;
         return out;
     }
 
@@ -34,7 +35,7 @@ class TaskTableTest : public ::testing::Test {
         return out;
     }
     std::vector<VelikTop::ThreadView> views() const {
-        return {{&after, VelikTop::rates(&before, after, 1.0)}};
+        return {{&after, VelikTop::rates(&before, after, 1.0), std::nullopt}};
     }
 
     VelikTop::ThreadSnapshot before, after;
@@ -74,13 +75,17 @@ TEST_F(TaskTableTest, LinesShowRatesAndMarkGroups) {
     const auto lines = VelikTop::buildTable(views(), view);
     const VelikTop::TableLayout layout(lines, false);
     EXPECT_EQ(layout.heading(),
-              "SCHEDULER SP   RUN/s  TIME% LAST-LAT  MAX-LAT QV200 QV500  WORK/s   PEND TASK");
+              "SCHEDULER SP   RUN/s  TIME% LAST-LAT  MAX-LAT  MAX-RUN QV200 QV500  WORK/s   PEND "
+              "TASK");
     EXPECT_EQ(layout.line(lines[0]),
-              "main       n       0   60.0        0        0     0     0                [+] pool");
+              "main       n       0   60.0        0        0        0     0     0                "
+              "[+] pool");
     EXPECT_EQ(layout.line(lines[1]),
-              "main       n       1   20.0        0   1.00ms     9     1                    quiet");
+              "main       n       1   20.0        0   1.00ms    6.21s     9     1                "
+              "    quiet");
     // Before a second snapshot, rates read "-".
-    const std::vector<VelikTop::ThreadView> first{{&after, VelikTop::rates(nullptr, after, 1)}};
+    const std::vector<VelikTop::ThreadView> first{
+        {&after, VelikTop::rates(nullptr, after, 1), std::nullopt}};
     const auto once = VelikTop::buildTable(first, view);
     EXPECT_EQ(VelikTop::TableLayout(once, true).line(once[0]).substr(0, 35),
               "main   main       n       -      - ");

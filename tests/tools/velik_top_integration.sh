@@ -12,8 +12,10 @@ work=$(mktemp -d)
 stats=$work/stats
 tmux_server=velik-top-test-$$
 demo_pid=
+silent_pid=
 cleanup() {
     local rc=$?
+    [[ -z $silent_pid ]] || kill "$silent_pid" 2>/dev/null || true
     tmux -L "$tmux_server" kill-server 2>/dev/null || true
     if [[ -n $demo_pid ]]; then
         kill "$demo_pid" 2>/dev/null || true
@@ -52,7 +54,7 @@ wait_for 100 test -S "$stats/main.sock" -a -S "$stats/background.sock" ||
 once=$("$top" --once -i 0.5 "$stats")
 expect_in "$once" '^velik-top .* threads: 2 ' "--once summary"
 expect_in "$once" '^thread main: busy [0-9.]+%' "--once busy share"
-expect_in "$once" '^THREAD +SCHEDULER +SP +RUN/s +TIME%' "--once heading"
+expect_in "$once" '^THREAD +SCHEDULER +SP +RUN/s +TIME% +LAST-LAT +MAX-LAT +MAX-RUN +QV200' "--once heading"
 expect_in "$once" '^main +main +.* \[-\] TaskGroup;connections$' "--once group row"
 expect_in "$once" '^main +connections +n +[0-9.k]+ +[0-9.]+ .* connection:read$' "--once task row"
 expect_in "$once" '^background ' "--once second thread"
@@ -132,6 +134,42 @@ keys t f  # the busiest first, so the group is in sight
 wait_for 20 table_lacks connection:read || fail "folding all groups still shows their tasks"
 expect_screen '\[\+\] TaskGroup;connections' "a folded group"
 
+keys s
+expect_screen '^ROOT +TASK +START +DURATION +STATE' "the stalls pane"
+expect_screen 'no stall recorded' "the stalls pane of a daemon without stalls"
+keys s
+expect_screen '^THREAD' "the table again"
+
 keys q
 wait_for 30 bash -c "! tmux -L $tmux_server has-session -t top 2>/dev/null" || fail "q did not quit"
+
+# A socket that accepts and never answers holds back only itself.
+if command -v python3 >/dev/null; then
+    mkdir -m 0700 "$work/silent"
+    python3 -c '
+import socket, sys, time
+s = socket.socket(socket.AF_UNIX)
+s.bind(sys.argv[1]); s.listen(16)
+held = []
+while True:
+    held.append(s.accept()[0])
+' "$work/silent/silent.sock" &
+    silent_pid=$!
+    wait_for 50 test -S "$work/silent/silent.sock" || fail "no silent socket"
+    once=$("$top" --once -i 0.2 -t 0.5 "$stats" "$work/silent/silent.sock")
+    expect_in "$once" '^thread main: busy' "--once beside a silent socket"
+    expect_in "$once" 'silent.sock: timed out' "--once naming the silent socket"
+    "$top" --json -t 0.5 "$stats" "$work/silent" |
+        jq -e '.silent.stale == true and (.main.schedulers | length > 0)' >/dev/null ||
+        fail "--json does not mark the silent socket"
+    tmux -L "$tmux_server" new-session -d -s silent -x 160 -y 50 \
+        "$top -i 0.5 -t 0.5 $stats $work/silent/silent.sock"
+    screen() { tmux -L "$tmux_server" capture-pane -p -t silent; }
+    keys() { tmux -L "$tmux_server" send-keys -t silent "$@"; }
+    expect_screen 'silent.sock: timed out' "the live view naming the silent socket"
+    expect_screen 'connection:read' "the live view beside a silent socket"
+    keys n
+    expect_screen 'sort: name' "keys beside a silent socket"
+    keys q
+fi
 echo "velik-top integration: all checks passed"

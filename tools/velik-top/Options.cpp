@@ -26,13 +26,18 @@ constexpr double maxInterval = 3600;
     throw TopError(exitUsage, message + " (velik-top --help tells more)");
 }
 
-double intervalFrom(const std::string& text) {
+double secondsFrom(const std::string& text, const char* what) {
     char* end = nullptr;
     const double v = std::strtod(text.c_str(), &end);
     if (text.empty() || *end != '\0' || !std::isfinite(v) || v < minInterval || v > maxInterval) {
-        usage("interval must be a number of seconds from 0.1 to 3600, not \"" + text + "\"");
+        usage(std::string(what) + " must be a number of seconds from 0.1 to 3600, not \"" + text +
+              "\"");
     }
     return v;
+}
+
+double intervalFrom(const std::string& text) {
+    return secondsFrom(text, "interval");
 }
 
 void setMode(Options& o, Mode mode, std::string_view flag) {
@@ -72,6 +77,13 @@ Options parseOptions(int argc, const char* const* argv) {
                 usage(arg + " needs a number of seconds");
             }
             o.interval = intervalFrom(argv[i]);
+        } else if (arg == "-t" || arg == "--timeout") {
+            if (++i == argc) {
+                usage(arg + " needs a number of seconds");
+            }
+            o.timeout = secondsFrom(argv[i], "time-out");
+        } else if (arg.rfind("--timeout=", 0) == 0) {
+            o.timeout = secondsFrom(arg.substr(std::strlen("--timeout=")), "time-out");
         } else if (arg.rfind("--interval=", 0) == 0) {
             o.interval = intervalFrom(arg.substr(std::strlen("--interval=")));
         } else if (arg.rfind("-i", 0) == 0) {
@@ -176,6 +188,8 @@ root are read, and a reply of more than 64 MiB is refused.
 
 options:
   -i, --interval SECONDS  time between snapshots (default 1; 0.1 to 3600)
+  -t, --timeout SECONDS   time one request may take, from connecting to
+                          the last byte (default 1.5; 0.1 to 3600)
       --once              print the table once and exit; it takes two
                           snapshots an interval apart, so rates are real
       --json              print the JSON snapshot, checked and written out
@@ -190,7 +204,11 @@ keys (live view):
   f         fold or unfold all groups;  space/enter: the group under the cursor
   up down   move the cursor;  PgUp PgDn Home End as usual
   c         show or hide completed records;  h  show or hide the history
+  s         show or hide the stalls (up down: choose one; its frames below)
   + -       longer or shorter interval;  q  quit
+
+A thread that stops answering, or is stuck in a task, keeps its last
+figures on show marked "stale Ns"; a stuck thread is named over the table.
 
 exit status: 0 fine, 2 bad arguments, 3 socket missing, refused or silent,
 or the default directory not yours alone, 4 the daemon answered "error: ..."

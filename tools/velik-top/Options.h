@@ -25,11 +25,12 @@ struct Endpoint {
 struct Options {
     Mode mode = Mode::live;
     double interval = 1.0;  // seconds between snapshots
+    double timeout = 1.5;   // seconds one request may take, connecting to the last byte
     std::vector<std::string> targets;
 };
 
 // Throws `TopError` (`exitUsage`) for an unknown option, a missing or
-// invalid interval, or two modes at once.
+// invalid interval or time-out, or two modes at once.
 Options parseOptions(int argc, const char* const* argv);
 
 // The sockets `targets` name, directories expanded (sorted by name). Throws

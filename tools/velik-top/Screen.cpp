@@ -1,6 +1,7 @@
 #include "Screen.h"
 
 #include "HistoryText.h"
+#include "StallText.h"
 #include "TableText.h"
 
 #include <curses.h>
@@ -18,6 +19,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int keyEscape = 27;
 constexpr int maxHistoryLines = 8;
 constexpr int maxSummaryThreads = 4;
+// The longest the screen waits for a key before looking for answers.
+constexpr long long answerCheckMs = 50;
 constexpr double intervalSteps[] = {0.1, 0.2, 0.5, 1, 2, 5, 10, 30, 60};
 
 void putLine(int y, int width, const std::string& text, attr_t attributes = A_NORMAL) {
@@ -41,7 +44,8 @@ bool isEnter(int key) {
 
 }  // namespace
 
-Screen::Screen(Sampler& sampler, double interval) : sampler_(sampler), interval_(interval) {
+Screen::Screen(Fetcher& fetcher, Sampler& sampler, double interval)
+    : fetcher_(fetcher), sampler_(sampler), interval_(interval) {
     std::setlocale(LC_ALL, "");
     initscr();
     cbreak();
@@ -63,19 +67,30 @@ void Screen::run() {
         draw();
         const auto wait =
             std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
-        timeout(static_cast<int>(std::max<long long>(wait, 0)));
+        timeout(static_cast<int>(std::clamp<long long>(wait, 0, answerCheckMs)));
         const int key = getch();
         if (key != ERR && !handleKey(key)) {
             return;
         }
-        // Checked after keys too: a held key must not stop the refreshes.
-        if (Clock::now() >= next) {
-            sampler_.refresh();
+        if (takeAnswers()) {
             rebuild();
+        }
+        // Checked after keys too: a held key must not stop the refreshes.
+        // A socket still busy with the last round is not asked again.
+        if (Clock::now() >= next) {
+            fetcher_.startRound();
             next = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                       std::chrono::duration<double>(interval_));
         }
     }
+}
+
+bool Screen::takeAnswers() {
+    std::vector<FetchResult> answers = fetcher_.take();
+    for (FetchResult& a : answers) {
+        sampler_.apply(std::move(a));
+    }
+    return !answers.empty();
 }
 
 void Screen::rebuild() {
@@ -92,6 +107,12 @@ void Screen::draw() {
     getmaxyx(stdscr, height, width);
     int y = drawSummary(0, width);
     const int keysLine = height - 1;
+    if (showStalls_) {
+        drawStalls(y, keysLine - y, width);
+        drawKeys(keysLine, width);
+        refresh();
+        return;
+    }
     int historyHeight = 0;
     if (showHistory_) {
         historyHeight = std::min(maxHistoryLines + 1, std::max(0, (keysLine - y) / 3));
@@ -113,9 +134,13 @@ int Screen::drawSummary(int y, int width) {
         putLine(y++, width, fmt::format("... and {} more threads", summary.size() - shown));
     }
     for (const Sampler::Thread& t : sampler_.threads()) {
-        if (t.error) {
-            putLine(y++, width, printable(t.error->what()), A_BOLD);
+        if (const std::string problem = t.problem(); !problem.empty()) {
+            putLine(y++, width, printable(problem), A_BOLD);
         }
+    }
+    for (const std::string& line : stallBanner(sampler_.stalledRoots(), sampler_.stallRoots())) {
+        const bool head = line.rfind("STALLED", 0) == 0;
+        putLine(y++, width, printable(line), head ? A_BOLD | A_REVERSE : A_BOLD);
     }
     return y;
 }
@@ -136,8 +161,9 @@ void Screen::drawTable(int top, int height, int width) {
     scroll_ = std::min(scroll_, lines_.size() > rows ? lines_.size() - rows : 0);
     for (std::size_t i = 0; i < rows && scroll_ + i < lines_.size(); ++i) {
         const std::size_t n = scroll_ + i;
+        const attr_t age = lines_[n].stale ? A_DIM : A_NORMAL;
         putLine(top + 1 + static_cast<int>(i), width, layout.line(lines_[n]),
-                n == cursor_ ? A_BOLD | A_UNDERLINE : A_NORMAL);
+                n == cursor_ ? A_BOLD | A_UNDERLINE | age : age);
     }
     if (lines_.empty()) {
         putLine(top + 1, width,
@@ -156,6 +182,34 @@ void Screen::drawHistory(int top, int height, int width) {
     }
 }
 
+void Screen::drawStalls(int top, int height, int width) {
+    if (height < 2) {
+        return;
+    }
+    const std::vector<StallRoot> roots = sampler_.stallRoots();
+    const std::vector<StallEntry> entries = stallEntries(roots);
+    putLine(top, width, stallHeading(), A_REVERSE);
+    if (entries.empty()) {
+        putLine(top + 1, width, "(no stall recorded)");
+        return;
+    }
+    stallCursor_ = std::min(stallCursor_, entries.size() - 1);
+    // The list takes up to half the pane; the chosen stall's frames the rest.
+    const std::size_t rows = std::max<std::size_t>(1, static_cast<std::size_t>(height - 1) / 2);
+    const std::size_t first = stallCursor_ >= rows ? stallCursor_ + 1 - rows : 0;
+    int y = top + 1;
+    for (std::size_t i = first; i < entries.size() && i < first + rows; ++i) {
+        putLine(y++, width, printable(stallLine(entries[i])),
+                i == stallCursor_ ? A_BOLD | A_UNDERLINE : A_NORMAL);
+    }
+    for (const std::string& line : stallFrames(entries[stallCursor_])) {
+        if (y >= top + height) {
+            break;
+        }
+        putLine(y++, width, printable(line), line.rfind("stall ", 0) == 0 ? A_REVERSE : A_NORMAL);
+    }
+}
+
 void Screen::drawKeys(int y, int width) {
     if (editingFilter_) {
         putLine(y, width, "filter: " + printable(view_.filter) + "_   (enter: keep, esc: cancel)",
@@ -164,7 +218,7 @@ void Screen::drawKeys(int y, int width) {
     }
     putLine(y, width,
             "t/l/v/n sort  / filter  f fold all  space fold  c completed  h history  "
-            "+/- interval  q quit",
+            "s stalls  +/- interval  q quit",
             A_REVERSE);
 }
 
@@ -176,6 +230,11 @@ bool Screen::handleKey(int key) {
     int height = 0, width = 0;
     getmaxyx(stdscr, height, width);
     const long page = std::max(1, height / 2);
+    if (showStalls_ && (key == KEY_UP || key == 'k' || key == KEY_DOWN || key == 'j')) {
+        const bool up = key == KEY_UP || key == 'k';
+        stallCursor_ = up ? (stallCursor_ ? stallCursor_ - 1 : 0) : stallCursor_ + 1;
+        return true;  // drawStalls keeps it within the list
+    }
     switch (key) {
         case 'q':
         case 'Q':
@@ -212,6 +271,13 @@ bool Screen::handleKey(int key) {
             break;
         case 'h':
             showHistory_ = !showHistory_;
+            break;
+        case 's':
+            showStalls_ = !showStalls_;
+            fetcher_.stallsWanted(showStalls_);
+            if (showStalls_) {
+                fetcher_.startRound();  // the list at once, not an interval later
+            }
             break;
         case '+':
         case '-':

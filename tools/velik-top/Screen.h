@@ -1,11 +1,15 @@
 // The live, top-like view in the terminal (ncurses).
 //
 // From the top: the summary (time, threads, tasks, interval, sort, filter,
-// then one line per thread with its busy share), any socket failures, the
-// table with a cursor, the pane of recent scheduler events, and a line of
-// keys. A new snapshot comes every interval; keys act at once.
+// then one line per thread with its busy share, "stale Ns" after a thread
+// whose figures are old), any socket failures, a banner for each stalled
+// root, the table with a cursor (a stale thread's rows dimmed), the pane of
+// recent scheduler events, and a line of keys. `s` puts the stalls pane in
+// place of the table. A round of requests starts every interval and its
+// answers are shown as they arrive; keys act at once, whatever a socket does.
 #pragma once
 
+#include "Fetcher.h"
 #include "Sampler.h"
 #include "TaskTable.h"
 
@@ -16,7 +20,7 @@ namespace VelikTop {
 
 class Screen {
   public:
-    Screen(Sampler& sampler, double interval);
+    Screen(Fetcher& fetcher, Sampler& sampler, double interval);
     ~Screen();
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
@@ -30,6 +34,9 @@ class Screen {
     void drawTable(int top, int height, int width);
     void drawHistory(int top, int height, int width);
     void drawKeys(int y, int width);
+    void drawStalls(int top, int height, int width);
+    // Takes the answers that arrived; whether there were any.
+    bool takeAnswers();
 
     // Acts on one key; false to quit.
     bool handleKey(int key);
@@ -40,6 +47,7 @@ class Screen {
     void changeInterval(bool longer);
     void rebuild();
 
+    Fetcher& fetcher_;
     Sampler& sampler_;
     double interval_;
     ViewOptions view_;
@@ -47,6 +55,8 @@ class Screen {
     std::size_t cursor_ = 0;
     std::size_t scroll_ = 0;
     bool showHistory_ = true;
+    bool showStalls_ = false;
+    std::size_t stallCursor_ = 0;
     bool editingFilter_ = false;
     std::string filterBefore_;  // restored by Esc
 };

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -37,18 +38,36 @@ class Socket {
     throw TopError(exitUnreachable, path + ": " + what);
 }
 
-// Waits for `events` until `deadline`; false on time-out.
-bool waitFor(int fd, short events, Clock::time_point deadline) {
+// One exchange's socket path, deadline and cancel descriptor.
+struct Exchange {
+    const std::string& path;
+    Clock::time_point deadline;
+    int cancelFd;
+};
+
+// Waits up to `ms` (or until the deadline) for `events` on `fd` (none when -1)
+// or for the cancel descriptor; throws when cancelled. False on time-out.
+bool waitFor(const Exchange& x, int fd, short events, long long ms = -1) {
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        long long left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(x.deadline - Clock::now())
+                .count();
+        if (ms >= 0) {
+            left = std::min(left, ms);
+        }
         if (left <= 0) {
             return false;
         }
-        pollfd p{fd, events, 0};
-        const int n = ::poll(&p, 1, static_cast<int>(left));
+        pollfd p[2] = {{x.cancelFd, POLLIN, 0}, {fd, events, 0}};
+        const int n = ::poll(p, 2, static_cast<int>(left));
+        if (n > 0 && p[0].revents != 0) {
+            unreachable(x.path, "cancelled");
+        }
         if (n > 0) {
             return true;
+        }
+        if (n == 0 && ms >= 0) {
+            return false;
         }
         if (n < 0 && errno != EINTR) {
             return false;
@@ -56,7 +75,8 @@ bool waitFor(int fd, short events, Clock::time_point deadline) {
     }
 }
 
-void connectTo(const Socket& socket, const std::string& path, Clock::time_point deadline) {
+void connectTo(const Socket& socket, const Exchange& x) {
+    const std::string& path = x.path;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) {
@@ -78,22 +98,21 @@ void connectTo(const Socket& socket, const std::string& path, Clock::time_point 
             unreachable(path, std::strerror(errno));
         }
         // The daemon's listen backlog is full: try again shortly.
-        if (Clock::now() >= deadline) {
+        if (Clock::now() >= x.deadline) {
             unreachable(path, "timed out connecting");
         }
-        ::poll(nullptr, 0, 10);
+        waitFor(x, -1, 0, 10);
     }
 }
 
-void sendAll(const Socket& socket, const std::string& path, std::string_view data,
-             Clock::time_point deadline) {
+void sendAll(const Socket& socket, const Exchange& x, std::string_view data) {
     while (!data.empty()) {
         const ssize_t n = ::send(socket.fd(), data.data(), data.size(), MSG_NOSIGNAL);
         if (n > 0) {
             data.remove_prefix(static_cast<std::size_t>(n));
         } else if (n < 0 && errno == EAGAIN) {
-            if (!waitFor(socket.fd(), POLLOUT, deadline)) {
-                unreachable(path, "timed out sending the request");
+            if (!waitFor(x, socket.fd(), POLLOUT)) {
+                unreachable(x.path, "timed out sending the request");
             }
         } else if (n < 0 && errno != EINTR) {
             // The daemon may have refused us before reading: its reply says why.
@@ -108,8 +127,8 @@ std::string sizeText(std::size_t bytes) {
                                                           : std::to_string(bytes) + " bytes";
 }
 
-std::string readToEnd(const Socket& socket, const std::string& path, Clock::time_point deadline,
-                      std::size_t limit) {
+std::string readToEnd(const Socket& socket, const Exchange& x, std::size_t limit) {
+    const std::string& path = x.path;
     std::string reply;
     char buffer[65536];
     for (;;) {
@@ -123,7 +142,7 @@ std::string readToEnd(const Socket& socket, const std::string& path, Clock::time
         } else if (n == 0) {
             return reply;
         } else if (errno == EAGAIN) {
-            if (!waitFor(socket.fd(), POLLIN, deadline)) {
+            if (!waitFor(x, socket.fd(), POLLIN)) {
                 unreachable(path, "timed out waiting for the reply");
             }
         } else if (errno == ECONNRESET && !reply.empty()) {
@@ -167,18 +186,24 @@ std::string errorReason(std::string_view reply) {
     return reason.empty() ? "unspecified error" : reason;
 }
 
-std::string fetch(const std::string& path, std::string_view verb, double timeoutSeconds,
-                  std::size_t replyLimit) {
-    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                             std::chrono::duration<double>(timeoutSeconds));
+std::string exchange(const std::string& path, std::string_view verb, const ExchangeLimits& limits) {
+    const Exchange x{path,
+                     Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                        std::chrono::duration<double>(limits.timeoutSeconds)),
+                     limits.cancelFd};
     Socket socket;
     if (socket.fd() < 0) {
         unreachable(path, std::strerror(errno));
     }
-    connectTo(socket, path, deadline);
+    connectTo(socket, x);
     checkServer(socket, path);
-    sendAll(socket, path, std::string(verb) + "\n", deadline);
-    std::string reply = readToEnd(socket, path, deadline, replyLimit);
+    sendAll(socket, x, std::string(verb) + "\n");
+    return readToEnd(socket, x, limits.replyLimit);
+}
+
+std::string fetch(const std::string& path, std::string_view verb, double timeoutSeconds,
+                  std::size_t replyLimit) {
+    std::string reply = exchange(path, verb, {timeoutSeconds, replyLimit, -1});
     if (const std::string reason = errorReason(reply); !reason.empty()) {
         throw TopError(exitRefused, path + ": the daemon refused: " + reason);
     }

@@ -21,6 +21,20 @@ namespace VelikTop {
 // hold.
 constexpr std::size_t maxReplyBytes = std::size_t{64} << 20;
 
+// How one exchange is bounded: `timeoutSeconds` covers connecting, sending
+// and the whole reply; `cancelFd`, when not -1, ends the exchange at once
+// (`TopError`, `exitUnreachable`, "cancelled") as soon as it turns readable,
+// so a viewer that quits need not wait out a silent daemon.
+struct ExchangeLimits {
+    double timeoutSeconds = 1.5;
+    std::size_t replyLimit = maxReplyBytes;
+    int cancelFd = -1;
+};
+
+// The reply to `verb` as sent, an "error: ..." line included (see
+// `errorReason`). Throws `TopError` as `fetch` does, but for the error line.
+std::string exchange(const std::string& path, std::string_view verb, const ExchangeLimits& limits);
+
 // The whole reply to `verb` ("snapshot", "report" or "history") from the
 // socket at `path`, within `timeoutSeconds` in all. The server must run as
 // this user or as root (its credentials on the socket, SO_PEERCRED): a

@@ -39,6 +39,10 @@ std::string printable(std::string_view text) {
     return Velik::Impl::printableText(text);
 }
 
+std::string staleMarker(double seconds) {
+    return fmt::format("stale {}s", static_cast<long long>(std::max(seconds, 0.0)));
+}
+
 std::string formatCount(double value) {
     if (value < 0) {
         value = 0;
@@ -88,9 +92,9 @@ TableLayout::TableLayout(const std::vector<TableLine>& lines, bool showThread)
 
 std::string TableLayout::heading() const {
     std::string s = showThread_ ? fmt::format("{:<{}} ", "THREAD", threadWidth_) : std::string();
-    s += fmt::format("{:<{}} {:2} {:>7} {:>6} {:>8} {:>8} {:>5} {:>5} {:>7} {:>6} {}", "SCHEDULER",
-                     schedulerWidth_, "SP", "RUN/s", "TIME%", "LAST-LAT", "MAX-LAT", "QV200",
-                     "QV500", "WORK/s", "PEND", "TASK");
+    s += fmt::format("{:<{}} {:2} {:>7} {:>6} {:>8} {:>8} {:>8} {:>5} {:>5} {:>7} {:>6} {}",
+                     "SCHEDULER", schedulerWidth_, "SP", "RUN/s", "TIME%", "LAST-LAT", "MAX-LAT",
+                     "MAX-RUN", "QV200", "QV500", "WORK/s", "PEND", "TASK");
     return s;
 }
 
@@ -101,14 +105,15 @@ std::string TableLayout::line(const TableLine& line) const {
                         ? fmt::format("{:<{}} ", printable(cut(line.thread->thread, threadWidth_)),
                                       threadWidth_)
                         : std::string();
-    s += fmt::format(
-        "{:<{}} {:2} {:>7} {:>6} {:>8} {:>8} {:>5} {:>5} {:>7} {:>6} {}",
-        printable(cut(row.scheduler, schedulerWidth_)), schedulerWidth_, row.statusLetters(),
-        rate(r, r.runsPerSecond), r.known ? fmt::format("{:.1f}", r.share * 100) : "-",
-        formatSeconds(row.lastLatency), formatSeconds(row.maxLatency), formatCount(row.qv200),
-        formatCount(row.qv500), row.workTotal ? rate(r, r.workPerSecond) : "",
-        row.workPending ? formatCount(static_cast<double>(*row.workPending)) : "",
-        taskColumn(line));
+    s += fmt::format("{:<{}} {:2} {:>7} {:>6} {:>8} {:>8} {:>8} {:>5} {:>5} {:>7} {:>6} {}",
+                     printable(cut(row.scheduler, schedulerWidth_)), schedulerWidth_,
+                     row.statusLetters(), rate(r, r.runsPerSecond),
+                     r.known ? fmt::format("{:.1f}", r.share * 100) : "-",
+                     formatSeconds(row.lastLatency), formatSeconds(row.maxLatency),
+                     formatSeconds(static_cast<double>(row.maxMs) / 1000), formatCount(row.qv200),
+                     formatCount(row.qv500), row.workTotal ? rate(r, r.workPerSecond) : "",
+                     row.workPending ? formatCount(static_cast<double>(*row.workPending)) : "",
+                     taskColumn(line));
     return s;
 }
 
@@ -149,10 +154,14 @@ std::vector<std::string> formatSummary(const std::vector<ThreadView>& threads,
         }
         const bool known =
             std::any_of(t.rates.begin(), t.rates.end(), [](const TaskRates& r) { return r.known; });
-        out.push_back(
+        std::string line =
             fmt::format("thread {}: busy {}  runs/s {}  max slip {}  without runs {}", snap.thread,
                         known ? fmt::format("{:.1f}%", threadShare(snap, t.rates) * 100) : "-",
-                        known ? formatCount(runs) : "-", formatSeconds(slip), skipped));
+                        known ? formatCount(runs) : "-", formatSeconds(slip), skipped);
+        if (t.staleSeconds) {
+            line += "  " + staleMarker(*t.staleSeconds);
+        }
+        out.push_back(std::move(line));
     }
     return out;
 }

@@ -3,6 +3,7 @@
 // Columns: THREAD (only when several threads are shown), SCHEDULER, SP
 // (status and priority letters as the text report has them), RUN/s, TIME%
 // (share of the thread's time), LAST-LAT and MAX-LAT (scheduling latency),
+// MAX-RUN (the longest single run, to the millisecond the snapshot gives),
 // QV200 and QV500, WORK/s, PEND, and last TASK: indented one step per group
 // level, a group's name after "[-]", or "[+]" while folded.
 //
@@ -35,7 +36,8 @@ class TableLayout {
 
 // The lines above the table: the time, the thread and task counts, the
 // interval, the sort order and filter; then one line per thread with its
-// busy share, runs per second and worst slip.
+// busy share, runs per second and worst slip, and "stale 12s" after a
+// thread whose figures are stale.
 std::vector<std::string> formatSummary(const std::vector<ThreadView>& threads,
                                        const ViewOptions& options, std::size_t shown,
                                        double intervalSeconds);
@@ -44,6 +46,9 @@ std::vector<std::string> formatSummary(const std::vector<ThreadView>& threads,
 // shown as "\x1b": names come from the daemon and must not drive the
 // terminal. The stats endpoint's text replies show them the same way.
 std::string printable(std::string_view text);
+
+// "stale 12s": figures taken `seconds` ago that the thread did not renew.
+std::string staleMarker(double seconds);
 
 // "987", "12.3k", "4.56M": a count or rate in at most six characters.
 std::string formatCount(double value);

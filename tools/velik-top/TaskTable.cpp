@@ -74,7 +74,12 @@ class TableBuilder {
                 continue;
             }
             const TaskRow& row = rowOf(e);
-            TableLine line{threads_[e.thread].snapshot, &row, ratesOf(e), false, {}};
+            TableLine line{threads_[e.thread].snapshot,
+                           &row,
+                           ratesOf(e),
+                           false,
+                           {},
+                           threads_[e.thread].staleSeconds.has_value()};
             if (row.isGroup) {
                 line.groupKey = groupKey(e);
                 line.folded = options_.folded(line.groupKey);

@@ -15,6 +15,7 @@
 #include "SnapshotDiff.h"
 #include "SnapshotModel.h"
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +26,9 @@ namespace VelikTop {
 struct ThreadView {
     const ThreadSnapshot* snapshot = nullptr;
     std::vector<TaskRates> rates;  // one per row, as `rates()` gives them
+    // Set when the figures are stale (the thread stopped answering): their
+    // age in seconds.
+    std::optional<double> staleSeconds;
 };
 
 enum class SortKey {
@@ -60,6 +64,7 @@ struct TableLine {
     TaskRates rates;
     bool folded = false;   // groups only
     std::string groupKey;  // groups only: identifies the group across refreshes
+    bool stale = false;    // the thread's figures are stale
 };
 
 std::vector<TableLine> buildTable(const std::vector<ThreadView>& threads,

@@ -1,10 +1,12 @@
 // velik-top: a live view of a running daemon's tasks, from its stats sockets.
+#include "Fetcher.h"
 #include "HistoryText.h"
 #include "JsonText.h"
 #include "Options.h"
 #include "Prometheus.h"
 #include "Sampler.h"
 #include "Screen.h"
+#include "StallText.h"
 #include "StatsClient.h"
 #include "TableText.h"
 #include "TopError.h"
@@ -13,6 +15,9 @@
 #include <rapidjson/writer.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -21,10 +26,6 @@
 namespace VelikTop {
 namespace {
 
-// Generous: a daemon under load answers within its own scheduling, and a
-// snapshot of many thousand tasks takes a while to write.
-constexpr double fetchTimeoutSeconds = 10.0;
-
 std::string jsonString(const std::string& s) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
@@ -32,13 +33,38 @@ std::string jsonString(const std::string& s) {
     return buffer.GetString();
 }
 
+// The snapshot of one socket, or with several sockets, for a thread that
+// stopped answering, {"stale":true,"reason":"..."} in its place.
+std::string snapshotJson(const Endpoint& e, double timeout, bool several) {
+    std::string reply;
+    try {
+        reply = exchange(e.path, "snapshot", {timeout});
+        const std::string reason = errorReason(reply);
+        if (const auto busy = parseBusy(reason); busy && several) {
+            return fmt::format("{{\"stale\":true,\"reason\":{}}}",
+                               jsonString(printable(e.path + ": " + reason)));
+        }
+        if (!reason.empty()) {
+            throw TopError(exitRefused, e.path + ": the daemon refused: " + reason);
+        }
+        if (reply.empty()) {
+            throw TopError(exitMalformed, e.path + ": empty reply");
+        }
+    } catch (const TopError& error) {
+        if (!several || error.status() != exitUnreachable) {
+            throw;
+        }
+        return fmt::format("{{\"stale\":true,\"reason\":{}}}", jsonString(printable(error.what())));
+    }
+    parseSnapshot(e.thread, reply);  // refuse what is not a snapshot
+    return terminalSafeJson(e.thread, reply);
+}
+
 // One socket: its snapshot as sent. Several: {"<thread>": <snapshot>, ...}.
-int printJson(const std::vector<Endpoint>& endpoints) {
+int printJson(const std::vector<Endpoint>& endpoints, double timeout) {
     std::string out;
     for (const Endpoint& e : endpoints) {
-        const std::string reply = fetch(e.path, "snapshot", fetchTimeoutSeconds);
-        parseSnapshot(e.thread, reply);  // refuse what is not a snapshot
-        const std::string json = terminalSafeJson(e.thread, reply);
+        const std::string json = snapshotJson(e, timeout, endpoints.size() > 1);
         if (endpoints.size() == 1) {
             out = json;
         } else {
@@ -49,30 +75,56 @@ int printJson(const std::vector<Endpoint>& endpoints) {
     return exitOk;
 }
 
-int printPrometheus(const std::vector<Endpoint>& endpoints) {
+int printPrometheus(const std::vector<Endpoint>& endpoints, double timeout) {
     std::vector<ThreadSnapshot> threads;
     for (const Endpoint& e : endpoints) {
-        threads.push_back(parseSnapshot(e.thread, fetch(e.path, "snapshot", fetchTimeoutSeconds)));
+        threads.push_back(parseSnapshot(e.thread, fetch(e.path, "snapshot", timeout)));
     }
     std::cout << prometheusText(threads);
     return exitOk;
 }
 
-int printOnce(const std::vector<Endpoint>& endpoints, double interval) {
-    Sampler sampler(endpoints, fetchTimeoutSeconds);
+// Fails unless every thread has figures, or those without stopped
+// answering while others answered.
+void checkFigures(const Sampler& sampler) {
+    const auto& threads = sampler.threads();
+    const bool any = std::any_of(threads.begin(), threads.end(),
+                                 [](const Sampler::Thread& t) { return t.current.has_value(); });
+    for (const Sampler::Thread& t : threads) {
+        if (t.current) {
+            continue;
+        }
+        if (t.busy && !any) {
+            throw TopError(exitRefused, t.problem());
+        }
+        if (t.error && (!any || t.error->status() != exitUnreachable)) {
+            throw *t.error;
+        }
+    }
+}
+
+int printOnce(const std::vector<Endpoint>& endpoints, double interval, double timeout) {
+    Fetcher fetcher(endpoints, timeout);
+    Sampler sampler(endpoints);
     for (int i = 0; i < 2; ++i) {
         if (i) {
             std::this_thread::sleep_for(std::chrono::duration<double>(interval));
         }
-        sampler.refresh();
-        if (const TopError* error = sampler.firstError()) {
-            throw *error;
-        }
+        refreshAll(fetcher, sampler);
     }
+    checkFigures(sampler);
     const ViewOptions view;
     const auto views = sampler.views();
     const auto lines = buildTable(views, view);
     for (const std::string& s : formatSummary(views, view, lines.size(), interval)) {
+        std::cout << printable(s) << '\n';
+    }
+    for (const Sampler::Thread& t : sampler.threads()) {
+        if (!t.problem().empty()) {
+            std::cout << printable(t.problem()) << '\n';
+        }
+    }
+    for (const std::string& s : stallBanner(sampler.stalledRoots(), sampler.stallRoots())) {
         std::cout << printable(s) << '\n';
     }
     const TableLayout layout(lines, endpoints.size() > 1);
@@ -83,17 +135,19 @@ int printOnce(const std::vector<Endpoint>& endpoints, double interval) {
     return exitOk;
 }
 
-int runLive(const std::vector<Endpoint>& endpoints, double interval) {
+int runLive(const std::vector<Endpoint>& endpoints, double interval, double timeout) {
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) {
         throw TopError(exitUsage,
                        "the live view needs a terminal; use --once, --json or --prometheus");
     }
-    Sampler sampler(endpoints, fetchTimeoutSeconds);
-    sampler.refresh();
-    if (sampler.snapshots().empty()) {
-        throw *sampler.firstError();  // nothing to show: say why at once
+    Fetcher fetcher(endpoints, timeout);
+    Sampler sampler(endpoints);
+    refreshAll(fetcher, sampler);
+    // Nothing to show and no stuck thread to name: say why at once.
+    if (sampler.snapshots().empty() && sampler.stalledRoots().empty()) {
+        checkFigures(sampler);
     }
-    Screen(sampler, interval).run();
+    Screen(fetcher, sampler, interval).run();
     return exitOk;
 }
 
@@ -111,13 +165,13 @@ int run(int argc, char** argv) {
     const std::vector<Endpoint> endpoints = resolveEndpoints(targets);
     switch (options.mode) {
         case Mode::json:
-            return printJson(endpoints);
+            return printJson(endpoints, options.timeout);
         case Mode::prometheus:
-            return printPrometheus(endpoints);
+            return printPrometheus(endpoints, options.timeout);
         case Mode::once:
-            return printOnce(endpoints, options.interval);
+            return printOnce(endpoints, options.interval, options.timeout);
         default:
-            return runLive(endpoints, options.interval);
+            return runLive(endpoints, options.interval, options.timeout);
     }
 }
 
