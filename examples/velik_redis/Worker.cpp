@@ -147,8 +147,37 @@ void Worker::appendInfo(std::string& out) const {
         runs, root_->queueStatsRoot()[TaskPriority::normal].totalRunCount,
         microseconds(root_->maxSchedulerSlip()), microseconds(worstLatency), violations,
         expiredSwept_);
-    // Stall records of the thread, when the runtime keeps them, belong in a
-    // "# Stalls" section here.
+    appendStalls(out);
+}
+
+// Runs of this thread that held it past the stall threshold, as the stall
+// sentinel recorded them (the last 32): count, the longest, the latest.
+void Worker::appendStalls(std::string& out) const {
+    const auto id = reinterpret_cast<std::uintptr_t>(&root_->runPublication());
+    std::size_t count = 0;
+    const Velik::StallRecord* longest = nullptr;
+    const Velik::StallRecord* latest = nullptr;
+    const std::vector<Velik::RootStalls> all = Velik::stallRecords();
+    for (const Velik::RootStalls& root : all) {
+        if (root.rootId != id) {
+            continue;
+        }
+        for (const Velik::StallRecord& stall : root.stalls) {
+            ++count;
+            latest = &stall;
+            if (!longest || stall.duration > longest->duration) {
+                longest = &stall;
+            }
+        }
+    }
+    out += fmt::format("# Stalls\r\nstalls_recorded:{}\r\n", count);
+    if (longest) {
+        out += fmt::format("stall_longest_ms:{:.0f}\r\nstall_longest_task:{}\r\n",
+                           microseconds(longest->duration) / 1000.0, longest->taskName);
+        out += fmt::format("stall_latest_task:{}\r\nstall_latest_top_frame:{}\r\n",
+                           latest->taskName, Velik::stallTopFrame(*latest));
+    }
+    out += "\r\n";
 }
 
 }  // namespace VelikRedis

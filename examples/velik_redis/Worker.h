@@ -78,6 +78,8 @@ class Worker {
     void appendInfo(std::string& out) const;
 
   private:
+    // The "# Stalls" section of INFO.
+    void appendStalls(std::string& out) const;
     void run(std::promise<std::shared_ptr<Velik::Inbox>>& ready);
     void take(int fd);
     void closeAll();
