@@ -57,7 +57,9 @@ class Input {
     void consume(std::size_t n) { begin_ += n; }
 
     // One read: the count, 0 at the end of the stream, -1 with errno.
-    ssize_t readFrom(int fd) {
+    // `drained`: the socket had less than there was room for, so the next
+    // read would most likely find nothing.
+    ssize_t readFrom(int fd, bool& drained) {
         if (begin_ == end_) {
             begin_ = end_ = 0;
         }
@@ -71,7 +73,9 @@ class Input {
                 buffer_.resize(buffer_.size() * 2);
             }
         }
-        const ssize_t n = ::read(fd, buffer_.data() + end_, buffer_.size() - end_);
+        const std::size_t room = buffer_.size() - end_;
+        const ssize_t n = ::read(fd, buffer_.data() + end_, room);
+        drained = n < 0 ? errno == EAGAIN : static_cast<std::size_t>(n) < room;
         if (n > 0) {
             end_ += static_cast<std::size_t>(n);
         }
@@ -134,14 +138,17 @@ Velik::Co<> serveConnection(Worker* worker, int fd) {
     Session session{worker->keyspace(), [worker](std::string& out) { worker->appendInfo(out); }};
     std::string out;
     Batch batch = Batch::needInput;
+    // Wait before reading when the last read emptied the socket: a client
+    // that waits for its replies has sent nothing more, and a read would
+    // only say so (one system call a request).
+    bool drained = true;
     while (batch != Batch::closing) {
         if (batch == Batch::needInput) {
-            const ssize_t n = in.readFrom(fd);
-            if (n < 0 && errno == EAGAIN) {
+            if (drained) {
                 co_await Velik::readable(fd);
-                continue;
             }
-            if (n < 0 && errno == EINTR) {
+            const ssize_t n = in.readFrom(fd, drained);
+            if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
                 continue;
             }
             if (n <= 0) {

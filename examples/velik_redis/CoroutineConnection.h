@@ -2,8 +2,8 @@
 // group "connections": the same protocol and limits as `Connection`, written
 // as one straight loop instead of handlers that keep their place in members.
 //
-// The loop reads what has arrived (waiting for readability only when
-// nothing has), answers every whole request in the buffer (pipelined
+// The loop reads what has arrived (waiting for readability first when the
+// last read emptied the socket), answers every whole request in the buffer (pipelined
 // requests in order), and sends the replies gathered; when the socket is
 // full it waits for writability, and it reads no more until everything is
 // sent, so a client that does not read its replies holds at most one batch
