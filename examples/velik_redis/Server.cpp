@@ -83,6 +83,7 @@ Server::Server(ServerOptions options) : keyspace_(steadyMilliseconds), port_(opt
                           : options.statsDir + "/worker" + std::to_string(i) + ".sock";
         w.idleSeconds = options.idleSeconds;
         w.limits = options.limits;
+        w.coroutines = options.coroutines;
         workers_.push_back(std::make_unique<Worker>(keyspace_, std::move(w)));
     }
     listener_ = std::make_shared<Listener>(workers_, fd);

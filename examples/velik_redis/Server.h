@@ -21,6 +21,7 @@ struct ServerOptions {
     std::string statsDir;  // empty: no stats endpoints; else main.sock, worker0.sock, ...
     double idleSeconds = 300;
     RespLimits limits;
+    bool coroutines = false;  // each connection a coroutine task
 };
 
 class Server {

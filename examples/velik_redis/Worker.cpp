@@ -7,6 +7,7 @@
 #include <chrono>
 
 #include "Connection.h"
+#include "CoroutineConnection.h"
 
 namespace VelikRedis {
 
@@ -71,6 +72,12 @@ void Worker::adopt(int fd) {
 }
 
 void Worker::take(int fd) {
+    if (options_.coroutines) {
+        coroutines_.emplace(fd, Velik::spawn(connections_, TaskPriority::normal, "connection",
+                                             serveConnection, this, fd));
+        accepted_.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
     auto connection = std::make_shared<Connection>(*this, connections_, fd);
     open_.emplace(connection.get(), std::move(connection));
     accepted_.fetch_add(1, std::memory_order_relaxed);
@@ -85,7 +92,17 @@ void Worker::release(Connection* connection) {
     }
 }
 
+void Worker::releaseCoroutine(int fd) {
+    const auto it = coroutines_.find(fd);
+    if (it != coroutines_.end()) {
+        released_.push_back(std::move(it->second));
+        coroutines_.erase(it);
+        releaser_->scheduleTask();
+    }
+}
+
 void Worker::closeAll() {
+    coroutines_.clear();  // cancels each body where it waits; the frame closes the socket
     while (!open_.empty()) {
         open_.begin()->second->close();
     }
@@ -124,7 +141,7 @@ void Worker::sweep(Velik::PeriodicTimerTask& task) {
 
 void Worker::appendInfo(std::string& out) const {
     out += fmt::format("# Clients\r\nworker:{}\r\nworker_connected_clients:{}\r\n\r\n",
-                       options_.index, open_.size());
+                       options_.index, open_.size() + coroutines_.size());
     // The runtime's own figures for this worker's thread.
     std::uint64_t runs = 0;
     for (const auto& [priority, stats] : root_->queueStatsRoot()) {

@@ -40,6 +40,7 @@ struct WorkerOptions {
     std::string statsPath;     // empty: no stats endpoint
     double idleSeconds = 300;  // 0: never
     RespLimits limits;
+    bool coroutines = false;  // connections as coroutine tasks (CoroutineConnection.h)
 };
 
 class Worker {
@@ -74,6 +75,12 @@ class Worker {
     }
     // A closed connection, to be freed once its run has ended.
     void release(Connection* connection);
+    // The coroutine connection on `fd` has ended: freed once its run has.
+    void releaseCoroutine(int fd);
+    // The connection task running now.
+    Velik::Task& runningConnection() const {
+        return static_cast<Velik::Task&>(*connections_->currentlyRunningTask());
+    }
     // The INFO sections of this worker: clients, and the runtime's figures.
     void appendInfo(std::string& out) const;
 
@@ -94,7 +101,8 @@ class Worker {
     std::shared_ptr<Velik::TaskSchedulerRoot> root_;
     std::shared_ptr<Velik::TaskGroup> connections_;
     std::unordered_map<Connection*, std::shared_ptr<Connection>> open_;
-    std::vector<std::shared_ptr<Connection>> released_;
+    std::unordered_map<int, std::shared_ptr<Velik::Task>> coroutines_;  // by descriptor
+    std::vector<std::shared_ptr<void>> released_;                       // either kind of connection
     std::shared_ptr<Velik::Task> releaser_;
     std::size_t sweepNext_ = 0;
     std::uint64_t expiredSwept_ = 0;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# check-redis.sh SERVER SCRATCH
+# check-redis.sh SERVER SCRATCH [SERVER OPTIONS...]
 #
 # The server as redis-cli sees it: replies to the everyday commands, the
 # error text of an unknown command, QUIT, a protocol error that closes only
@@ -7,11 +7,12 @@
 # clients still connected (status 0, the stats sockets gone).
 set -uo pipefail
 server=$1 scratch=$2
+shift 2  # the rest goes to the server (--coroutines: the other connection handler)
 command -v redis-cli >/dev/null || { echo "redis.cli: redis-cli not installed; skipped"; exit 0; }
 rm -rf "$scratch"
 mkdir -p "$scratch"
 stats=$scratch/stats
-"$server" --serve --port 0 --workers 2 --stats-dir "$stats" >"$scratch/out" 2>"$scratch/err" &
+"$server" --serve --port 0 --workers 2 --stats-dir "$stats" "$@" >"$scratch/out" 2>"$scratch/err" &
 pid=$!
 fail() {
     echo "redis.cli: $*" >&2

@@ -5,13 +5,15 @@
 //                              [--connections N] [--pipeline N] [--stats-dir DIR]
 //   build/examples/velik_redis --serve [--port N] [--workers N] [--stats-dir DIR]
 //                              [--idle SECONDS] [--max-bulk BYTES] [--max-args N]
+//                              [--coroutines]
 //
 // Without --serve it runs its own load for --seconds (30) and prints what
 // happened: requests, client round trips (p50, p99) and each thread's text
 // report. With --serve it answers until SIGINT or SIGTERM, on --port (6380
 // by default; 0 takes any free port). Either way SIGINT or SIGTERM stops it
 // cleanly: no new connections, open ones closed, stats sockets removed,
-// exit status 0.
+// exit status 0. --coroutines (either way) serves each connection with a
+// coroutine task (CoroutineConnection.h) instead of a descriptor task.
 //
 // Threads: the main thread (the host framework's loop) runs the listener,
 // the signal task and its stats endpoint; each worker (libevent) serves the
@@ -51,7 +53,8 @@ struct Options {
                  "                   [--pipeline N] [--stats-dir DIR] [--idle SECONDS]\n"
                  "       velik_redis --serve [--port N] [--workers N] [--stats-dir DIR]\n"
                  "                   [--idle SECONDS] [--max-bulk BYTES] [--max-args N]\n"
-                 "--stats-dir '' serves no statistics; --idle 0 never closes idle clients\n");
+                 "--stats-dir '' serves no statistics; --idle 0 never closes idle clients;\n"
+                 "--coroutines serves each connection with a coroutine task\n");
     std::exit(status);
 }
 
@@ -93,6 +96,8 @@ Options parseOptions(int argc, char** argv) {
             o.server.statsDir = value();
         } else if (arg == "--idle") {
             o.server.idleSeconds = std::atof(value());
+        } else if (arg == "--coroutines") {
+            o.server.coroutines = true;
         } else if (arg == "--max-bulk") {
             o.server.limits.maxBulkLength = static_cast<std::size_t>(number(0));
         } else if (arg == "--max-args") {

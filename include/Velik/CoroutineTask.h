@@ -24,7 +24,7 @@
 //   sleepUntil(t)         timer task's (virtual time and fast-forward apply);
 //                         a delay of zero or less only yields
 //   readable(fd)          the descriptor through the platform's `FdControl`
-//   writable(fd)
+//   writable(fd)          (see "Descriptor watches" below)
 //   task                  another coroutine task (a shared pointer) of the
 //                         same thread: its result, or its exception rethrown
 //   all(a, b, ...)        several at once; rethrows the first exception in
@@ -51,6 +51,18 @@
 // awaiter (and every later one); if none does, it leaves the run as an
 // exception from any `taskExecute()` does: out of the event loop to its
 // caller.
+//
+// Descriptor watches. A wait for writability watches the descriptor for that
+// one report. Read interest persists, so a wait for readability stays armed
+// from one wait to the next on the same descriptor: a body that reads, then
+// waits on the same descriptor again, costs the loop no system call per
+// wait. A report while the task is queued is left to the run. The watch ends
+// when a run ends without the body waiting for that descriptor's
+// readability again (it waits on anything else, or ends), so a body may
+// close a descriptor once it no longer waits on it. What it must not do is
+// close a descriptor it waited on and, in the same run, wait for readability
+// of a new one that took the same number: the watch would still be taken
+// for armed, and the closed descriptor's registration is gone.
 //
 // Moving between threads. `co_await moveTo(inbox)` posts the frame to the
 // inbox's root (`Velik::post`, as the task "moveTo" at the task's priority)
@@ -448,6 +460,8 @@ class CoroutineTaskBase : public Task, private TimerWheelEvent, private Platform
     void wake();
     void sleep(double value, bool absolute);
     void watchFd(FdWait wait);
+    // Ends the descriptor watch, armed or not.
+    void disarm();
     // Links `node` (of the task `waiter`) to this task's awaiters.
     void awaitedBy(Impl::CoroutineWaiter& node, CoroutineTaskBase* waiter, std::size_t* remaining);
     void waitOnTask(const CoroutineTaskBase* other);
@@ -478,6 +492,8 @@ class CoroutineTaskBase : public Task, private TimerWheelEvent, private Platform
     Impl::CoroutineWaiter* awaiters_ = nullptr;
     std::exception_ptr exception_;
     std::shared_ptr<Platform::FdControl> fdControl_;
+    // The descriptor whose read watch stays armed between waits, or -1.
+    int readArmedFd_ = -1;
     // Set while a move is in flight, or after it: to cancel or name it.
     std::shared_ptr<Impl::CoroutineHop> hop_;
     // Keeps a detached task, or one the body moved to, until the body ends.

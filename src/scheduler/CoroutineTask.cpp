@@ -215,6 +215,11 @@ void CoroutineTaskBase::taskExecute() {
     }
     wait_ = CoroutineWait::ready;
     frame_.resume();
+    if (readArmedFd_ >= 0 && !(wait_ == CoroutineWait::readable && detail_.fd == readArmedFd_)) {
+        // The body has not waited on that descriptor again: stop watching it
+        // before the body may close it (and before a report nobody awaits).
+        disarm();
+    }
     if (frame_ && frame_.done()) {
         finish();
     }
@@ -302,22 +307,38 @@ void CoroutineTaskBase::timeout() {
 }
 
 void CoroutineTaskBase::watchFd(FdWait wait) {
+    wait_ = wait.writable ? CoroutineWait::writable : CoroutineWait::readable;
+    detail_.fd = wait.fd;
+    if (!wait.writable && readArmedFd_ == wait.fd) {
+        return;  // still armed since the last wait: read interest persists
+    }
     if (!fdControl_) {
         fdControl_ = Platform::getFdControl(this);
     }
-    wait_ = wait.writable ? CoroutineWait::writable : CoroutineWait::readable;
-    detail_.fd = wait.fd;
+    const bool bound = fdControl_->getFd() == wait.fd;
+    if (!bound) {
+        fdControl_->delFd();
+    }
     fdControl_->setReads(!wait.writable);
     fdControl_->setWrites(wait.writable);
-    fdControl_->setFd(wait.fd);
+    if (!bound) {
+        fdControl_->setFd(wait.fd);
+    }
+    readArmedFd_ = wait.writable ? -1 : wait.fd;
+}
+
+void CoroutineTaskBase::disarm() {
+    fdControl_->delFd();
+    readArmedFd_ = -1;
 }
 
 void CoroutineTaskBase::readFdEvent(int fd) {
+    if (wait_ == CoroutineWait::ready) {
+        return;  // queued: the data is the body's once it runs
+    }
     VELIK_CLASS_ASSERT(wait_ == CoroutineWait::readable && fd == detail_.fd,
                        "{}: readable {} while waiting on {}", taskDisplayName(), fd,
                        toStrep(wait_));
-    // One wait, one report: the descriptor may be closed once the body has it.
-    fdControl_->delFd();
     wake();
 }
 
@@ -325,7 +346,8 @@ void CoroutineTaskBase::writeFdEvent(int fd) {
     VELIK_CLASS_ASSERT(wait_ == CoroutineWait::writable && fd == detail_.fd,
                        "{}: writable {} while waiting on {}", taskDisplayName(), fd,
                        toStrep(wait_));
-    fdControl_->delFd();
+    // One wait, one report: the descriptor may be closed once the body has it.
+    disarm();
     wake();
 }
 
@@ -374,7 +396,7 @@ void CoroutineTaskBase::stopWaiting() {
         delTimeout(root()->timerWheel());
     }
     if (fdControl_) {
-        fdControl_->delFd();
+        disarm();
         fdControl_.reset();
     }
 }
