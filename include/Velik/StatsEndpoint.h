@@ -59,6 +59,18 @@
 //              JSON document and "\n": {"roots":[{"root","tid","thread",
 //              "live","stalls":[{"id","task","startNs","thresholdNs",
 //              "durationNs","ended","samples":[{"atNs","frames":[...]}]}]}]}
+//   waits      what each coroutine task (Velik/CoroutineTask.h) of the root
+//              and its task groups waits on, as one compact JSON document
+//              and "\n": the root's tasks first, then each group's, the
+//              groups by name, each scheduler's in registration order:
+//              {"tasks":[{"name":"<displayName>","scheduler":
+//              "<schedulerName>","priority":"<priority>","wait":"<wait>",
+//              "detail":"<detail>"},...]}, <wait> one of "ready", "timer",
+//              "readable", "writable", "task", "all", "moved", "done" and
+//              <detail> `coroutineWaitDetail()`: the expiry ("12.500"),
+//              the descriptor, the awaited task's name, the tasks left, the
+//              root moved to, "exception" or "". Served by the root's
+//              thread, as `snapshot` is
 //
 // Anything else gets one line "error: <reason>\n" and the connection is
 // closed: a line with bytes other than printable ASCII, an unknown verb, a

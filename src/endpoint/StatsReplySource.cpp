@@ -3,6 +3,7 @@
 #include "endpoint/StatsReplySource.h"
 
 #include "endpoint/HistogramsReply.h"
+#include "endpoint/WaitsReply.h"
 
 #include "Velik/Inbox.h"
 #include "Velik/Task.h"
@@ -164,6 +165,8 @@ std::unique_ptr<StatsReplySource> makeStatsReplySource(const TaskSchedulerRoot& 
             return std::make_unique<WholeSource>(statusOnRootThread(root));
         case StatsVerb::stalls:
             return std::make_unique<WholeSource>(renderStallsReply(&root.runPublication()));
+        case StatsVerb::waits:
+            return makeWaitsReplySource(root, sizes.waitsEntries);
     }
     return nullptr;
 }

@@ -24,13 +24,14 @@ class StatsReplySource {
     virtual bool renderSlice(std::string& out) = 0;
 };
 
-// Task records (snapshot, report), events (history) or schedulers and tasks
-// with their histograms (histograms) per piece.
+// Task records (snapshot, report), events (history), schedulers and tasks
+// with their histograms (histograms) or coroutine tasks (waits) per piece.
 struct StatsSliceSizes {
     std::size_t snapshotRecords = 400;
     std::size_t reportRows = 250;
     std::size_t historyEvents = 1000;
     std::size_t histogramEntries = 50;
+    std::size_t waitsEntries = 250;
 };
 
 // The reply to `verb` for `root`, gathered now on the root's thread.

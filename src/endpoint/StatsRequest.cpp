@@ -37,6 +37,9 @@ StatsRequest parseStatsRequest(std::string_view line) {
     if (line == "stalls") {
         return {StatsVerb::stalls, {}};
     }
+    if (line == "waits") {
+        return {StatsVerb::waits, {}};
+    }
     return {std::nullopt, "unknown verb, ask for snapshot, report or history"};
 }
 

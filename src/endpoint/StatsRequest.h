@@ -7,7 +7,7 @@
 
 namespace Velik::Impl {
 
-enum class StatsVerb { snapshot, report, history, inbox, histograms, status, stalls };
+enum class StatsVerb { snapshot, report, history, inbox, histograms, status, stalls, waits };
 
 // Whether `verb` is answered from published state alone, never needing the
 // root's thread (and so also while that thread is stuck).
@@ -24,7 +24,7 @@ struct StatsRequest {
 // `line` without its "\n"; one "\r" at its end is dropped. Anything but
 // printable ASCII is "malformed request"; a word other than the verbs is an
 // unknown verb (whose error line names the three documents, as it always
-// has: "inbox", "histograms", "status" and "stalls" are extras).
+// has: "inbox", "histograms", "status", "stalls" and "waits" are extras).
 StatsRequest parseStatsRequest(std::string_view line);
 
 // "error: <reason>\n".
