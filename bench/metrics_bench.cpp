@@ -1,5 +1,5 @@
 // What a scrape of `/metrics` costs the daemon's thread with 10 thousand
-// tasks: reading the figures (snapshot and model, on the root's thread), and
+// tasks: reading the figures (snapshot, histograms and model, on the root's thread), and
 // rendering the exposition, whole and per slice of 500 samples; once with
 // every task of its own stats name, once with all of them sharing one name
 // (merged into one series).
@@ -36,7 +36,7 @@ struct Tasks {
         }
     }
     Velik::MetricsThreadFigures figures() const {
-        return Velik::metricsFiguresOf(*root->snapshot(true, true, false), "main");
+        return Velik::metricsFiguresOf(*root, "main");  // as the daemon reads them
     }
     std::shared_ptr<Velik::TaskSchedulerRoot> root;
     std::vector<std::shared_ptr<Worker>> tasks;

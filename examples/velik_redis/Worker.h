@@ -64,6 +64,8 @@ class Worker {
     std::uint64_t requests() const { return requests_.load(std::memory_order_relaxed); }
     std::uint64_t accepted() const { return accepted_.load(std::memory_order_relaxed); }
     int index() const { return options_.index; }
+    // The worker thread's inbox (null once it has ended).
+    const std::shared_ptr<Velik::Inbox>& inbox() const { return inbox_; }
 
     // --- For the worker's connections, on its thread ---
     Keyspace& keyspace() { return keyspace_; }

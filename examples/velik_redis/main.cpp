@@ -3,9 +3,10 @@
 //
 //   build/examples/velik_redis [--seconds N] [--workers N] [--clients N]
 //                              [--connections N] [--pipeline N] [--stats-dir DIR]
+//                              [--metrics ADDRESS]
 //   build/examples/velik_redis --serve [--port N] [--workers N] [--stats-dir DIR]
 //                              [--idle SECONDS] [--max-bulk BYTES] [--max-args N]
-//                              [--coroutines]
+//                              [--metrics ADDRESS] [--coroutines]
 //
 // Without --serve it runs its own load for --seconds (30) and prints what
 // happened: requests, client round trips (p50, p99) and each thread's text
@@ -19,6 +20,8 @@
 // the signal task and its stats endpoint; each worker (libevent) serves the
 // connections handed to it. Each thread's root serves its statistics on a
 // socket of --stats-dir (main.sock, worker0.sock, ...) for `velik-top`.
+// With --metrics 127.0.0.1:9464 every thread is also served to Prometheus on
+// `/metrics` by the main thread ("main", "worker0", ... as thread labels).
 #include <Velik/Velik.h>
 
 #include <sys/stat.h>
@@ -32,6 +35,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "Load.h"
 #include "Server.h"
@@ -45,14 +49,17 @@ struct Options {
     bool serve = false;
     ServerOptions server;
     LoadOptions load;
+    std::string metricsAddress;  // empty: no /metrics
 };
 
 [[noreturn]] void usage(int status) {
     std::fprintf(status ? stderr : stdout,
                  "usage: velik_redis [--seconds N] [--workers N] [--clients N] [--connections N]\n"
                  "                   [--pipeline N] [--stats-dir DIR] [--idle SECONDS]\n"
+                 "                   [--metrics ADDRESS]\n"
                  "       velik_redis --serve [--port N] [--workers N] [--stats-dir DIR]\n"
                  "                   [--idle SECONDS] [--max-bulk BYTES] [--max-args N]\n"
+                 "                   [--metrics ADDRESS] [--coroutines]\n"
                  "--stats-dir '' serves no statistics; --idle 0 never closes idle clients;\n"
                  "--coroutines serves each connection with a coroutine task\n");
     std::exit(status);
@@ -102,6 +109,8 @@ Options parseOptions(int argc, char** argv) {
             o.server.limits.maxBulkLength = static_cast<std::size_t>(number(0));
         } else if (arg == "--max-args") {
             o.server.limits.maxArgs = static_cast<std::size_t>(number(1));
+        } else if (arg == "--metrics") {
+            o.metricsAddress = value();
         } else if (arg == "--seconds") {
             o.load.seconds = std::atof(value());
         } else if (arg == "--clients") {
@@ -135,6 +144,27 @@ bool prepareStatsDir(const std::string& dir) {
     return true;
 }
 
+// Every thread on one port, read by the main thread; null (having said why)
+// when the address cannot be had.
+std::unique_ptr<Velik::MetricsEndpoint> serveMetricsOrSay(const Server& server,
+                                                          const Options& options) {
+    if (options.metricsAddress.empty()) {
+        return nullptr;
+    }
+    std::vector<Velik::MetricsThread> threads{{nullptr, "main"}};
+    for (const auto& worker : server.workers()) {
+        threads.push_back({worker->inbox(), "worker" + std::to_string(worker->index())});
+    }
+    try {
+        auto metrics = Velik::serveMetrics(std::move(threads), options.metricsAddress);
+        std::printf("velik_redis: metrics on http://%s/metrics\n", options.metricsAddress.c_str());
+        return metrics;
+    } catch (const Velik::Exception& e) {
+        std::fprintf(stderr, "velik_redis: not serving metrics: %s\n", e.message().c_str());
+        return nullptr;
+    }
+}
+
 void printReports(const Server& server, Velik::TaskSchedulerRoot& root) {
     for (const auto& worker : server.workers()) {
         std::printf("\n--- worker%d: %llu requests on %llu connections\n", worker->index(),
@@ -165,6 +195,7 @@ int run(Options options) {
                     options.server.statsDir.c_str());
     }
     std::printf("velik_redis: poke it with:       redis-cli -p %u\n", port);
+    std::unique_ptr<Velik::MetricsEndpoint> metrics = serveMetricsOrSay(server, options);
     std::fflush(stdout);
 
     std::atomic<bool> stopping{false};
@@ -198,6 +229,7 @@ int run(Options options) {
     }
     const double ran =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    metrics.reset();  // before the workers' inboxes close
     server.stop();
     if (!options.serve) {
         std::printf(

@@ -3,15 +3,16 @@
 // (MetricsEndpoint.h) and `velik-top --prometheus` prints it.
 //
 // Both fill the same plain model, `MetricsThreadFigures`, and render it with
-// `PrometheusRender`: the daemon from a `TaskSchedulerSnapshot` taken on the
-// root's thread (`metricsFiguresOf`), velik-top from the JSON snapshot it
-// read. The model holds only strings and numbers, so it may be built on one
-// thread and rendered on another; the renderer's source depends on nothing
-// but fmt and the standard library, so that velik-top builds it in without
-// linking the library.
+// `PrometheusRender`: the daemon from its root on the root's thread
+// (`metricsFiguresOf`: a `TaskSchedulerSnapshot` and the schedulers' run
+// histograms), velik-top from the JSON snapshot it read, which carries no
+// histograms. The model holds only strings and numbers, so it may be built
+// on one thread and rendered on another; the renderer's source depends on
+// nothing but fmt and the standard library, so that velik-top builds it in
+// without linking the library.
 //
 //   std::vector<Velik::MetricsThreadFigures> threads{
-//       Velik::metricsFiguresOf(*root->snapshot(true, true, false), "main")};
+//       Velik::metricsFiguresOf(*root, "main")};
 //   std::string text = Velik::prometheusExposition(threads);
 //
 // Families, each with one HELP and one TYPE line before its samples, and
@@ -46,6 +47,20 @@
 // first shown as the text "\x1b" (`Impl::printableText`), so the exposition
 // is valid UTF-8.
 //
+// Histograms. Each scheduler's run time, scheduling latency and timer
+// lateness (RunHistograms.h) in seconds, with the buckets of
+// `metricsHistogramBoundsNs`: 1, 2 and 5 per decade from 1 µs to 100 s, then
+// +Inf. The set is fixed and always whole, empty buckets included: a series
+// must keep its set of `le` values over time, or `rate()` and `sum by (le)`
+// mix buckets that some samples lack; and 28 lines a histogram keep the
+// scrape small where the recording layout's 242 buckets would not. A
+// recording bucket is counted under the first bound not below its upper
+// edge, so `le` never claims a sample that may lie above it; a quantile read
+// from the export is at most one recording bucket (12.5%) high besides the
+// interpolation within the coarse bucket. A recording bucket stops at 2^32 -
+// 1 samples (until the statistics reset) while `_count` goes on, which then
+// shows as samples above the highest bound.
+//
 // Counter resets. A task keeps its run count, its two quantum-violation
 // counts and its completed count in 32 bits, which wrap. They are exported as
 // the plain sum of what the records hold, never corrected, so a wrap shows as
@@ -55,8 +70,11 @@
 // completed record ends.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -65,6 +83,7 @@
 
 namespace Velik {
 
+class TaskSchedulerRoot;
 class TaskSchedulerSnapshot;
 
 // A latency histogram's figures by value.
@@ -78,17 +97,38 @@ struct MetricsHistogram {
     std::int64_t sumNs = 0;
 };
 
+// The upper bounds, in nanoseconds, of the exported histogram buckets (see
+// above); +Inf follows.
+inline constexpr std::array<std::int64_t, 25> metricsHistogramBoundsNs{
+    1'000,         2'000,          5'000,          10'000,         20'000,
+    50'000,        100'000,        200'000,        500'000,        1'000'000,
+    2'000'000,     5'000'000,      10'000'000,     20'000'000,     50'000'000,
+    100'000'000,   200'000'000,    500'000'000,    1'000'000'000,  2'000'000'000,
+    5'000'000'000, 10'000'000'000, 20'000'000'000, 50'000'000'000, 100'000'000'000};
+
 // The one place histogram figures are read from a histogram object: any type
 // with `bucketCount()`, `bucketUpperBoundNs(i)` (inclusive upper edge, the
-// last INT64_MAX for +Inf), `bucketCountAt(i)`, `count()` and `sumNs()`.
+// last INT64_MAX for +Inf), `bucketCountAt(i)`, `count()` and `sumNs()`. Its
+// buckets are merged into those of `metricsHistogramBoundsNs` and +Inf.
 template <typename Histogram>
 MetricsHistogram metricsHistogramOf(const Histogram& histogram) {
     MetricsHistogram out;
+    out.buckets.reserve(metricsHistogramBoundsNs.size() + 1);
+    for (std::int64_t bound : metricsHistogramBoundsNs) {
+        out.buckets.push_back({bound, 0});
+    }
+    out.buckets.push_back({std::numeric_limits<std::int64_t>::max(), 0});
     const std::size_t n = histogram.bucketCount();
-    out.buckets.reserve(n);
     for (std::size_t i = 0; i < n; ++i) {
-        out.buckets.push_back({static_cast<std::int64_t>(histogram.bucketUpperBoundNs(i)),
-                               static_cast<std::uint64_t>(histogram.bucketCountAt(i))});
+        const auto count = static_cast<std::uint64_t>(histogram.bucketCountAt(i));
+        if (count == 0) {
+            continue;
+        }
+        const auto upper = static_cast<std::int64_t>(histogram.bucketUpperBoundNs(i));
+        const auto into = std::lower_bound(metricsHistogramBoundsNs.begin(),
+                                           metricsHistogramBoundsNs.end(), upper);
+        out.buckets[static_cast<std::size_t>(into - metricsHistogramBoundsNs.begin())].count +=
+            count;
     }
     out.count = static_cast<std::uint64_t>(histogram.count());
     out.sumNs = static_cast<std::int64_t>(histogram.sumNs());
@@ -129,8 +169,13 @@ struct MetricsThreadFigures {
 };
 
 // The figures of `snapshot` (a root's, with its task groups' schedulers) as
-// thread `thread`. Call it on the snapshot's thread; the result goes anywhere.
+// thread `thread`, without histograms. Call it on the snapshot's thread; the
+// result goes anywhere.
 MetricsThreadFigures metricsFiguresOf(const TaskSchedulerSnapshot& snapshot, std::string thread);
+// The figures of `root` and its task groups, their run histograms included
+// (those of schedulers of one name summed), as thread `thread`. Call it on
+// the root's thread.
+MetricsThreadFigures metricsFiguresOf(const TaskSchedulerRoot& root, std::string thread);
 
 // Renders the exposition a few samples at a time, so that a daemon with many
 // tasks answers without one long run. The figures are merged into series

@@ -242,6 +242,11 @@ class TimerWheel : public Platform::TimeoutHandler {
     void settleRestarts();
     // The number of restarts awaiting a reading.
     size_t restartsAwaitingReading() const { return restarted_.size(); }
+    // While the master timer's pass delivers timers: the reading that pass
+    // took, which every timer it delivers is due by, so a notification can
+    // tell how late it comes without a clock read of its own. Not a number
+    // outside a delivery.
+    double passReading() const { return passReading_; }
 
     const std::shared_ptr<Platform::TimerControl>& masterTimer() const { return masterTimer_; }
     // The absolute time the master timer is armed for; +infinity when
@@ -280,6 +285,7 @@ class TimerWheel : public Platform::TimeoutHandler {
     std::map<double, TimersAtTimeout> timersExpiryingSoon_;
     // A reading no later than now: the floor for restarts that read none.
     double lastReading_ = 0.0;
+    double passReading_ = std::numeric_limits<double>::quiet_NaN();
     // Events with `awaitingReadingFlag`, in restart order. A plain array:
     // settling loads them independently, not along a chain.
     std::vector<TimerWheelEvent*> restarted_;

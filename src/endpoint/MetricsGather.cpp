@@ -3,7 +3,6 @@
 
 #include "Velik/Inbox.h"
 #include "Velik/TaskSchedulerRoot.h"
-#include "Velik/TaskSchedulerSnapshot.h"
 
 #include <utility>
 
@@ -11,10 +10,9 @@ namespace Velik::Impl {
 
 MetricsThreadFigures metricsFiguresOfThisThread(const std::string& name) {
     const std::shared_ptr<TaskSchedulerRoot> root = schedulerRootVelik();
-    // No history: the exposition has no use for it. The snapshot holds
-    // interned names of this thread, so it goes here too.
-    return metricsFiguresOf(*root->snapshot(true, true, false),
-                            name.empty() ? root->schedulerName().str() : name);
+    // The snapshot holds interned names of this thread, and the histograms
+    // are this thread's to read: both here.
+    return metricsFiguresOf(*root, name.empty() ? root->schedulerName().str() : name);
 }
 
 MetricsGather::MetricsGather(const std::vector<MetricsThread>& threads, TaskPriority priority,

@@ -424,6 +424,14 @@ void TimerWheel::drainWheel() {
 // earliest entry is looked up afresh for every event, and an event's entry
 // is erased before the event is delivered.
 void TimerWheel::deliverDue(double now) {
+    // Restored on the way out, a throwing notification included; a nested
+    // loop's pass inside a notification has its own reading.
+    struct PassReading {
+        double& reading;
+        double outer;
+        PassReading(double& r, double now) : reading(r), outer(r) { reading = now; }
+        ~PassReading() { reading = outer; }
+    } pass{passReading_, now};
     while (!timersExpiryingSoon_.empty()) {
         auto entry = timersExpiryingSoon_.begin();
         if (entry->first > now) {

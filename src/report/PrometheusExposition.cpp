@@ -296,13 +296,16 @@ PrometheusRender::State::State(const std::vector<MetricsThreadFigures>& threads)
             return 3 * s.sum.priorities.size();
         });
     histogramFamily("velik_scheduler_run_time_seconds",
-                    "Run time, in seconds, of the task runs of the scheduler.",
+                    "Run time, in seconds, of each task run the scheduler made; a task group's "
+                    "run counts here as one run, its tasks' runs in the group's own series.",
                     &MetricsSchedulerFigures::runTime);
     histogramFamily("velik_scheduler_scheduling_latency_seconds",
-                    "Delay, in seconds, between a task becoming runnable and running.",
+                    "Scheduling latency, in seconds: from a task being put on the scheduler's "
+                    "run queue to the start of the run that took it off.",
                     &MetricsSchedulerFigures::latency);
     histogramFamily("velik_scheduler_timer_lateness_seconds",
-                    "Delay, in seconds, of a timer task's run behind its expiry.",
+                    "Timer lateness, in seconds: from the expiry a timer task was armed for to "
+                    "the start of the run that expiry caused.",
                     &MetricsSchedulerFigures::timerLateness);
 }
 

@@ -1,6 +1,11 @@
 // A snapshot's figures as the plain model of the Prometheus exposition.
 #include "Velik/PrometheusExposition.h"
+#include "Velik/RunHistograms.h"
+#include "Velik/TaskSchedulerRoot.h"
 #include "Velik/TaskSchedulerSnapshot.h"
+
+#include <map>
+#include <string_view>
 
 namespace Velik {
 
@@ -39,10 +44,6 @@ void addScheduler(MetricsThreadFigures& out, const TaskSchedulerSnapshot& snapsh
         f.priorities.push_back({toStrep(priority), stats.runnableTasks, stats.idleTasks,
                                 stats.completedTasks, stats.totalRunCount});
     }
-    // Histograms: the scheduler's `runTime`, `latency` and `timerLateness`
-    // histograms are read here, with `metricsHistogramOf`, once the snapshot
-    // carries them:
-    //   f.runTime = metricsHistogramOf(snapshot.runTime); ...
     out.schedulers.push_back(std::move(f));
     for (const TaskStat& s : snapshot.tasks) {
         out.tasks.push_back(recordOf(snapshot.schedulerName, s, false));
@@ -55,12 +56,46 @@ void addScheduler(MetricsThreadFigures& out, const TaskSchedulerSnapshot& snapsh
     }
 }
 
+// The histograms are read from the live schedulers rather than carried by
+// the snapshot, whose layout is that of the JSON document. The exposition
+// merges schedulers of one name into one series, so their histograms are
+// summed here and given to the first figures of that name.
+void addHistograms(MetricsThreadFigures& out, const TaskSchedulerRoot& root) {
+    std::map<std::string_view, RunHistograms> byName;
+    for (const TaskScheduler* scheduler : root.schedulers()) {
+        if (const RunHistograms* h = scheduler->runHistograms()) {
+            RunHistograms& sum = byName[scheduler->schedulerName().view()];
+            sum.runTime.merge(h->runTime);
+            sum.latency.merge(h->latency);
+            sum.timerLateness.merge(h->timerLateness);
+        }
+    }
+    for (MetricsSchedulerFigures& f : out.schedulers) {
+        const auto it = byName.find(f.name);
+        if (it == byName.end()) {
+            continue;
+        }
+        f.runTime = metricsHistogramOf(it->second.runTime);
+        f.latency = metricsHistogramOf(it->second.latency);
+        f.timerLateness = metricsHistogramOf(it->second.timerLateness);
+        byName.erase(it);
+    }
+}
+
 }  // namespace
 
 MetricsThreadFigures metricsFiguresOf(const TaskSchedulerSnapshot& snapshot, std::string thread) {
     MetricsThreadFigures out;
     out.thread = std::move(thread);
     addScheduler(out, snapshot);
+    return out;
+}
+
+MetricsThreadFigures metricsFiguresOf(const TaskSchedulerRoot& root, std::string thread) {
+    // No history: the exposition has no use for it.
+    MetricsThreadFigures out =
+        metricsFiguresOf(*root.snapshot(true, true, false), std::move(thread));
+    addHistograms(out, root);
     return out;
 }
 

@@ -293,8 +293,11 @@ void TimerTask::timeout() {
         // The wheel delivers on its master timer, which a busy loop holds
         // back; that part of the lateness is on the library clock (virtual
         // time moves it alone), the queue stay after it on the steady clock.
-        // Written so that a NaN expiry counts as on time.
-        const double late = Velik::time() - timerExpiry_.armedFor;
+        // Written so that a NaN expiry counts as on time. The wheel's pass
+        // reading serves, with no clock read here; a call from outside a
+        // pass reads the clock.
+        const double pass = wheel()->passReading();
+        const double late = (std::isnan(pass) ? Velik::time() : pass) - timerExpiry_.armedFor;
         const double lateNs = late > 0.0 ? std::min(late * 1e9, 1e18) : 0.0;
         timerExpiry_.deliveredLateNs = static_cast<std::int64_t>(lateNs);
         noteTimerExpiry();

@@ -22,16 +22,18 @@ namespace {
 
 using ::testing::HasSubstr;
 
-// A histogram as the scheduler's will be: only the members the exposition
+// A histogram in the recording layout: only the members the exposition
 // reads.
 struct FakeHistogram {
     std::vector<std::int64_t> bounds;
     std::vector<std::uint64_t> counts;
+    std::uint64_t total;
+    std::int64_t sum;
     std::size_t bucketCount() const { return bounds.size(); }
     std::int64_t bucketUpperBoundNs(std::size_t i) const { return bounds[i]; }
     std::uint64_t bucketCountAt(std::size_t i) const { return counts[i]; }
-    std::uint64_t count() const { return 4; }
-    std::int64_t sumNs() const { return 2'500'000; }
+    std::uint64_t count() const { return total; }
+    std::int64_t sumNs() const { return sum; }
 };
 
 Velik::MetricsThreadFigures smallFigures() {
@@ -41,8 +43,13 @@ Velik::MetricsThreadFigures smallFigures() {
     s.name = "main";
     s.maxSlipSeconds = 0.002;
     s.priorities = {{"high", 1, 2, 3, 40}, {"normal", 0, 1, 0, 7}};
-    s.latency = Velik::metricsHistogramOf(
-        FakeHistogram{{1000, 1'000'000, std::numeric_limits<std::int64_t>::max()}, {2, 1, 1}});
+    // Recording buckets ending on an export bound, just past one, and past
+    // the last: each counted under the first bound not below its edge.
+    s.latency = Velik::metricsHistogramOf(FakeHistogram{
+        {127, 1000, 1001, 1'000'000, 120'000'000'000, std::numeric_limits<std::int64_t>::max()},
+        {1, 1, 1, 1, 1, 1},
+        6,
+        2'500'000});
     t.schedulers.push_back(s);
     // Two live tasks and the completed record of "conn", one run short of a
     // 32-bit wrap between them, and a task whose name needs escaping.
@@ -110,13 +117,36 @@ velik_scheduler_tasks{thread="main",scheduler="main",priority="high",state="comp
 velik_scheduler_tasks{thread="main",scheduler="main",priority="normal",state="runnable"} 0
 velik_scheduler_tasks{thread="main",scheduler="main",priority="normal",state="idle"} 1
 velik_scheduler_tasks{thread="main",scheduler="main",priority="normal",state="completed"} 0
-# HELP velik_scheduler_scheduling_latency_seconds Delay, in seconds, between a task becoming runnable and running.
+# HELP velik_scheduler_scheduling_latency_seconds Scheduling latency, in seconds: from a task being put on the scheduler's run queue to the start of the run that took it off.
 # TYPE velik_scheduler_scheduling_latency_seconds histogram
 velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="1e-06"} 2
-velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.001"} 3
-velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="+Inf"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="2e-06"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="5e-06"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="1e-05"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="2e-05"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="5e-05"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.0001"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.0002"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.0005"} 3
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.001"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.002"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.005"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.01"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.02"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.05"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.1"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.2"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="0.5"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="1"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="2"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="5"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="10"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="20"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="50"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="100"} 4
+velik_scheduler_scheduling_latency_seconds_bucket{thread="main",scheduler="main",le="+Inf"} 6
 velik_scheduler_scheduling_latency_seconds_sum{thread="main",scheduler="main"} 0.0025
-velik_scheduler_scheduling_latency_seconds_count{thread="main",scheduler="main"} 4
+velik_scheduler_scheduling_latency_seconds_count{thread="main",scheduler="main"} 6
 )";
     EXPECT_EQ(Velik::prometheusExposition({smallFigures()}), expected);
 }
@@ -178,13 +208,13 @@ TEST(PrometheusExposition, SlicesMakeTheSameTextAndStayWithinTheirBudget) {
             std::string slice;
             more = render.renderSlice(slice, budget);
             // At most the budget of samples, give or take the lines of one
-            // series (a scheduler's task counts, six here).
+            // series (a histogram's 28 here).
             long samples = 0;
             std::istringstream lines(slice);
             for (std::string line; std::getline(lines, line);) {
                 samples += !line.starts_with("#");
             }
-            EXPECT_LE(samples, static_cast<long>(budget) + 5) << budget;
+            EXPECT_LE(samples, static_cast<long>(budget) + 27) << budget;
             text += slice;
         }
         EXPECT_EQ(text, whole) << budget;
@@ -195,10 +225,10 @@ TEST(PrometheusExposition, SlicesMakeTheSameTextAndStayWithinTheirBudget) {
 class PrometheusFiguresTest : public VelikTest::ReportTest {};
 
 // A real scheduler's figures: group tasks under the group's scheduler,
-// completed records merged with their name, and the text promtool accepts.
-TEST_F(PrometheusFiguresTest, FromASnapshotAndCheckedByPromtool) {
-    const Velik::MetricsThreadFigures figures =
-        Velik::metricsFiguresOf(*root->snapshot(true, true, false), "main");
+// completed records merged with their name, the group's own run histogram,
+// and the text promtool accepts.
+TEST_F(PrometheusFiguresTest, FromARootAndCheckedByPromtool) {
+    const Velik::MetricsThreadFigures figures = Velik::metricsFiguresOf(*root, "main");
     const std::string text = Velik::prometheusExposition({figures, smallFigures()});
     const std::string root = this->root->schedulerName().str();
     EXPECT_THAT(text,
@@ -215,6 +245,20 @@ TEST_F(PrometheusFiguresTest, FromASnapshotAndCheckedByPromtool) {
         HasSubstr(fmt::format(
             R"(velik_task_quantum_violations_200_total{{thread="main",scheduler="{}",task="timer"}} 1)",
             root)));
+    // The group's runs of 1.5 ms and 2 ms: the recording bucket of 2 ms
+    // reaches past 2 ms, so that run counts under 5 ms, never under 2 ms.
+    EXPECT_THAT(
+        text,
+        HasSubstr(
+            R"(velik_scheduler_run_time_seconds_bucket{thread="main",scheduler="pool",le="0.001"} 0
+velik_scheduler_run_time_seconds_bucket{thread="main",scheduler="pool",le="0.002"} 1
+velik_scheduler_run_time_seconds_bucket{thread="main",scheduler="pool",le="0.005"} 2
+)"));
+    EXPECT_THAT(
+        text,
+        HasSubstr(R"(velik_scheduler_run_time_seconds_sum{thread="main",scheduler="pool"} 0.0035
+velik_scheduler_run_time_seconds_count{thread="main",scheduler="pool"} 2
+)"));
 
     if (std::system("command -v promtool >/dev/null 2>&1") != 0) {
         GTEST_SKIP() << "promtool is not installed";
