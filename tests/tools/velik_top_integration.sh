@@ -118,6 +118,9 @@ set +e
 set -e
 [[ $rc -eq 2 ]] || fail "a bad option exits $rc"
 
+# One session that outlives the others keeps the server up: when the last
+# session ends, the server exits, and a session made at that moment fails.
+tmux -L "$tmux_server" new-session -d -s keeper "sleep 600"
 # The live view in a 160x50 terminal.
 tmux -L "$tmux_server" new-session -d -s top -x 160 -y 50 "$top -i 0.5 $stats"
 screen() { tmux -L "$tmux_server" capture-pane -p -t top; }
