@@ -54,10 +54,29 @@ wait_for 100 test -S "$stats/main.sock" -a -S "$stats/background.sock" ||
 once=$("$top" --once -i 0.5 "$stats")
 expect_in "$once" '^velik-top .* threads: 2 ' "--once summary"
 expect_in "$once" '^thread main: busy [0-9.]+%' "--once busy share"
-expect_in "$once" '^THREAD +SCHEDULER +SP +RUN/s +TIME% +LAST-LAT +MAX-LAT +MAX-RUN +QV200' "--once heading"
-expect_in "$once" '^main +main +.* \[-\] TaskGroup;connections$' "--once group row"
-expect_in "$once" '^main +connections +n +[0-9.k]+ +[0-9.]+ .* connection:read$' "--once task row"
-expect_in "$once" '^background ' "--once second thread"
+expect_in "$once" '^TASK +SP +RUN/s +TIME% +MAX-LAT +QV200 +QV500 +LAT-P50 +LAT-P99 .* SCHEDULER +THREAD$' \
+    "--once heading"
+expect_in "$once" '^\[-\] TaskGroup;connections +n +[0-9.k]+ +[0-9.]+ .* main +main$' "--once group row"
+expect_in "$once" '^ +connection:read x[0-9]+ +n +[0-9.k]+ +[0-9.]+ .* connections +main$' \
+    "--once merged task row"
+expect_in "$once" ' background$' "--once second thread"
+if grep -q 'StatsEndpoint' <<<"$once"; then fail "--once shows the endpoint's own tasks"; fi
+
+# --once for scripts: sorted, filtered, limited, flat, chosen columns.
+once=$("$top" --once -i 0.2 --flat --sort name --limit 3 --columns task,runs,thread "$stats")
+table=$(sed -n '/^TASK/,$p' <<<"$once")
+[[ $(wc -l <<<"$table") -eq 4 ]] || fail "--limit 3 printed: $table"
+expect_in "$table" '^TASK +RUN/s +THREAD$' "--columns heading"
+expect_in "$(sed -n 2p <<<"$table")" '^TaskGroup;compaction +[0-9.-]+ +background$' "--sort name, --flat"
+once=$("$top" --once -i 0.2 --flat --no-merge --filter CONNECTION:R "$stats")
+[[ $(grep -c "^connection:read " <<<"$once") -ge 100 ]] || fail "--filter --no-merge --flat: $once"
+once=$("$top" --once -i 0.2 --own --filter statsendpoint:listen --columns task "$stats")
+expect_in "$once" '^ +StatsEndpoint:listen:read$' "--own"
+"$top" --version | grep -qE '^velik-top [0-9]+\.[0-9]+\.[0-9]+$' || fail "--version"
+set +e
+"$top" --once --sort size "$stats" 2>/dev/null; rc=$?
+set -e
+[[ $rc -eq 2 ]] || fail "--sort size exits $rc"
 
 # --json: one socket gives its snapshot, a directory one object per thread.
 "$top" --json "$stats/main.sock" |
@@ -99,13 +118,16 @@ set +e
 set -e
 [[ $rc -eq 2 ]] || fail "a bad option exits $rc"
 
+# One session that outlives the others keeps the server up: when the last
+# session ends, the server exits, and a session made at that moment fails.
+tmux -L "$tmux_server" new-session -d -s keeper "sleep 600"
 # The live view in a 160x50 terminal.
 tmux -L "$tmux_server" new-session -d -s top -x 160 -y 50 "$top -i 0.5 $stats"
 screen() { tmux -L "$tmux_server" capture-pane -p -t top; }
 keys() { tmux -L "$tmux_server" send-keys -t top "$@"; }
 shows() { screen | grep -qE -- "$1"; }
 # The table alone, without the history pane below it.
-table_lacks() { ! screen | sed -n '/^THREAD/,/^RECENT EVENTS/p' | grep -q -- "$1"; }
+table_lacks() { ! screen | sed -n '/^TASK/,/^RECENT EVENTS/p' | grep -q -- "$1"; }
 expect_screen() {
     wait_for 50 shows "$1" || { screen >&2; fail "$2: no /$1/ on the screen"; }
 }
@@ -113,13 +135,13 @@ expect_screen() {
 expect_screen 'connection:read' "live view of the demo's tasks"
 expect_screen '^RECENT EVENTS' "history pane"
 expect_screen 'sort: time share' "default sort"
-first_row() { screen | grep -A1 '^THREAD' | tail -1; }
+first_row() { screen | grep -A1 '^TASK' | tail -1; }
 first_row_is() { first_row | grep -qE -- "$1"; }
 # The busiest task leads by default, the first name in order by name.
-wait_for 50 first_row_is 'TaskGroup;connections$' || fail "time share order: $(first_row)"
+wait_for 50 first_row_is '^\[-\] TaskGroup;connections ' || fail "time share order: $(first_row)"
 keys n
 expect_screen 'sort: name' "sorting by name"
-wait_for 20 first_row_is ' StatsEndpoint:' || fail "name order: $(first_row)"
+wait_for 20 first_row_is '^\[-\] TaskGroup;compaction ' || fail "name order: $(first_row)"
 keys l
 expect_screen 'sort: latency' "sorting by latency"
 
@@ -128,8 +150,12 @@ expect_screen 'filter: "listen"' "the filter"
 expect_screen 'listener:read' "the filtered task"
 wait_for 20 table_lacks connection:read || fail "filtering left other tasks in the table"
 
-keys / BSpace BSpace BSpace BSpace BSpace BSpace Enter
+keys / c o n Enter  # a new filter, not "listencon"
+expect_screen 'filter: "con"' "a fresh filter"
+keys C-u
 expect_screen 'connection:read' "clearing the filter"
+wait_for 20 bash -c "! tmux -L $tmux_server capture-pane -p -t top | grep -q 'filter: '" ||
+    fail "Ctrl-U left the filter"
 keys t f  # the busiest first, so the group is in sight
 wait_for 20 table_lacks connection:read || fail "folding all groups still shows their tasks"
 expect_screen '\[\+\] TaskGroup;connections' "a folded group"
@@ -138,10 +164,53 @@ keys s
 expect_screen '^ROOT +TASK +START +DURATION +STATE' "the stalls pane"
 expect_screen 'no stall recorded' "the stalls pane of a daemon without stalls"
 keys s
-expect_screen '^THREAD' "the table again"
+expect_screen '^TASK' "the table again"
 
 keys q
 wait_for 30 bash -c "! tmux -L $tmux_server has-session -t top 2>/dev/null" || fail "q did not quit"
+
+# At 80 x 24 the names come first and stay readable; the keys at work.
+tmux -L "$tmux_server" new-session -d -s small -x 80 -y 24 "$top -i 0.5 $stats"
+screen() { tmux -L "$tmux_server" capture-pane -p -t small; }
+keys() { tmux -L "$tmux_server" send-keys -t small "$@"; }
+expect_screen '^\[-\] TaskGroup;connections ' "a group's name at 80 columns"
+expect_screen '^ +connection:read x[0-9]+ ' "merged names at 80 columns"
+expect_screen '^TASK +SP +RUN/s' "the heading at 80 columns"
+table_lacks StatsEndpoint || fail "the endpoint's own tasks in the table"
+keys '?'
+expect_screen '^KEYS' "the help"
+expect_screen 'invert the sort order' "the help's keys"
+keys x
+expect_screen '^TASK' "the table after the help"
+keys m m  # merging off
+wait_for 50 bash -c "[[ \$(tmux -L $tmux_server capture-pane -p -t small | grep -c ' connection:read ') -ge 5 ]]" ||
+    fail "merging off still merges"
+keys m  # back to merging crowds
+expect_screen 'connection:read x[0-9]+' "merging again"
+keys T
+expect_screen 'view: flat' "the flat view"
+expect_screen '^connection:read x[0-9]+ ' "flat rows without indent"
+keys T r
+expect_screen 'inverted' "inverting the order"
+keys r t Home j Enter
+expect_screen '^TASK connection:read x[0-9]+  thread main  scheduler connections' "the detail view"
+expect_screen '^(HISTOGRAMS|RECENT EVENTS)' "the detail's sections"
+keys Escape
+expect_screen '^TASK +SP' "the table after the detail"
+keys q
+
+# Colour: on a 200 x 50 terminal every column is in sight; NO_COLOR leaves
+# only attributes, never a colour.
+tmux -L "$tmux_server" new-session -d -s wide -x 200 -y 50 "NO_COLOR=1 $top -i 0.3 $stats"
+screen() { tmux -L "$tmux_server" capture-pane -p -t wide; }
+keys() { tmux -L "$tmux_server" send-keys -t wide "$@"; }
+expect_screen '^TASK .* SCHEDULER +THREAD$' "every column at 200"
+expect_screen 'connection:read x[0-9]+' "the tasks at 200"
+sleep 1.5  # a few refreshes, so violations can rise
+if tmux -L "$tmux_server" capture-pane -e -p -t wide | grep -qE $'\e\\[([0-9;]*;)?(3[0-8]|4[0-8]|9[0-7]|10[0-7])(;[0-9;]*)?m'; then
+    fail "colour with NO_COLOR set"
+fi
+keys q
 
 # A socket that accepts and never answers holds back only itself.
 if command -v python3 >/dev/null; then

@@ -156,7 +156,40 @@ void Fetcher::round(std::size_t index) {
     } catch (const TopError& error) {
         snap.error = error;
     }
+    if (snap.snapshot) {
+        askExtras(index, snap);
+    }
     deliver(std::move(snap));
+}
+
+namespace {
+
+// The reply to `verb` read by `parse`, or nothing when the daemon does not
+// answer it (an error line, an empty reply, a failure).
+template <typename Parse>
+auto optionalReply(const std::string& path, const char* verb, const ExchangeLimits& limits,
+                   Parse parse) -> std::optional<decltype(parse(std::string_view()))> {
+    try {
+        const std::string reply = exchange(path, verb, limits);
+        if (reply.empty() || !errorReason(reply).empty()) {
+            return std::nullopt;
+        }
+        return parse(reply);
+    } catch (const TopError&) {
+        return std::nullopt;
+    }
+}
+
+}  // namespace
+
+void Fetcher::askExtras(std::size_t index, FetchResult& snap) {
+    const std::string& path = endpoints_[index].path;
+    const ExchangeLimits limits{timeout_, maxReplyBytes, cancel_[0]};
+    snap.histograms = optionalReply(path, "histograms", limits, parseHistograms);
+    if (detailWanted_) {
+        snap.history = optionalReply(path, "history", limits, parseHistoryReply);
+        snap.waits = optionalReply(path, "waits", limits, parseWaits);
+    }
 }
 
 }  // namespace VelikTop

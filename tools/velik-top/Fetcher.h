@@ -2,7 +2,10 @@
 //
 // One worker thread per socket does a round when asked: `status` first (the
 // daemon answers it even while the thread is stuck in a task), then `stalls`
-// when a root is stalled or the stalls pane wants them, then `snapshot`. Each
+// when a root is stalled or the stalls pane wants them, then `snapshot`,
+// and after a snapshot, `histograms`, and `history` and `waits` while a
+// task's detail is open (a daemon that lacks them answers "error: ...":
+// they are then absent, and nothing else changes). Each
 // answer is handed over as soon as it is read and parsed (a socket that
 // cannot answer `status` at all ends its round there), through a queue
 // the screen drains between keys; every exchange has its own time-out. A
@@ -19,10 +22,13 @@
 //   for (auto& result : fetcher.take()) sampler.apply(std::move(result));
 #pragma once
 
+#include "Histograms.h"
+#include "HistoryText.h"
 #include "Options.h"
 #include "SnapshotModel.h"
 #include "StallModel.h"
 #include "TopError.h"
+#include "Waits.h"
 
 #include <atomic>
 #include <chrono>
@@ -52,6 +58,11 @@ struct FetchResult {
     std::optional<ThreadSnapshot> snapshot;
     std::optional<BusyReply> busy;
     std::optional<TopError> error;
+
+    // Asked for with the snapshot; absent when the daemon did not answer.
+    std::optional<HistogramSet> histograms;
+    std::optional<std::vector<HistoryLine>> history;  // while detail is wanted
+    std::optional<std::vector<WaitEntry>> waits;      // while detail is wanted
 };
 
 class Fetcher {
@@ -67,6 +78,8 @@ class Fetcher {
     std::size_t startRound();
     // Whether rounds ask for `stalls` even when no root is stalled.
     void stallsWanted(bool wanted) { stallsWanted_ = wanted; }
+    // Whether rounds ask for `history` and `waits` too, for a task's detail.
+    void detailWanted(bool wanted) { detailWanted_ = wanted; }
 
     // The answers that arrived since the last call, oldest first.
     std::vector<FetchResult> take();
@@ -77,11 +90,14 @@ class Fetcher {
     void work(std::size_t index);
     void deliver(FetchResult result);
     void round(std::size_t index);
+    // After a snapshot: the histograms, and what a task's detail needs.
+    void askExtras(std::size_t index, FetchResult& snap);
 
     std::vector<Endpoint> endpoints_;
     double timeout_;
     int cancel_[2] = {-1, -1};  // a pipe: writing to it cancels every exchange
     std::atomic<bool> stallsWanted_{false};
+    std::atomic<bool> detailWanted_{false};
 
     std::mutex mutex_;
     std::condition_variable changed_;

@@ -52,6 +52,82 @@ std::string threadName(const fs::path& path) {
     return path.extension() == ".sock" ? path.stem().string() : path.filename().string();
 }
 
+// --- the table's options ---
+
+// The value of an option given as "--name VALUE" or "--name=VALUE"; empty
+// when `arg` is not that option.
+std::optional<std::string> valueOf(const std::string& arg, const char* name, int& i, int argc,
+                                   const char* const* argv) {
+    const std::string with = std::string(name) + "=";
+    if (arg.rfind(with, 0) == 0) {
+        return arg.substr(with.size());
+    }
+    if (arg != name) {
+        return std::nullopt;
+    }
+    if (++i == argc) {
+        usage(arg + " needs a value");
+    }
+    return std::string(argv[i]);
+}
+
+SortKey sortKeyFrom(const std::string& text) {
+    if (text == "time" || text == "share") {
+        return SortKey::share;
+    }
+    if (text == "latency") {
+        return SortKey::latency;
+    }
+    if (text == "violations") {
+        return SortKey::violations;
+    }
+    if (text == "name") {
+        return SortKey::name;
+    }
+    usage("--sort takes time, latency, violations or name, not \"" + text + "\"");
+}
+
+std::size_t limitFrom(const std::string& text) {
+    char* end = nullptr;
+    const long long n = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || n < 1) {
+        usage("--limit must be a whole number of lines from 1 up, not \"" + text + "\"");
+    }
+    return static_cast<std::size_t>(n);
+}
+
+// Reads one of the table's options at argv[i]; false when `arg` is none.
+bool tableOption(Options& o, const std::string& arg, int& i, int argc, const char* const* argv) {
+    if (arg == "--reverse") {
+        o.view.inverted = true;
+    } else if (arg == "--flat") {
+        o.view.flat = true;
+    } else if (arg == "--no-merge") {
+        o.view.merge = MergeMode::off;
+    } else if (arg == "--own") {
+        o.view.showOwn = true;
+    } else if (arg == "--hide-idle") {
+        o.view.hideIdle = true;
+    } else if (arg == "--no-color" || arg == "--no-colour") {
+        o.noColour = true;
+    } else if (auto v = valueOf(arg, "--sort", i, argc, argv)) {
+        o.view.sort = sortKeyFrom(*v);
+    } else if (auto v = valueOf(arg, "--filter", i, argc, argv)) {
+        o.view.filter = *v;
+    } else if (auto v = valueOf(arg, "--limit", i, argc, argv)) {
+        o.limit = limitFrom(*v);
+    } else if (auto v = valueOf(arg, "--columns", i, argc, argv)) {
+        try {
+            o.columns = parseColumns(*v);
+        } catch (const TopError& e) {
+            usage(e.what());
+        }
+    } else {
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 Options parseOptions(int argc, const char* const* argv) {
@@ -66,6 +142,11 @@ Options parseOptions(int argc, const char* const* argv) {
         } else if (arg == "-h" || arg == "--help") {
             o.mode = Mode::help;
             return o;
+        } else if (arg == "--version") {
+            o.mode = Mode::version;
+            return o;
+        } else if (tableOption(o, arg, i, argc, argv)) {
+            continue;
         } else if (arg == "--once") {
             setMode(o, Mode::once, arg);
         } else if (arg == "--json") {
@@ -197,12 +278,33 @@ options:
                           keyed by thread name
       --prometheus        print the figures in the Prometheus text format
   -h, --help              this text
+      --version           the library version velik-top was built with
 
-keys (live view):
+the table (live and --once):
+      --sort COLUMN       time (the default), latency, violations or name
+      --reverse           the sort order upside down
+      --filter TEXT       only tasks whose name holds TEXT (any case), and
+                          the groups above them
+      --flat              one sorted list instead of the group tree
+      --no-merge          a line per task: tasks of one name are otherwise
+                          merged into one line with their count when there
+                          are 5 or more of them in one scheduler
+      --own               show the stats endpoint's own tasks too
+      --hide-idle         leave out tasks without a run in the interval
+      --columns LIST      the columns, by key, e.g. task,sp,runs,time,p99:
+                          task sp runs time maxlat qv200 qv500 p50 p99 work
+                          pend lastlat maxrun timer scheduler thread
+      --limit N           --once: at most N task lines
+      --no-color          no colour (NO_COLOR in the environment does the
+                          same)
+
+keys (live view): ? lists them all. The main ones:
   t l v n   sort by time share, worst latency, quantum violations, name
-  /         filter by task name (any case; empty to clear)
-  f         fold or unfold all groups;  space/enter: the group under the cursor
-  up down   move the cursor;  PgUp PgDn Home End as usual
+  r         invert the order;  T  tree or flat;  m  merging;  i  idle tasks
+  /         a new filter by task name;  Ctrl-U  clear it
+  enter     the task under the cursor in detail;  space  fold its group
+  f         fold or unfold all groups;  o  choose the columns
+  left right  scroll the figures;  up down  move the cursor
   c         show or hide completed records;  h  show or hide the history
   s         show or hide the stalls (up down: choose one; its frames below)
   + -       longer or shorter interval;  q  quit
@@ -215,6 +317,10 @@ or the default directory not yours alone, 4 the daemon answered "error: ..."
 or is served by another user, 5 the reply is not a JSON snapshot or is
 larger than 64 MiB.
 )";
+}
+
+std::string versionText() {
+    return std::string("velik-top ") + VELIK_TOP_VERSION + "\n";
 }
 
 }  // namespace VelikTop

@@ -8,12 +8,16 @@
 // is watched: ${XDG_RUNTIME_DIR:-/tmp}/velik_demo-<uid>/.
 #pragma once
 
+#include "Columns.h"
+#include "TaskTable.h"
+
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace VelikTop {
 
-enum class Mode { live, once, json, prometheus, help };
+enum class Mode { live, once, json, prometheus, help, version };
 
 // A socket and the thread name it is shown under: the file name without
 // ".sock".
@@ -27,6 +31,14 @@ struct Options {
     double interval = 1.0;  // seconds between snapshots
     double timeout = 1.5;   // seconds one request may take, connecting to the last byte
     std::vector<std::string> targets;
+
+    // How the table is shown, live and with --once: --sort, --reverse,
+    // --filter, --flat, --no-merge, --own, --hide-idle, --columns, --limit
+    // (--once only), --no-color (live only).
+    ViewOptions view;
+    std::vector<Column> columns;       // empty: the default ones
+    std::optional<std::size_t> limit;  // the most task lines --once prints
+    bool noColour = false;
 };
 
 // Throws `TopError` (`exitUsage`) for an unknown option, a missing or
@@ -50,5 +62,8 @@ void checkOwnDirectory(const std::string& directory);
 
 // The text of `velik-top --help`.
 std::string usageText();
+
+// "velik-top 0.1.0": the library's version this viewer was built with.
+std::string versionText();
 
 }  // namespace VelikTop

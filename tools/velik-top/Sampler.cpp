@@ -53,6 +53,9 @@ void Sampler::apply(FetchResult result) {
         t.rates = rates(t.previous ? &*t.previous : nullptr, *t.current, seconds);
         t.error.reset();
         t.busy.reset();
+        t.histograms = std::move(result.histograms);
+        t.history = std::move(result.history);
+        t.waits = std::move(result.waits);
     } else {
         t.busy = std::move(result.busy);
         t.error = std::move(result.error);
@@ -63,7 +66,8 @@ std::vector<ThreadView> Sampler::views(Clock::time_point now) const {
     std::vector<ThreadView> out;
     for (const Thread& t : threads_) {
         if (t.current) {
-            ThreadView view{&*t.current, t.rates, std::nullopt};
+            ThreadView view{&*t.current, t.rates, std::nullopt,
+                            t.histograms ? &*t.histograms : nullptr};
             if (t.stale()) {
                 view.staleSeconds = std::chrono::duration<double>(now - t.currentAt).count();
             }

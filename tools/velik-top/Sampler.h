@@ -44,6 +44,10 @@ class Sampler {
         Clock::time_point statusAt{};
         std::vector<StallRoot> stalls;  // the latest answer
         Clock::time_point stallsAt{};
+        // Asked with the latest snapshot; absent when not answered.
+        std::optional<HistogramSet> histograms;
+        std::optional<std::vector<HistoryLine>> history;
+        std::optional<std::vector<WaitEntry>> waits;
 
         // Figures on show that the latest request did not renew.
         bool stale() const { return current && (error || busy); }

@@ -5,10 +5,14 @@
 // whose figures are old), any socket failures, a banner for each stalled
 // root, the table with a cursor (a stale thread's rows dimmed), the pane of
 // recent scheduler events, and a line of keys. `s` puts the stalls pane in
-// place of the table. A round of requests starts every interval and its
-// answers are shown as they arrive; keys act at once, whatever a socket does.
+// place of the table, `?` the list of keys, Enter one task in detail. Rows
+// needing attention are coloured (Attention.h). The cursor stays on its
+// task as the order changes. A round of requests starts every interval and
+// its answers are shown as they arrive; keys act at once, whatever a socket
+// does.
 #pragma once
 
+#include "Columns.h"
 #include "Fetcher.h"
 #include "Sampler.h"
 #include "TaskTable.h"
@@ -25,27 +29,37 @@ class Screen {
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
+    // The view to start with; `noColour` as --no-color says.
+    void viewIs(const ViewOptions& view, std::vector<Column> columns, bool noColour);
+
     // Shows snapshots until the user quits.
     void run();
 
   private:
+    enum class Pane { table, stalls, help, detail };
+    enum class Editing { none, filter, columns };
+
     void draw();
     int drawSummary(int y, int width);
     void drawTable(int top, int height, int width);
     void drawHistory(int top, int height, int width);
     void drawKeys(int y, int width);
     void drawStalls(int top, int height, int width);
+    void drawHelp(int top, int height, int width);
+    void drawDetail(int top, int height, int width);
     // Takes the answers that arrived; whether there were any.
     bool takeAnswers();
 
     // Acts on one key; false to quit.
     bool handleKey(int key);
-    void handleFilterKey(int key);
-    void sortBy(SortKey key);
+    bool handlePaneKey(int key);
+    void handleEditKey(int key);
+    void openPane(Pane pane);
     void toTop();
     void moveCursor(long delta);
     void changeInterval(bool longer);
     void rebuild();
+    unsigned attributesOf(const TableLine& line) const;
 
     Fetcher& fetcher_;
     Sampler& sampler_;
@@ -54,11 +68,19 @@ class Screen {
     std::vector<TableLine> lines_;
     std::size_t cursor_ = 0;
     std::size_t scroll_ = 0;
+    std::string cursorKey_;  // the line the cursor is on, followed across refreshes
+    std::vector<Column> columns_;
+    std::size_t skipColumns_ = 0;  // figure columns scrolled out to the left
+    bool colour_ = false;
     bool showHistory_ = true;
-    bool showStalls_ = false;
+    Pane pane_ = Pane::table;
     std::size_t stallCursor_ = 0;
-    bool editingFilter_ = false;
+    std::string detailKey_;  // the line the detail shows
+    std::size_t detailScroll_ = 0;
+    Editing editing_ = Editing::none;
+    std::string editText_;      // the column list being typed
     std::string filterBefore_;  // restored by Esc
+    std::string message_;       // under the table until the next key
 };
 
 }  // namespace VelikTop

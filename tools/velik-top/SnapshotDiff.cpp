@@ -37,7 +37,10 @@ std::vector<TaskRates> rates(const ThreadSnapshot* previous, const ThreadSnapsho
         const double time = now.totalRunTime - (base ? base->totalRunTime : 0.0);
         const double work = static_cast<double>(now.workTotal.value_or(0) -
                                                 (base ? base->workTotal.value_or(0) : 0));
-        out[i] = {true, runs / seconds, std::clamp(time / seconds, 0.0, 1.0), work / seconds};
+        const std::uint64_t qvNow = now.qv200 + now.qv500;
+        const std::uint64_t qvBefore = base ? base->qv200 + base->qv500 : 0;
+        out[i] = {true, runs / seconds, std::clamp(time / seconds, 0.0, 1.0), work / seconds,
+                  qvNow > qvBefore ? qvNow - qvBefore : 0};
     }
     return out;
 }

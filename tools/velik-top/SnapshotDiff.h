@@ -10,6 +10,7 @@
 
 #include "SnapshotModel.h"
 
+#include <cstdint>
 #include <vector>
 
 namespace VelikTop {
@@ -19,6 +20,8 @@ struct TaskRates {
     double runsPerSecond = 0;
     double share = 0;  // fraction of the interval the task ran, 0 to 1
     double workPerSecond = 0;
+    // Quantum violations (of either kind) added over the interval.
+    std::uint64_t violationsGained = 0;
 };
 
 // One entry per row of `current.tasks`, in the same order. `previous` may be

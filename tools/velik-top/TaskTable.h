@@ -2,9 +2,15 @@
 //
 // Tasks of all threads are sorted together at the top level; a group's
 // tasks follow its row, indented and sorted among themselves, unless the
-// group is folded. A filter keeps the tasks whose name holds it (in any
-// letter case), the groups above them, and all of a group whose name holds
-// it:
+// group is folded. The flat view sorts every task of every level together
+// instead. A filter keeps the tasks whose name holds it (in any letter
+// case), the groups above them, and all of a group whose name holds it.
+//
+// Tasks of one name in one scheduler are merged into one line with their
+// count and summed figures (worst latencies), by default when there are at
+// least `mergeThreshold` of them. The stats endpoint's own tasks (the
+// viewer's requests being served) are left out unless asked for, as are
+// idle tasks (no run in the last interval, not queued) when asked:
 //
 //   VelikTop::ViewOptions view;
 //   view.sort = VelikTop::SortKey::latency;
@@ -15,12 +21,15 @@
 #include "SnapshotDiff.h"
 #include "SnapshotModel.h"
 
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 namespace VelikTop {
+
+struct HistogramSet;
 
 // One thread as the table sees it: its snapshot and the rates of its rows.
 struct ThreadView {
@@ -29,6 +38,8 @@ struct ThreadView {
     // Set when the figures are stale (the thread stopped answering): their
     // age in seconds.
     std::optional<double> staleSeconds;
+    // The daemon's run histograms, when it answered for them.
+    const HistogramSet* histograms = nullptr;
 };
 
 enum class SortKey {
@@ -41,8 +52,24 @@ enum class SortKey {
 // "time share", "latency", "violations" or "name".
 const char* sortKeyName(SortKey key);
 
+// When tasks of one name in one scheduler share a line.
+enum class MergeMode {
+    crowds,  // names of at least `mergeThreshold` tasks
+    all,     // names of two tasks or more
+    off,
+};
+constexpr std::size_t mergeThreshold = 5;
+
+// "crowds", "all" or "off".
+const char* mergeModeName(MergeMode mode);
+
 struct ViewOptions {
     SortKey sort = SortKey::share;
+    bool inverted = false;  // the sort order upside down
+    bool flat = false;      // one sorted list instead of the group tree
+    bool hideIdle = false;
+    bool showOwn = false;  // the stats endpoint's own tasks too
+    MergeMode merge = MergeMode::crowds;
     std::string filter;
     bool showCompleted = false;  // completed records too, as rows of their own
     bool foldedByDefault = false;
@@ -60,11 +87,18 @@ struct ViewOptions {
 
 struct TableLine {
     const ThreadSnapshot* thread = nullptr;
-    const TaskRow* row = nullptr;
+    const TaskRow* row = nullptr;  // of a merged line: the summed row it holds
     TaskRates rates;
-    bool folded = false;   // groups only
-    std::string groupKey;  // groups only: identifies the group across refreshes
-    bool stale = false;    // the thread's figures are stale
+    bool folded = false;     // groups only
+    std::string groupKey;    // groups only: identifies the group across refreshes
+    bool stale = false;      // the thread's figures are stale
+    std::size_t merged = 1;  // the tasks the line stands for
+    std::shared_ptr<const TaskRow> mergedRow;
+    const HistogramSet* histograms = nullptr;
+    bool flat = false;  // shown without the tree's indent and fold marks
+
+    // Identifies the line across refreshes, for the cursor to follow.
+    std::string key() const;
 };
 
 std::vector<TableLine> buildTable(const std::vector<ThreadView>& threads,
@@ -72,5 +106,9 @@ std::vector<TableLine> buildTable(const std::vector<ThreadView>& threads,
 
 // Whether `name` holds `filter`, in any letter case; an empty filter matches.
 bool nameMatches(const std::string& name, const std::string& filter);
+
+// Whether a task is one of the stats endpoint's own: "StatsEndpoint..." or
+// the snapshot renderer "TaskSchedulerRenderJson...".
+bool isOwnTask(const std::string& name);
 
 }  // namespace VelikTop

@@ -84,6 +84,11 @@ int printPrometheus(const std::vector<Endpoint>& endpoints, double timeout) {
     return exitOk;
 }
 
+// The columns asked for, or the default ones.
+std::vector<Column> tableColumns(const Options& options, std::size_t threads) {
+    return options.columns.empty() ? defaultColumns(threads > 1) : options.columns;
+}
+
 // Fails unless every thread has figures, or those without stopped
 // answering while others answered.
 void checkFigures(const Sampler& sampler) {
@@ -103,8 +108,9 @@ void checkFigures(const Sampler& sampler) {
     }
 }
 
-int printOnce(const std::vector<Endpoint>& endpoints, double interval, double timeout) {
-    Fetcher fetcher(endpoints, timeout);
+int printOnce(const std::vector<Endpoint>& endpoints, const Options& options) {
+    const double interval = options.interval;
+    Fetcher fetcher(endpoints, options.timeout);
     Sampler sampler(endpoints);
     for (int i = 0; i < 2; ++i) {
         if (i) {
@@ -113,9 +119,12 @@ int printOnce(const std::vector<Endpoint>& endpoints, double interval, double ti
         refreshAll(fetcher, sampler);
     }
     checkFigures(sampler);
-    const ViewOptions view;
+    const ViewOptions& view = options.view;
     const auto views = sampler.views();
-    const auto lines = buildTable(views, view);
+    auto lines = buildTable(views, view);
+    if (options.limit && lines.size() > *options.limit) {
+        lines.resize(*options.limit);
+    }
     for (const std::string& s : formatSummary(views, view, lines.size(), interval)) {
         std::cout << printable(s) << '\n';
     }
@@ -127,7 +136,7 @@ int printOnce(const std::vector<Endpoint>& endpoints, double interval, double ti
     for (const std::string& s : stallBanner(sampler.stalledRoots(), sampler.stallRoots())) {
         std::cout << printable(s) << '\n';
     }
-    const TableLayout layout(lines, endpoints.size() > 1);
+    const TableLayout layout(lines, tableColumns(options, endpoints.size()));
     std::cout << '\n' << layout.heading() << '\n';
     for (const TableLine& line : lines) {
         std::cout << layout.line(line) << '\n';
@@ -135,7 +144,8 @@ int printOnce(const std::vector<Endpoint>& endpoints, double interval, double ti
     return exitOk;
 }
 
-int runLive(const std::vector<Endpoint>& endpoints, double interval, double timeout) {
+int runLive(const std::vector<Endpoint>& endpoints, const Options& options) {
+    const double interval = options.interval, timeout = options.timeout;
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) {
         throw TopError(exitUsage,
                        "the live view needs a terminal; use --once, --json or --prometheus");
@@ -147,7 +157,9 @@ int runLive(const std::vector<Endpoint>& endpoints, double interval, double time
     if (sampler.snapshots().empty() && sampler.stalledRoots().empty()) {
         checkFigures(sampler);
     }
-    Screen(fetcher, sampler, interval).run();
+    Screen screen(fetcher, sampler, interval);
+    screen.viewIs(options.view, tableColumns(options, endpoints.size()), options.noColour);
+    screen.run();
     return exitOk;
 }
 
@@ -155,6 +167,10 @@ int run(int argc, char** argv) {
     const Options options = parseOptions(argc, argv);
     if (options.mode == Mode::help) {
         std::cout << usageText();
+        return exitOk;
+    }
+    if (options.mode == Mode::version) {
+        std::cout << versionText();
         return exitOk;
     }
     std::vector<std::string> targets = options.targets;
@@ -169,9 +185,9 @@ int run(int argc, char** argv) {
         case Mode::prometheus:
             return printPrometheus(endpoints, options.timeout);
         case Mode::once:
-            return printOnce(endpoints, options.interval, options.timeout);
+            return printOnce(endpoints, options);
         default:
-            return runLive(endpoints, options.interval, options.timeout);
+            return runLive(endpoints, options);
     }
 }
 
