@@ -45,7 +45,14 @@
 //
 //   build/examples/velik_demo [--seconds N] [--stats-dir DIR] [--clients N]
 //                             [--connections N] [--json FILE] [--idle N]
-//                             [--metrics ADDRESS]
+//                             [--metrics ADDRESS] [--stall SECONDS[,EVERY]]
+//
+// With --stall 6 the main thread gets stuck now and then, as a daemon does
+// when one task forgets to yield: a checksum task runs 3 s after the start
+// and then every EVERY seconds (10 by default, more than SECONDS), each time
+// spinning for SECONDS in `stuckInChecksum()` without giving the thread back.
+// The stats endpoint still answers `status` and `stalls` meanwhile, so
+// velik-top shows the stall live, with that function in its backtrace.
 //
 // With --metrics 127.0.0.1:9464 both threads are also served to Prometheus
 // on `/metrics` ("main" and "background" as thread labels).
@@ -85,6 +92,25 @@
 #include <thread>
 #include <unordered_map>
 #include <vector>
+
+// Spins for `seconds` without giving the thread back: a checksum over far
+// more data than one run should touch. Of external linkage and never
+// inlined, so that the demo's exported symbols name it in a stall's
+// backtrace; the clock is read rarely, so that backtraces land here rather
+// than in the clock.
+[[gnu::noinline]] std::uint64_t stuckInChecksum(double seconds);
+std::uint64_t stuckInChecksum(double seconds) {
+    const auto until = std::chrono::steady_clock::now() +
+                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                           std::chrono::duration<double>(seconds));
+    std::uint64_t sum = 0;
+    do {
+        for (std::uint32_t i = 0; i < (1u << 20); ++i) {
+            sum = (sum ^ i) * 0x100000001b3u;
+        }
+    } while (std::chrono::steady_clock::now() < until);
+    return sum;
+}
 
 namespace {
 
@@ -249,6 +275,25 @@ class Scavenger : public Velik::Task {
 
   private:
     Store& store_;
+};
+
+// With --stall: a task that holds the thread for `seconds` on every run,
+// first `kStallFirstSeconds` after the start, then every `every` seconds.
+constexpr double kStallFirstSeconds = 3.0;
+
+class Checksum : public Velik::TimerTask {
+  public:
+    Checksum(Velik::TaskScheduler* root, double seconds, double every)
+        : TimerTask(root, TaskPriority::normal, "checksum"), seconds_(seconds), every_(every) {}
+    void taskExecute() override {
+        sum_ += stuckInChecksum(seconds_);
+        scheduleTaskDelay(every_ - seconds_);  // the next start, `every_` after this one
+    }
+
+  private:
+    double seconds_;
+    double every_;
+    std::uint64_t sum_ = 0;
 };
 
 class Server {
@@ -730,6 +775,8 @@ struct Options {
     std::string statsDir;  // empty: no stats endpoints
     double idleSeconds = kIdleSecondsDefault;
     std::string metricsAddress;  // empty: no /metrics
+    double stallSeconds = 0;     // 0: no stalling task
+    double stallEvery = 10;
 };
 
 std::string defaultStatsDir() {
@@ -742,9 +789,26 @@ std::string defaultStatsDir() {
     std::fprintf(status ? stderr : stdout,
                  "usage: velik_demo [--seconds N] [--stats-dir DIR] [--clients N] "
                  "[--connections N] [--json FILE] [--idle SECONDS] [--metrics ADDRESS]\n"
+                 "       [--stall SECONDS[,EVERY]]\n"
                  "       velik_demo [seconds] [client threads] [connections each] [json file]\n"
                  "--stats-dir '' serves no statistics\n");
     std::exit(status);
+}
+
+// SECONDS[,EVERY]: a stall shorter than its period, or a usage error.
+void parseStall(const char* text, Options& options) {
+    char* end = nullptr;
+    options.stallSeconds = std::strtod(text, &end);
+    if (*end == ',') {
+        options.stallEvery = std::strtod(end + 1, &end);
+    }
+    if (*end != '\0' || !(options.stallSeconds > 0) ||
+        !(options.stallEvery > options.stallSeconds)) {
+        std::fprintf(stderr,
+                     "velik_demo: --stall %s: want SECONDS[,EVERY] with 0 < SECONDS < EVERY\n",
+                     text);
+        usage(2);
+    }
 }
 
 Options parseOptions(int argc, char** argv) {
@@ -773,6 +837,8 @@ Options parseOptions(int argc, char** argv) {
             options.metricsAddress = value();
         } else if (arg == "--idle") {
             options.idleSeconds = std::atof(value());
+        } else if (arg == "--stall") {
+            parseStall(value(), options);
         } else if (arg == "--help" || arg == "-h") {
             usage(0);
         } else if (arg.starts_with("-") || positional > 3) {
@@ -855,6 +921,13 @@ int run(const Options& options) {
     const bool serving = !options.statsDir.empty() && prepareStatsDir(options.statsDir);
     auto stats = serving ? serveStatsOrSay(*root, options.statsDir + "/main.sock") : nullptr;
     BackgroundThread background(serving ? options.statsDir + "/background.sock" : "");
+    auto checksum =
+        options.stallSeconds > 0
+            ? std::make_shared<Checksum>(root.get(), options.stallSeconds, options.stallEvery)
+            : nullptr;
+    if (checksum) {
+        checksum->scheduleTaskDelay(kStallFirstSeconds);
+    }
     std::unique_ptr<Velik::MetricsEndpoint> metrics;
     if (!options.metricsAddress.empty()) {
         try {
@@ -944,6 +1017,9 @@ int run(const Options& options) {
         static_cast<unsigned long long>(server.idleClosed()), quietClosed.load(), quiet,
         server.store().size(), static_cast<unsigned long long>(server.store().evicted()));
     server.stop();
+    if (checksum) {
+        checksum->stopTimerTask();
+    }
     Velik::Platform::doEventLoop(0.05);
 
     // The runtime's own report: per priority, then per task, sorted by run

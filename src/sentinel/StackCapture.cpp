@@ -19,26 +19,24 @@ namespace Velik::Impl {
 namespace {
 
 // Runs on the stuck thread: async-signal-safe calls only (libunwind's local
-// walk, plain loads and stores, getpid and gettid).
-void captureHere(CaptureSlot& slot) {
+// walk, plain loads and stores, getpid and gettid). The walk starts from
+// `interrupted`, the context the kernel saved for the handler, so the first
+// frame is the interrupted code itself and the handler's frames are never
+// seen: walking out of the handler instead would depend on which frame the
+// unwinder marks as the signal frame, and libunwind 1.6 marks the one after
+// the trampoline, whose frame was then lost.
+void captureHere(CaptureSlot& slot, void* interrupted) {
     std::uint32_t count = 0;
-    unw_context_t context;
     unw_cursor_t cursor;
-    if (unw_getcontext(&context) == 0 && unw_init_local(&cursor, &context) == 0) {
-        // The frames of the handler are skipped: recording starts at the
-        // interrupted code, the frame after the signal trampoline.
-        bool pastSignalFrame = false;
-        while (count < stallFramesMax && unw_step(&cursor) > 0) {
-            if (!pastSignalFrame) {
-                pastSignalFrame = unw_is_signal_frame(&cursor) > 0;
-                continue;
-            }
+    if (interrupted && unw_init_local2(&cursor, static_cast<unw_context_t*>(interrupted),
+                                       UNW_INIT_SIGNAL_FRAME) == 0) {
+        do {
             unw_word_t ip;
             if (unw_get_reg(&cursor, UNW_REG_IP, &ip) != 0) {
                 break;
             }
             slot.frames[count++] = reinterpret_cast<void*>(ip);
-        }
+        } while (count < stallFramesMax && unw_step(&cursor) > 0);
     }
     slot.frameCount = count;
     // The published task runs on this very thread, so it is alive here.
@@ -52,14 +50,14 @@ void captureHere(CaptureSlot& slot) {
     slot.nameLength = length;
 }
 
-void onCaptureSignal(int, siginfo_t* info, void*) {
+void onCaptureSignal(int, siginfo_t* info, void* interrupted) {
     const int savedErrno = errno;
     if (info && info->si_code == SI_QUEUE && info->si_pid == getpid()) {
         auto* slot = static_cast<CaptureSlot*>(info->si_value.sival_ptr);
         if (slot && slot->magic == CaptureSlot::magicValue &&
             slot->state.load(std::memory_order_acquire) == CaptureSlot::requested &&
             slot->tid == static_cast<pid_t>(syscall(SYS_gettid))) {
-            captureHere(*slot);
+            captureHere(*slot, interrupted);
             slot->state.store(CaptureSlot::done, std::memory_order_release);
         }
     }

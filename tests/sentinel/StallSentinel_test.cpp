@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <dirent.h>
+#include <atomic>
 #include <condition_variable>
 #include <fstream>
 #include <thread>
@@ -33,6 +34,14 @@ extern "C" [[gnu::noinline]] ssize_t velikStallTestRead(int fd, char* byte) {
     ssize_t got = read(fd, byte, 1);
     asm volatile("" ::: "memory");
     return got;
+}
+
+// A loop that calls nothing until told to stop: every backtrace interrupts
+// this very function, so it must be the innermost frame.
+extern "C" [[gnu::noinline]] void velikStallTestLeafSpin(const std::atomic<bool>* stop) {
+    while (!stop->load(std::memory_order_relaxed)) {
+        asm volatile("" ::: "memory");
+    }
 }
 
 namespace {
@@ -179,6 +188,19 @@ TEST_F(StallSentinelTest, ThreadBlockedInReadIsSampledAndItsReadResumes) {
     EXPECT_TRUE(awaitNotice("reader", StallEvent::ended));
     close(fds[0]);
     close(fds[1]);
+}
+
+TEST_F(StallSentinelTest, InterruptedFunctionIsTheInnermostFrame) {
+    std::atomic<bool> stop{false};
+    std::thread thread = stuckThread("leaf", [&] { velikStallTestLeafSpin(&stop); });
+    auto started = awaitNotice("leaf", StallEvent::started);
+    stop = true;
+    thread.join();
+    ASSERT_TRUE(started);
+    ASSERT_FALSE(started->samples.empty());
+    ASSERT_FALSE(started->samples.back().frames.empty());
+    EXPECT_THAT(started->samples.back().frames.front(), HasSubstr("velikStallTestLeafSpin"));
+    EXPECT_THAT(Velik::stallTopFrame(*started), HasSubstr("velikStallTestLeafSpin"));
 }
 
 TEST_F(StallSentinelTest, TaskInsideMallocIsSampledWithoutDeadlock) {
