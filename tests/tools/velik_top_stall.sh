@@ -88,7 +88,7 @@ expect_screen '^    at stuckInChecksum' "the stuck function in the banner's fram
 expect_screen '^thread main: .*  stale [0-9]+s$' "main's summary marked stale"
 expect_screen 'main.sock: thread busy for [0-9.]+ s in task ".*checksum"' "the busy reason"
 shows '^thread background: .*stale' && fail "the background thread is marked stale"
-background_rows() { screen | grep -E '^background ' || true; }
+background_rows() { screen | grep -E 'TaskGroup;compaction|compactor[0-9]' || true; }
 rows=$(background_rows)
 [[ -n $rows ]] || { screen >&2; fail "no background rows"; }
 changed() { [[ $(background_rows) != "$rows" ]]; }
