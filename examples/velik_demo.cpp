@@ -740,6 +740,7 @@ class BackgroundThread {
   private:
     void run(const std::string& socketPath) {
         Velik::useThreadLocalSingletons();
+        Velik::schedulerRootVelikNameIs("background");
         auto root = Velik::schedulerRootVelik();
         auto jobs = Velik::TaskGroupIs("compaction", TaskPriority::low, false, root);
         // Each job yields within its own quantum, half the group's, so one

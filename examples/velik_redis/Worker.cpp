@@ -37,6 +37,8 @@ Worker::~Worker() {
 
 void Worker::run(std::promise<std::shared_ptr<Velik::Inbox>>& ready) {
     Velik::useThreadLocalSingletons();  // this thread's own event base and root
+    // Named, so that reports and scrape labels say which worker.
+    Velik::schedulerRootVelikNameIs(fmt::format("worker{}", options_.index));
     root_ = Velik::schedulerRootVelik();
     connections_ = Velik::TaskGroupIs("connections", TaskPriority::normal, false, root_);
     connections_->taskGroupQuantumIs(2ms);

@@ -192,4 +192,11 @@ std::shared_ptr<TaskSchedulerRoot> schedulerRootVelikNonShared(std::string_view 
 // thread, "thread:<pthread id>" elsewhere) and released when the thread ends.
 std::shared_ptr<TaskSchedulerRoot> schedulerRootVelik();
 
+// Gives the calling thread's root `name` instead of the default, so that
+// reports, history and scrape labels say "worker0" rather than a thread id.
+// Call it on the thread before its first `schedulerRootVelik()` (directly or
+// through anything that makes the root: an inbox, a task). Once the root
+// exists, a different name throws `RuntimeException`; the same name is fine.
+void schedulerRootVelikNameIs(std::string_view name);
+
 }  // namespace Velik

@@ -1,6 +1,7 @@
 #include "Velik/TaskSchedulerRoot.h"
 
 #include "Velik/Assert.h"
+#include "Velik/Exception.h"
 #include "Velik/Fmtrace.h"
 #include "Velik/PlatformSelection.h"
 #include "Velik/TaskSchedulerHistory.h"
@@ -265,6 +266,34 @@ std::shared_ptr<TaskSchedulerRoot> schedulerRootVelikNonShared(std::string_view 
     return TaskSchedulerRootIs(name);
 }
 
+namespace {
+
+// The name the thread's root is to take, when one was given before it was made.
+thread_local std::string rootNameWanted;
+thread_local bool rootMade = false;
+
+std::string rootNameForThisThread() {
+    if (!rootNameWanted.empty()) {
+        return rootNameWanted;
+    }
+    return isMainThread() ? std::string("main")
+                          : fmt::format("thread:{}", threadIdValue(pthread_self()));
+}
+
+}  // namespace
+
+void schedulerRootVelikNameIs(std::string_view name) {
+    if (rootMade) {
+        const std::string_view current = schedulerRootVelik()->schedulerName().view();
+        if (current != name) {
+            RuntimeException::throwException(
+                fmt::format("The thread's root is already named {}", current));
+        }
+        return;
+    }
+    rootNameWanted = name;
+}
+
 std::shared_ptr<TaskSchedulerRoot> schedulerRootVelik() {
     // Thread-local objects die in reverse order of construction, and the root
     // must die first: before the thread's string cache, which holds its
@@ -272,9 +301,9 @@ std::shared_ptr<TaskSchedulerRoot> schedulerRootVelik() {
     // The holder is therefore made by its initialiser, whose construction
     // completes only after everything the root's constructor made.
     ConstStringCache::forThisThread();
-    static thread_local const std::shared_ptr<TaskSchedulerRoot> root = TaskSchedulerRootIs(
-        isMainThread() ? std::string("main")
-                       : fmt::format("thread:{}", threadIdValue(pthread_self())));
+    static thread_local const std::shared_ptr<TaskSchedulerRoot> root =
+        TaskSchedulerRootIs(rootNameForThisThread());
+    rootMade = true;
     return root;
 }
 

@@ -79,4 +79,15 @@ TEST(SchedulerRootVelik, OneRootPerThreadNamedAfterTheThread) {
     });
 }
 
+// A name given before the root is made replaces the thread id; afterwards
+// only the same name is accepted.
+TEST(SchedulerRootVelik, ANameGivenFirstIsTheRootsName) {
+    std::thread([] {
+        Velik::schedulerRootVelikNameIs("worker7");
+        EXPECT_EQ(Velik::schedulerRootVelik()->schedulerName().str(), "worker7");
+        Velik::schedulerRootVelikNameIs("worker7");
+        EXPECT_THROW(Velik::schedulerRootVelikNameIs("worker8"), Velik::RuntimeException);
+    }).join();
+}
+
 }  // namespace
