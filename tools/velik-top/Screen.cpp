@@ -1,6 +1,8 @@
 #include "Screen.h"
 
 #include "HistoryText.h"
+#include "Recording.h"
+#include "Replay.h"
 #include "StallText.h"
 #include "TableText.h"
 
@@ -69,10 +71,10 @@ void Screen::run() {
             std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
         timeout(static_cast<int>(std::clamp<long long>(wait, 0, answerCheckMs)));
         const int key = getch();
-        if (key != ERR && !handleKey(key)) {
+        if (key != ERR && !hookKey(key) && !handleKey(key)) {
             return;
         }
-        if (takeAnswers()) {
+        if (takeAnswers() || (player_ && player_->tick())) {
             rebuild();
         }
         // Checked after keys too: a held key must not stop the refreshes.
@@ -88,6 +90,9 @@ void Screen::run() {
 bool Screen::takeAnswers() {
     std::vector<FetchResult> answers = fetcher_.take();
     for (FetchResult& a : answers) {
+        if (recorder_) {
+            recorder_->write(a);
+        }
         sampler_.apply(std::move(a));
     }
     return !answers.empty();
@@ -97,7 +102,8 @@ void Screen::rebuild() {
     // The cursor keeps its place on the screen, as in top: following one
     // task through the reordering of every refresh would scroll the table
     // about under the reader's eyes.
-    lines_ = buildTable(sampler_.views(), view_);
+    lines_ = buildTable(sampler_.views(now()), view_);
+    hints_.update(sampler_);
     cursor_ = lines_.empty() ? 0 : std::min(cursor_, lines_.size() - 1);
 }
 
@@ -107,6 +113,12 @@ void Screen::draw() {
     getmaxyx(stdscr, height, width);
     int y = drawSummary(0, width);
     const int keysLine = height - 1;
+    if (showHints_) {
+        drawHints(y, keysLine - y, width);
+        drawKeys(keysLine, width);
+        refresh();
+        return;
+    }
     if (showStalls_) {
         drawStalls(y, keysLine - y, width);
         drawKeys(keysLine, width);
@@ -124,7 +136,7 @@ void Screen::draw() {
 }
 
 int Screen::drawSummary(int y, int width) {
-    const auto views = sampler_.views();
+    const auto views = sampler_.views(now());
     std::vector<std::string> summary = formatSummary(views, view_, lines_.size(), interval_);
     const std::size_t shown = std::min<std::size_t>(summary.size(), 1 + maxSummaryThreads);
     for (std::size_t i = 0; i < shown; ++i) {
@@ -132,6 +144,12 @@ int Screen::drawSummary(int y, int width) {
     }
     if (summary.size() > shown) {
         putLine(y++, width, fmt::format("... and {} more threads", summary.size() - shown));
+    }
+    if (player_) {
+        putLine(y++, width, player_->clockLine(), A_BOLD);
+    }
+    if (const std::string hint = hintLine(hints_.hints()); !hint.empty()) {
+        putLine(y++, width, printable(hint));
     }
     for (const Sampler::Thread& t : sampler_.threads()) {
         if (const std::string problem = t.problem(); !problem.empty()) {
@@ -217,7 +235,7 @@ void Screen::drawKeys(int y, int width) {
         return;
     }
     putLine(y, width,
-            "t/l/v/n sort  / filter  f fold all  space fold  c completed  h history  "
+            "t/l/v/n sort  / filter  f fold all  space fold  c completed  e events  h hints  "
             "s stalls  +/- interval  q quit",
             A_REVERSE);
 }
@@ -269,7 +287,7 @@ bool Screen::handleKey(int key) {
         case 'c':
             view_.showCompleted = !view_.showCompleted;
             break;
-        case 'h':
+        case 'e':
             showHistory_ = !showHistory_;
             break;
         case 's':
@@ -345,6 +363,45 @@ void Screen::moveCursor(long delta) {
     }
     const long last = static_cast<long>(lines_.size()) - 1;
     cursor_ = static_cast<std::size_t>(std::clamp(static_cast<long>(cursor_) + delta, 0L, last));
+}
+
+void Screen::replay(Player* player) {
+    player_ = player;
+    if (player_) {
+        player_->follow(&hints_);
+    }
+}
+
+bool Screen::hookKey(int key) {
+    if (editingFilter_) {
+        return false;
+    }
+    if (key == 'h') {
+        showHints_ = !showHints_;
+        return true;
+    }
+    if (player_ && player_->key(key)) {
+        rebuild();
+        return true;
+    }
+    return false;
+}
+
+Sampler::Clock::time_point Screen::now() const {
+    return player_ ? player_->now() : Sampler::Clock::now();
+}
+
+void Screen::drawHints(int top, int height, int width) {
+    if (height < 2) {
+        return;
+    }
+    putLine(top, width, "HINTS (h: back to the table)", A_REVERSE);
+    const auto lines = hintList(hints_.hints(), static_cast<std::size_t>(std::max(width, 1)));
+    for (std::size_t i = 0; i < lines.size() && static_cast<int>(i) + 1 < height; ++i) {
+        const bool title = !lines[i].empty() && lines[i][0] != ' ';
+        putLine(top + 1 + static_cast<int>(i), width, printable(lines[i]),
+                title ? A_BOLD : A_NORMAL);
+    }
 }
 
 void Screen::changeInterval(bool longer) {

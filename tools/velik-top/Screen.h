@@ -10,6 +10,7 @@
 #pragma once
 
 #include "Fetcher.h"
+#include "Hints.h"
 #include "Sampler.h"
 #include "TaskTable.h"
 
@@ -17,6 +18,9 @@
 #include <vector>
 
 namespace VelikTop {
+
+class Player;
+class Recorder;
 
 class Screen {
   public:
@@ -28,6 +32,12 @@ class Screen {
     // Shows snapshots until the user quits.
     void run();
 
+    // Writes every answer to `recorder` before showing it.
+    void record(Recorder* recorder) { recorder_ = recorder; }
+    // Shows the frames of `player` in place of answers, its clock under the
+    // summary, and takes its keys.
+    void replay(Player* player);
+
   private:
     void draw();
     int drawSummary(int y, int width);
@@ -37,6 +47,13 @@ class Screen {
     void drawStalls(int top, int height, int width);
     // Takes the answers that arrived; whether there were any.
     bool takeAnswers();
+
+    // Recording, replay and hints: the keys they take first; whether `key`
+    // was one.
+    bool hookKey(int key);
+    // The time figures are aged against: the shown frame's in a replay.
+    Sampler::Clock::time_point now() const;
+    void drawHints(int top, int height, int width);
 
     // Acts on one key; false to quit.
     bool handleKey(int key);
@@ -59,6 +76,11 @@ class Screen {
     std::size_t stallCursor_ = 0;
     bool editingFilter_ = false;
     std::string filterBefore_;  // restored by Esc
+
+    Recorder* recorder_ = nullptr;
+    Player* player_ = nullptr;
+    HintBoard hints_;
+    bool showHints_ = false;
 };
 
 }  // namespace VelikTop
