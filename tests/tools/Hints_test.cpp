@@ -119,6 +119,18 @@ TEST(Hints, LateTimerViolationsAndNeverRunInTheirOrder) {
     EXPECT_EQ(kinds(p), std::vector<HintKind>{});
 }
 
+TEST(Hints, TasksOfOneNameAreOneFinding) {
+    Pair p = healthy();
+    p.after.tasks[1].name = p.before.tasks[1].name = "m";
+    p.after.tasks[2].name = p.before.tasks[2].name = "m";
+    p.after.tasks[1].qv200 += 1;
+    p.after.tasks[2].qv500 += 2;
+    const auto hints = VelikTop::findHints(&p.before, p.after, {});
+    ASSERT_EQ(hints.size(), 1u);
+    EXPECT_EQ(hints[0].title,
+              "main: 2 tasks \"m\" went over their quantum 3 times since the last refresh");
+}
+
 TEST(Hints, PendingWorkNamedAfterGrowingEveryRefreshInARow) {
     Pair p = healthy();
     VelikTop::PendingStreaks streaks;

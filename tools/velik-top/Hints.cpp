@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <optional>
 #include <sstream>
 #include <unordered_map>
 
@@ -80,10 +82,26 @@ class Finder {
         std::vector<Hint> out;
         for (const auto kind : {HintKind::groupQuantum, HintKind::lateTimer, HintKind::violations,
                                 HintKind::pendingGrows, HintKind::neverRun}) {
+            // Tasks of one name are one finding: a server's hundred
+            // connections overrunning alike is one thing to look at.
+            std::vector<Tally> tallies;
             for (const TaskRow& row : current_.tasks) {
-                if (!row.completed) {
-                    rowHint(kind, row, out);
+                if (row.completed) {
+                    continue;
                 }
+                if (const auto amount = measure(kind, row, out)) {
+                    auto it = std::find_if(tallies.begin(), tallies.end(),
+                                           [&row](const Tally& t) { return t.name == row.name; });
+                    if (it == tallies.end()) {
+                        it = tallies.insert(tallies.end(), Tally{row.name});
+                    }
+                    ++it->tasks;
+                    it->total += *amount;
+                    it->worst = std::max(it->worst, *amount);
+                }
+            }
+            for (const Tally& t : tallies) {
+                add(out, kind, t.name, tallyTitle(kind, t));
             }
         }
         for (const SchedulerRow& s : current_.schedulers) {
@@ -98,6 +116,28 @@ class Finder {
     }
 
   private:
+    struct Tally {
+        std::string name;
+        std::size_t tasks = 0;
+        double total = 0, worst = 0;
+    };
+
+    static std::string tallyTitle(HintKind kind, const Tally& t) {
+        const std::string who = t.tasks == 1 ? fmt::format("\"{}\"", t.name)
+                                             : fmt::format("{} tasks \"{}\"", t.tasks, t.name);
+        const auto times = static_cast<std::uint64_t>(t.total);
+        switch (kind) {
+            case HintKind::lateTimer:
+                return fmt::format("timer {} ran {}{} late", t.tasks == 1 ? "task " + who : who,
+                                   t.tasks == 1 ? "" : "up to ", formatSeconds(t.worst));
+            case HintKind::violations:
+                return fmt::format("{} went over {} quantum {} time{} since the last refresh", who,
+                                   t.tasks == 1 ? "its" : "their", times, times == 1 ? "" : "s");
+            default:
+                return who + " never ran";
+        }
+    }
+
     const TaskRow* before(const TaskRow& row) const {
         const auto it = before_.find(row.identity());
         return it == before_.end() ? nullptr : it->second;
@@ -115,32 +155,29 @@ class Finder {
             {kind, current_.thread, subject, current_.thread + ": " + title, texts.at(kind)});
     }
 
-    void rowHint(HintKind kind, const TaskRow& row, std::vector<Hint>& out) const {
+    // Adds the findings of a kind that names tasks one by one; for the
+    // kinds told by name, what to count for `row`, if anything.
+    std::optional<double> measure(HintKind kind, const TaskRow& row, std::vector<Hint>& out) const {
         const TaskRow* was = before(row);
         switch (kind) {
             case HintKind::groupQuantum:
                 if (row.isGroup && !row.standIn && was) {
                     groupHint(row, *was, out);
                 }
-                return;
+                break;
             case HintKind::lateTimer:
                 if (row.hasTimer && was && row.runCount > was->runCount &&
                     row.lastLatency > lateTimerSeconds) {
-                    add(out, kind, row.name,
-                        fmt::format("timer task \"{}\" ran {} late", row.name,
-                                    formatSeconds(row.lastLatency)));
+                    return row.lastLatency;
                 }
-                return;
+                break;
             case HintKind::violations:
                 if (!row.isGroup && was) {
                     if (const auto n = growth(violations(*was), violations(row))) {
-                        add(out, kind, row.name,
-                            fmt::format("\"{}\" went over its quantum {} time{} since the last "
-                                        "refresh",
-                                        row.name, n, n == 1 ? "" : "s"));
+                        return static_cast<double>(n);
                     }
                 }
-                return;
+                break;
             case HintKind::pendingGrows:
                 if (const auto it = streaks_.find(row.identity());
                     it != streaks_.end() && it->second >= pendingRefreshes && row.workPending) {
@@ -148,13 +185,14 @@ class Finder {
                         fmt::format("pending work of \"{}\" grew {} refreshes running (now {})",
                                     row.name, it->second, *row.workPending));
                 }
-                return;
+                break;
             case HintKind::neverRun:
                 if (!row.standIn && row.runCount == 0 && was && was->runCount == 0) {
-                    add(out, kind, row.name, fmt::format("\"{}\" never ran", row.name));
+                    return 1.0;
                 }
-                return;
+                break;
         }
+        return std::nullopt;
     }
 
     // Violations of the group's task, none of its tasks', while they ran.
@@ -274,6 +312,9 @@ void HintBoard::update(const Sampler& sampler) {
         hints_.insert(hints_.end(), std::make_move_iterator(found.begin()),
                       std::make_move_iterator(found.end()));
     }
+    // The weightiest kind first, whichever thread it is on.
+    std::stable_sort(hints_.begin(), hints_.end(),
+                     [](const Hint& a, const Hint& b) { return a.kind < b.kind; });
 }
 
 void HintBoard::reset() {
