@@ -180,6 +180,8 @@ table_lacks StatsEndpoint || fail "the endpoint's own tasks in the table"
 keys '?'
 expect_screen '^KEYS' "the help"
 expect_screen 'invert the sort order' "the help's keys"
+expect_screen '^  w +the hints' "the hints' key in the help"
+expect_screen '^  q +quit' "the whole help at 80 x 24"
 keys x
 expect_screen '^TASK' "the table after the help"
 keys m m  # merging off

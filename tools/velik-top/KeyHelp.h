@@ -8,7 +8,9 @@
 
 namespace VelikTop {
 
-// (keys, what they do), in the order the help shows them.
-const std::vector<std::pair<std::string, std::string>>& keyHelp();
+// (keys, what they do), in the order the help shows them. A replay
+// (--replay) takes Space and , . < > for its own, so its list starts with
+// those and leaves out folding by Space.
+std::vector<std::pair<std::string, std::string>> keyHelp(bool replay = false);
 
 }  // namespace VelikTop

@@ -48,6 +48,20 @@ void setMode(Options& o, Mode mode, std::string_view flag) {
     o.mode = mode;
 }
 
+// Recording and replay: which options go together.
+void checkRecordingOptions(const Options& o) {
+    const bool printing = o.mode == Mode::json || o.mode == Mode::prometheus;
+    if (!o.replay.empty() && (!o.targets.empty() || !o.record.empty() || printing)) {
+        usage("--replay shows a recording: it takes no socket, --record, --json or --prometheus");
+    }
+    if (!o.record.empty() && printing) {
+        usage("--record records the live view or --once, not --json or --prometheus");
+    }
+    if (o.at && (o.replay.empty() || o.mode != Mode::once)) {
+        usage("--at goes with --once --replay FILE");
+    }
+}
+
 std::string threadName(const fs::path& path) {
     return path.extension() == ".sock" ? path.stem().string() : path.filename().string();
 }
@@ -167,12 +181,30 @@ Options parseOptions(int argc, const char* const* argv) {
             o.timeout = secondsFrom(arg.substr(std::strlen("--timeout=")), "time-out");
         } else if (arg.rfind("--interval=", 0) == 0) {
             o.interval = intervalFrom(arg.substr(std::strlen("--interval=")));
+        } else if (arg == "--record" || arg == "--replay" || arg == "--at") {
+            if (++i == argc || !*argv[i]) {
+                usage(arg + (arg == "--at" ? " needs a number of seconds" : " needs a file"));
+            }
+            if (arg == "--record") {
+                o.record = argv[i];
+            } else if (arg == "--replay") {
+                o.replay = argv[i];
+            } else {
+                char* end = nullptr;
+                o.at = std::strtod(argv[i], &end);
+                if (*end != '\0' || !std::isfinite(*o.at) || *o.at < 0) {
+                    usage(
+                        std::string("--at needs seconds from the start of the recording, not \"") +
+                        argv[i] + "\"");
+                }
+            }
         } else if (arg.rfind("-i", 0) == 0) {
             o.interval = intervalFrom(arg.substr(2));
         } else {
             usage("unknown option " + arg);
         }
     }
+    checkRecordingOptions(o);
     return o;
 }
 
@@ -277,6 +309,11 @@ options:
                           again, and exit; with several sockets, one object
                           keyed by thread name
       --prometheus        print the figures in the Prometheus text format
+      --record FILE       also write what is fetched to FILE (gzip), for
+                          --replay here or elsewhere
+      --replay FILE       show a recording instead of sockets, with the
+                          same keys; --once --replay FILE --at SECONDS
+                          prints the table as it was SECONDS in
   -h, --help              this text
       --version           the library version velik-top was built with
 
@@ -308,6 +345,8 @@ keys (live view): ? lists them all. The main ones:
   c         show or hide completed records;  h  show or hide the history
   s         show or hide the stalls (up down: choose one; its frames below)
   + -       longer or shorter interval;  q  quit
+  w         the hints: what stands out, and why
+  replay:   space pause/play  , . one frame back/on  < > ten frames
 
 A thread that stops answering, or is stuck in a task, keeps its last
 figures on show marked "stale Ns"; a stuck thread is named over the table.

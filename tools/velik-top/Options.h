@@ -39,10 +39,17 @@ struct Options {
     std::vector<Column> columns;       // empty: the default ones
     std::optional<std::size_t> limit;  // the most task lines --once prints
     bool noColour = false;
+
+    // Recording and replay (Recording.h, Replay.h).
+    std::string record;        // --record FILE: write what is fetched to FILE
+    std::string replay;        // --replay FILE: show FILE instead of sockets
+    std::optional<double> at;  // --at SECONDS: the moment of a replay --once prints
 };
 
 // Throws `TopError` (`exitUsage`) for an unknown option, a missing or
-// invalid interval or time-out, or two modes at once.
+// invalid interval or time-out, two modes at once, or recording options
+// that do not go together (--replay with a socket, --record or --json;
+// --record with --json or --prometheus; --at without --once --replay).
 Options parseOptions(int argc, const char* const* argv);
 
 // The sockets `targets` name, directories expanded (sorted by name). Throws

@@ -4,6 +4,8 @@
 #include "DetailText.h"
 #include "HistoryText.h"
 #include "KeyHelp.h"
+#include "Recording.h"
+#include "Replay.h"
 #include "StallText.h"
 #include "TableText.h"
 
@@ -114,7 +116,7 @@ void Screen::run() {
         if (key != ERR && !handleKey(key)) {
             return;
         }
-        if (takeAnswers()) {
+        if (takeAnswers() || (player_ && player_->tick())) {
             rebuild();
         }
         // Checked after keys too: a held key must not stop the refreshes.
@@ -130,6 +132,9 @@ void Screen::run() {
 bool Screen::takeAnswers() {
     std::vector<FetchResult> answers = fetcher_.take();
     for (FetchResult& a : answers) {
+        if (recorder_) {
+            recorder_->write(a);
+        }
         sampler_.apply(std::move(a));
     }
     return !answers.empty();
@@ -139,12 +144,13 @@ void Screen::rebuild() {
     // The cursor follows its task through the reordering of every refresh,
     // so what one is looking at stays under the cursor; when the task goes,
     // the cursor keeps its place on the screen.
-    lines_ = buildTable(sampler_.views(), view_);
+    lines_ = buildTable(sampler_.views(now()), view_);
     const auto it = std::find_if(lines_.begin(), lines_.end(),
                                  [this](const TableLine& l) { return l.key() == cursorKey_; });
     if (it != lines_.end()) {
         cursor_ = static_cast<std::size_t>(it - lines_.begin());
     }
+    hints_.update(sampler_);
     cursor_ = lines_.empty() ? 0 : std::min(cursor_, lines_.size() - 1);
     cursorKey_ = lines_.empty() ? std::string() : lines_[cursor_].key();
 }
@@ -153,7 +159,8 @@ void Screen::draw() {
     erase();
     int height = 0, width = 0;
     getmaxyx(stdscr, height, width);
-    int y = drawSummary(0, width);
+    // The help takes the whole screen: every key fits in 80 x 24.
+    int y = pane_ == Pane::help ? 0 : drawSummary(0, width);
     const int keysLine = height - 1;
     switch (pane_) {
         case Pane::stalls:
@@ -164,6 +171,9 @@ void Screen::draw() {
             break;
         case Pane::detail:
             drawDetail(y, keysLine - y, width);
+            break;
+        case Pane::hints:
+            drawHints(y, keysLine - y, width);
             break;
         case Pane::table: {
             int historyHeight = 0;
@@ -180,7 +190,7 @@ void Screen::draw() {
 }
 
 int Screen::drawSummary(int y, int width) {
-    const auto views = sampler_.views();
+    const auto views = sampler_.views(now());
     std::vector<std::string> summary = formatSummary(views, view_, lines_.size(), interval_);
     for (const std::string& line : wrapAtGaps(printable(summary[0]), width)) {
         putLine(y++, width, line);
@@ -191,6 +201,14 @@ int Screen::drawSummary(int y, int width) {
     }
     if (summary.size() > shown) {
         putLine(y++, width, fmt::format("... and {} more threads", summary.size() - shown));
+    }
+    if (player_) {
+        putLine(y++, width, player_->clockLine(), A_BOLD);
+    }
+    if (const std::string hint =
+            hintLine(shownHints(hints_.hints(), view_.showOwn), static_cast<std::size_t>(width));
+        !hint.empty()) {
+        putLine(y++, width, hint);
     }
     for (const Sampler::Thread& t : sampler_.threads()) {
         if (const std::string problem = t.problem(); !problem.empty()) {
@@ -304,7 +322,7 @@ void Screen::drawStalls(int top, int height, int width) {
 void Screen::drawHelp(int top, int height, int width) {
     putLine(top, width, "KEYS (any key goes back)", A_REVERSE);
     int y = top + 1;
-    for (const auto& [keys, what] : keyHelp()) {
+    for (const auto& [keys, what] : keyHelp(player_ != nullptr)) {
         if (y >= top + height) {
             break;
         }
@@ -355,12 +373,7 @@ void Screen::drawKeys(int y, int width) {
         putLine(y, width, printable(message_), A_BOLD);
         return;
     }
-    putLine(y, width,
-            pane_ == Pane::detail
-                ? "esc/enter back  up/down scroll  q quit"
-                : "? help  enter detail  / filter  t/l/v/n sort  r invert  T flat  m merge  "
-                  "i idle  e own  o columns  s stalls  q quit",
-            A_REVERSE);
+    putLine(y, width, keyBar(), A_REVERSE);
 }
 
 void Screen::openPane(Pane pane) {
@@ -401,7 +414,14 @@ bool Screen::handleKey(int key) {
     message_.clear();
     const bool stallMove =
         pane_ == Pane::stalls && (key == KEY_UP || key == 'k' || key == KEY_DOWN || key == 'j');
-    if (pane_ == Pane::help || pane_ == Pane::detail || stallMove) {
+    if (pane_ == Pane::help) {
+        return handlePaneKey(key);
+    }
+    // In a replay, Space pauses and plays rather than folding a group.
+    if (replayKey(key)) {
+        return true;
+    }
+    if (pane_ == Pane::detail || stallMove) {
         return handlePaneKey(key);
     }
     int height = 0, width = 0;
@@ -457,6 +477,9 @@ bool Screen::handleKey(int key) {
             break;
         case '?':
             openPane(Pane::help);
+            break;
+        case 'w':
+            openPane(pane_ == Pane::hints ? Pane::table : Pane::hints);
             break;
         case 'f':
             view_.toggleFoldAll();
@@ -567,6 +590,52 @@ void Screen::moveCursor(long delta) {
     const long last = static_cast<long>(lines_.size()) - 1;
     cursor_ = static_cast<std::size_t>(std::clamp(static_cast<long>(cursor_) + delta, 0L, last));
     cursorKey_ = lines_[cursor_].key();
+}
+
+void Screen::replay(Player* player) {
+    player_ = player;
+    if (player_) {
+        player_->follow(&hints_);
+    }
+}
+
+bool Screen::replayKey(int key) {
+    if (!player_ || !player_->key(key)) {
+        return false;
+    }
+    rebuild();
+    return true;
+}
+
+std::string Screen::keyBar() const {
+    if (pane_ == Pane::detail) {
+        return "esc/enter back  up/down scroll  q quit";
+    }
+    // A replay's own keys come first: they are what one reaches for there.
+    std::string bar =
+        player_ ? std::string(player_->paused() ? "space play" : "space pause") + "  , . < > step  "
+                : std::string();
+    return bar +
+           "? help  enter detail  w hints  / filter  t/l/v/n sort  r invert  T flat  m merge  "
+           "i idle  e own  o columns  s stalls  q quit";
+}
+
+Sampler::Clock::time_point Screen::now() const {
+    return player_ ? player_->now() : Sampler::Clock::now();
+}
+
+void Screen::drawHints(int top, int height, int width) {
+    if (height < 2) {
+        return;
+    }
+    putLine(top, width, "HINTS (w: back to the table)", A_REVERSE);
+    const auto lines = hintList(shownHints(hints_.hints(), view_.showOwn),
+                                static_cast<std::size_t>(std::max(width, 1)));
+    for (std::size_t i = 0; i < lines.size() && static_cast<int>(i) + 1 < height; ++i) {
+        const bool title = !lines[i].empty() && lines[i][0] != ' ';
+        putLine(top + 1 + static_cast<int>(i), width, printable(lines[i]),
+                title ? A_BOLD : A_NORMAL);
+    }
 }
 
 void Screen::changeInterval(bool longer) {

@@ -4,8 +4,10 @@
 // then one line per thread with its busy share, "stale Ns" after a thread
 // whose figures are old), any socket failures, a banner for each stalled
 // root, the table with a cursor (a stale thread's rows dimmed), the pane of
-// recent scheduler events, and a line of keys. `s` puts the stalls pane in
-// place of the table, `?` the list of keys, Enter one task in detail. Rows
+// recent scheduler events, and a line of keys. In a replay the recording's
+// clock follows the summary, and the first hint, if any, comes next. `s`
+// puts the stalls pane in place of the table, `w` the hints, `?` the list of
+// keys, Enter one task in detail. Rows
 // needing attention are coloured (Attention.h). The cursor stays on its
 // task as the order changes. A round of requests starts every interval and
 // its answers are shown as they arrive; keys act at once, whatever a socket
@@ -14,6 +16,7 @@
 
 #include "Columns.h"
 #include "Fetcher.h"
+#include "Hints.h"
 #include "Sampler.h"
 #include "TaskTable.h"
 
@@ -21,6 +24,9 @@
 #include <vector>
 
 namespace VelikTop {
+
+class Player;
+class Recorder;
 
 class Screen {
   public:
@@ -35,8 +41,14 @@ class Screen {
     // Shows snapshots until the user quits.
     void run();
 
+    // Writes every answer to `recorder` before showing it.
+    void record(Recorder* recorder) { recorder_ = recorder; }
+    // Shows the frames of `player` in place of answers, its clock under the
+    // summary, and takes its keys.
+    void replay(Player* player);
+
   private:
-    enum class Pane { table, stalls, help, detail };
+    enum class Pane { table, stalls, help, detail, hints };
     enum class Editing { none, filter, columns };
 
     void draw();
@@ -49,6 +61,14 @@ class Screen {
     void drawDetail(int top, int height, int width);
     // Takes the answers that arrived; whether there were any.
     bool takeAnswers();
+
+    // A replay's keys, taken before the table's; whether `key` was one.
+    bool replayKey(int key);
+    // The line of keys at the bottom, for the pane shown.
+    std::string keyBar() const;
+    // The time figures are aged against: the shown frame's in a replay.
+    Sampler::Clock::time_point now() const;
+    void drawHints(int top, int height, int width);
 
     // Acts on one key; false to quit.
     bool handleKey(int key);
@@ -81,6 +101,10 @@ class Screen {
     std::string editText_;      // the column list being typed
     std::string filterBefore_;  // restored by Esc
     std::string message_;       // under the table until the next key
+
+    Recorder* recorder_ = nullptr;
+    Player* player_ = nullptr;
+    HintBoard hints_;
 };
 
 }  // namespace VelikTop

@@ -32,18 +32,6 @@ std::string pad(std::string text, std::size_t width, bool left) {
     return left ? text + fill : fill + text;
 }
 
-// The first `width` cells of `text`, never half a UTF-8 sequence.
-std::string cutCells(const std::string& text, std::size_t width) {
-    std::size_t cells = 0, i = 0;
-    for (; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if ((byte & 0xc0) != 0x80 && cells++ == width) {
-            break;
-        }
-    }
-    return text.substr(0, i);
-}
-
 // The task's cell, its name cut to leave the rest within `width` (0: whole).
 std::string taskColumn(const TableLine& line, std::size_t width) {
     const TaskRow& row = *line.row;
@@ -161,6 +149,17 @@ std::string formatSeconds(double seconds) {
         return fmt::format("{:.2f}ms", seconds * 1e3);
     }
     return fmt::format("{:.2f}s", seconds);
+}
+
+std::string cutCells(const std::string& text, std::size_t width) {
+    std::size_t cells = 0, i = 0;
+    for (; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if ((byte & 0xc0) != 0x80 && cells++ == width) {
+            break;
+        }
+    }
+    return text.substr(0, i);
 }
 
 std::size_t displayWidth(std::string_view text) {

@@ -49,6 +49,8 @@ class TableLayout {
 
 // The columns one sees in terminal cells: UTF-8 sequences count once.
 std::size_t displayWidth(std::string_view text);
+// The first `width` cells of `text`, never half a UTF-8 sequence.
+std::string cutCells(const std::string& text, std::size_t width);
 
 // The lines above the table: the time, the thread and task counts, the
 // interval, the sort order and filter, and the view when not the default

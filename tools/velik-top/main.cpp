@@ -4,6 +4,8 @@
 #include "JsonText.h"
 #include "Options.h"
 #include "Prometheus.h"
+#include "Recording.h"
+#include "Replay.h"
 #include "Sampler.h"
 #include "Screen.h"
 #include "StallText.h"
@@ -21,6 +23,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <thread>
 
 namespace VelikTop {
@@ -108,19 +111,12 @@ void checkFigures(const Sampler& sampler) {
     }
 }
 
-int printOnce(const std::vector<Endpoint>& endpoints, const Options& options) {
-    const double interval = options.interval;
-    Fetcher fetcher(endpoints, options.timeout);
-    Sampler sampler(endpoints);
-    for (int i = 0; i < 2; ++i) {
-        if (i) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(interval));
-        }
-        refreshAll(fetcher, sampler);
-    }
-    checkFigures(sampler);
+// The summary, the failures, the banners and the table, as `--once` prints
+// them, shaped by the table options; stale figures aged against `now`.
+void printTable(const Sampler& sampler, const Options& options, double interval,
+                Sampler::Clock::time_point now) {
     const ViewOptions& view = options.view;
-    const auto views = sampler.views();
+    const auto views = sampler.views(now);
     auto lines = buildTable(views, view);
     if (options.limit && lines.size() > *options.limit) {
         lines.resize(*options.limit);
@@ -136,29 +132,81 @@ int printOnce(const std::vector<Endpoint>& endpoints, const Options& options) {
     for (const std::string& s : stallBanner(sampler.stalledRoots(), sampler.stallRoots())) {
         std::cout << printable(s) << '\n';
     }
-    const TableLayout layout(lines, tableColumns(options, endpoints.size()));
+    const TableLayout layout(lines, tableColumns(options, sampler.threads().size()));
     std::cout << '\n' << layout.heading() << '\n';
     for (const TableLine& line : lines) {
         std::cout << layout.line(line) << '\n';
     }
+}
+
+// A recorder when --record asks for one.
+std::unique_ptr<Recorder> recorderFor(const Options& options,
+                                      const std::vector<Endpoint>& endpoints) {
+    if (options.record.empty()) {
+        return nullptr;
+    }
+    return std::make_unique<Recorder>(options.record, endpoints, options.interval);
+}
+
+int printOnce(const std::vector<Endpoint>& endpoints, const Options& options) {
+    Fetcher fetcher(endpoints, options.timeout);
+    Sampler sampler(endpoints);
+    const auto recorder = recorderFor(options, endpoints);
+    for (int i = 0; i < 2; ++i) {
+        if (i) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(options.interval));
+        }
+        refreshAndRecord(fetcher, sampler, recorder.get());
+    }
+    checkFigures(sampler);
+    printTable(sampler, options, options.interval, Sampler::Clock::now());
     return exitOk;
 }
 
-int runLive(const std::vector<Endpoint>& endpoints, const Options& options) {
-    const double interval = options.interval, timeout = options.timeout;
+void needTerminal() {
     if (!isatty(STDIN_FILENO) || !isatty(STDOUT_FILENO)) {
         throw TopError(exitUsage,
                        "the live view needs a terminal; use --once, --json or --prometheus");
     }
-    Fetcher fetcher(endpoints, timeout);
+}
+
+int runLive(const std::vector<Endpoint>& endpoints, const Options& options) {
+    needTerminal();
+    Fetcher fetcher(endpoints, options.timeout);
     Sampler sampler(endpoints);
-    refreshAll(fetcher, sampler);
+    const auto recorder = recorderFor(options, endpoints);
+    refreshAndRecord(fetcher, sampler, recorder.get());
     // Nothing to show and no stuck thread to name: say why at once.
     if (sampler.snapshots().empty() && sampler.stalledRoots().empty()) {
         checkFigures(sampler);
     }
-    Screen screen(fetcher, sampler, interval);
+    Screen screen(fetcher, sampler, options.interval);
     screen.viewIs(options.view, tableColumns(options, endpoints.size()), options.noColour);
+    screen.record(recorder.get());
+    screen.run();
+    return exitOk;
+}
+
+// --replay: the recording's frames in place of the sockets' answers; with
+// --once, the table of the frame at --at (the last frame without it).
+int runReplay(const Options& options) {
+    const Recording recording = loadRecording(options.replay);
+    Sampler sampler(recording.endpoints);
+    Player player(recording, sampler);
+    if (player.frames() == 0) {
+        throw TopError(exitMalformed, options.replay + ": a recording without a snapshot");
+    }
+    if (options.mode == Mode::once) {
+        player.seek(options.at ? player.frameAt(*options.at) : player.frames() - 1);
+        printTable(sampler, options, recording.interval, player.now());
+        return exitOk;
+    }
+    needTerminal();
+    Fetcher idle({}, options.timeout);
+    Screen screen(idle, sampler, recording.interval);
+    screen.viewIs(options.view, tableColumns(options, recording.endpoints.size()),
+                  options.noColour);
+    screen.replay(&player);
     screen.run();
     return exitOk;
 }
@@ -172,6 +220,9 @@ int run(int argc, char** argv) {
     if (options.mode == Mode::version) {
         std::cout << versionText();
         return exitOk;
+    }
+    if (!options.replay.empty()) {
+        return runReplay(options);
     }
     std::vector<std::string> targets = options.targets;
     if (targets.empty()) {
