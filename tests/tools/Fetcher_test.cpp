@@ -81,39 +81,6 @@ class FetcherTest : public ::testing::Test {
     std::string dir;
 };
 
-// The silent socket's round ends with a time-out, while the answering one's
-// snapshot arrives first, every round.
-TEST_F(FetcherTest, ASilentSocketHoldsBackOnlyItself) {
-    FakeServer silent(dir + "/silent.sock", {});
-    FakeServer good(dir + "/good.sock",
-                    {{"status", "root=\"good\" tid=7 thread=\"good\" state=idle\n"},
-                     {"snapshot", VelikTopTest::snapshotJson({{"a"}})}});
-    const double timeout = 0.3;
-    VelikTop::Fetcher fetcher({{dir + "/silent.sock", "silent"}, {dir + "/good.sock", "good"}},
-                              timeout);
-    const auto begin = Clock::now();
-    EXPECT_EQ(fetcher.startRound(), 2u);
-    const auto results = fetcher.takeWhenDone();
-    // Generous bound: a silent socket's round ends after one time-out.
-    EXPECT_LT(std::chrono::duration<double>(Clock::now() - begin).count(), timeout + 2);
-
-    std::vector<std::string> order;
-    for (const auto& r : results) {
-        if (r.roundEnded) {
-            order.push_back(r.thread == 0 ? "silent" : "good");
-        }
-        if (r.thread == 1 && r.verb == VelikTop::FetchResult::Verb::status) {
-            ASSERT_TRUE(r.status);
-            EXPECT_EQ(r.status->at(0).root, "good");
-        }
-    }
-    EXPECT_EQ(order, (std::vector<std::string>{"good", "silent"}));
-    const auto& last = results.back();
-    ASSERT_TRUE(last.error);
-    EXPECT_EQ(last.error->status(), VelikTop::exitUnreachable);
-    EXPECT_NE(std::string(last.error->what()).find("timed out"), std::string::npos);
-}
-
 // A busy reply is no error, and an old daemon's refusal of the new requests
 // leaves the snapshot alone; a fetcher quits without waiting out a silent
 // socket's time-out.
