@@ -84,37 +84,6 @@ TEST(StallText, PaneListsTheLatestFirstWithTheChosenStallsFrames) {
                                         "    at old()"}));
 }
 
-// One thread answers busy, then fails: its last figures stay, marked stale
-// with their age, until a snapshot comes again.
-TEST(Sampler, FiguresOfAThreadThatStopsAnsweringAreStale) {
-    VelikTop::Sampler sampler({{"/x/main.sock", "main"}, {"/x/io.sock", "io"}});
-    const auto t0 = std::chrono::steady_clock::now();
-    const auto answer = [&](std::size_t thread, double at, auto fill) {
-        VelikTop::FetchResult r;
-        r.thread = thread;
-        r.askedAt = t0 + std::chrono::milliseconds(static_cast<int>(at * 1000));
-        fill(r);
-        sampler.apply(std::move(r));
-    };
-    const auto snapshot = [](VelikTop::FetchResult& r) {
-        r.snapshot = VelikTopTest::fakeSnapshot({{"a"}});
-    };
-    answer(0, 0, snapshot);
-    answer(1, 0, snapshot);
-    answer(0, 1, [](VelikTop::FetchResult& r) { r.busy = VelikTop::BusyReply{1.0, "a"}; });
-    answer(1, 1, [](VelikTop::FetchResult& r) {
-        r.error = VelikTop::TopError(VelikTop::exitUnreachable, "/x/io.sock: timed out");
-    });
-    auto views = sampler.views(t0 + std::chrono::milliseconds(3500));
-    ASSERT_EQ(views.size(), 2u);
-    EXPECT_DOUBLE_EQ(*views[0].staleSeconds, 3.5);
-
-    answer(0, 4, snapshot);
-    views = sampler.views(t0 + std::chrono::seconds(5));
-    EXPECT_FALSE(views[0].staleSeconds);
-    EXPECT_TRUE(views[1].staleSeconds);
-}
-
 // Every socket of a process reports all its roots: one banner per root, from
 // the newest answer.
 TEST(Sampler, StalledRootsOnceEachTheNewestAnswerWins) {
