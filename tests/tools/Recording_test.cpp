@@ -1,16 +1,10 @@
-// Recordings: the snapshot deltas give back every snapshot, and a recording
-// played back shows the table the live view showed.
+// Recordings: played back, one shows the table the live view showed.
 #include "Recording.h"
 #include "Replay.h"
-#include "SnapshotDelta.h"
 #include "TableText.h"
 
 #include "FakeSnapshot.h"
 
-#include <rapidjson/document.h>
-#include <zlib.h>
-
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 
@@ -19,53 +13,6 @@ namespace {
 using VelikTop::FetchResult;
 using VelikTopTest::fakeSnapshot;
 using VelikTopTest::FakeTask;
-
-// Every field of every row, history event and scheduler: a fresh writer
-// writes all of them.
-std::string whole(const VelikTop::ThreadSnapshot& s) {
-    return VelikTop::SnapshotDeltaWriter().write(s);
-}
-
-rapidjson::Document parsed(const std::string& json) {
-    rapidjson::Document doc;
-    doc.Parse<rapidjson::kParseFullPrecisionFlag>(json.c_str());
-    EXPECT_FALSE(doc.HasParseError()) << json;
-    return doc;
-}
-
-VelikTop::ThreadSnapshot withHistory(VelikTop::ThreadSnapshot s, std::vector<std::int64_t> times) {
-    for (const auto t : times) {
-        s.history.push_back({t, "main", "run start", "N x"});
-    }
-    return s;
-}
-
-TEST(SnapshotDelta, GivesBackEachSnapshotAsTasksComeChangeAndGo) {
-    // "a" moves after "g"; "b" goes, "c" comes; a newer event pushes the
-    // oldest out; then nothing changes; then the history starts over.
-    const auto moved =
-        withHistory(fakeSnapshot({{"g", "0x3", 4, 0.4, 0, 0, 0, {}, {{"m", "0x4", 3, 0.3}}},
-                                  {"a", "0x1", 11, 0.1000000000000001},
-                                  {"c", "0x5", 1, 0.01, 0, 0, 0, 0}}),
-                    {40, 30, 20});
-    const std::vector<VelikTop::ThreadSnapshot> snapshots = {
-        withHistory(fakeSnapshot({{"a", "0x1", 10, 0.1},
-                                  {"b", "0x2", 5, 0.05, 0.001, 1, 0, 7},
-                                  {"g", "0x3", 3, 0.3, 0, 0, 0, {}, {{"m", "0x4", 2, 0.2}}}}),
-                    {30, 20, 10}),
-        moved,
-        moved,
-        withHistory(fakeSnapshot({{"a", "0x1", 12, 0.2}}), {5}),
-    };
-    VelikTop::SnapshotDeltaWriter writer;
-    VelikTop::SnapshotDeltaReader reader;
-    std::vector<std::string> deltas;
-    for (const auto& s : snapshots) {
-        deltas.push_back(writer.write(s));
-        EXPECT_EQ(whole(reader.read(parsed(deltas.back()), "main")), whole(s));
-    }
-    EXPECT_EQ(deltas[2], R"({"set":[],"events":[],"kept":3})");
-}
 
 // A socket's answers over a few rounds, as the fetcher hands them over.
 class RecordingTest : public ::testing::Test {

@@ -58,18 +58,6 @@ TEST(StallModel, BusyLineAndStallsDocument) {
     EXPECT_EQ(failureOf([] { VelikTop::parseStalls("{\"roots\":{}}"); }), VelikTop::exitMalformed);
 }
 
-TEST(StallText, BannerShowsTheLatestSampleOfTheOngoingStall) {
-    const auto status = VelikTop::parseStatus(statusReply);
-    const std::vector<VelikTop::RootStatus> stalled{status[0]};
-    EXPECT_EQ(VelikTop::stallBanner(stalled, VelikTop::parseStalls(stallsReply)),
-              (std::vector<std::string>{
-                  "STALLED  root main (thread main, tid 4242)  task \"compactor\"  for 6.213 s",
-                  "    at compactLevel(Level&)", "    at Compactor::taskExecute()",
-                  "    at Task::run()"}));
-    // Without the stalls document, the status's own top frame.
-    EXPECT_EQ(VelikTop::stallBanner(stalled, {}).back(), "    at compactLevel(Level&)");
-}
-
 TEST(StallText, PaneListsTheLatestFirstWithTheChosenStallsFrames) {
     const auto roots = VelikTop::parseStalls(stallsReply);
     const auto entries = VelikTop::stallEntries(roots);

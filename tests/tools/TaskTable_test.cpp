@@ -1,4 +1,4 @@
-// The table: order, filter and folding over a group, and the text columns.
+// The table: order and folding over a group, and the text columns.
 #include "TaskTable.h"
 #include "TableText.h"
 
@@ -48,15 +48,6 @@ TEST_F(TaskTableTest, EachSortKeyOrdersEveryLevel) {
     EXPECT_EQ(names(), (Names{"pool", ".conn:read", ".accept", "quiet", "slow"}));
     view.sort = SortKey::latency;
     EXPECT_EQ(names(), (Names{"slow", "quiet", "pool", ".accept", ".conn:read"}));
-    view.sort = SortKey::violations;
-    EXPECT_EQ(names(), (Names{"quiet", "pool", ".accept", ".conn:read", "slow"}));
-}
-
-TEST_F(TaskTableTest, FilterKeepsMatchesAndTheGroupsAboveThem) {
-    view.filter = "CONN";
-    EXPECT_EQ(names(), (Names{"pool", ".conn:read"}));
-    view.filter = "oo";
-    EXPECT_EQ(names(), (Names{"pool", ".conn:read", ".accept"}));  // the group itself matches
 }
 
 TEST_F(TaskTableTest, FoldingOneGroupOrAll) {
