@@ -1,4 +1,4 @@
-// The Prometheus text exposition: metric families, labels and escaping.
+// The Prometheus text exposition: metric families and labels.
 #include "Prometheus.h"
 
 #include "FakeSnapshot.h"
@@ -49,15 +49,6 @@ TEST(Prometheus, EveryFamilyDeclaredOnceBeforeItsSamples) {
     // Work only for the task that reported some.
     EXPECT_THAT(text, HasSubstr("velik_task_work_total{thread=\"t1\""));
     EXPECT_THAT(text, Not(HasSubstr("velik_task_work_total{thread=\"t2\"")));
-}
-
-TEST(Prometheus, NoControlCharacterOrBrokenUtf8ReachesTheExposition) {
-    VelikTop::ThreadSnapshot snap =
-        VelikTopTest::fakeSnapshot({{.name = "x"}}, "t\x1b]2;title\x07");
-    snap.tasks[0].name = std::string("a\x1b[31m\r\0b\xc2\x9b\xff\"\\\nc", 16);
-    const std::string text = VelikTop::prometheusText({snap});
-    EXPECT_THAT(text, HasSubstr(R"(thread="t\\x1b]2;title\\x07")"));
-    EXPECT_THAT(text, HasSubstr(R"(task="a\\x1b[31m\\x0d\\x00b\\xc2\\x9b\\xff\"\\\nc")"));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include "Sampler.h"
 #include "StallText.h"
 #include "StatsClient.h"
-#include "TableText.h"
 
 namespace {
 
@@ -59,18 +58,6 @@ TEST(StallModel, BusyLineAndStallsDocument) {
     EXPECT_EQ(failureOf([] { VelikTop::parseStalls("{\"roots\":{}}"); }), VelikTop::exitMalformed);
 }
 
-TEST(StallText, BannerShowsTheLatestSampleOfTheOngoingStall) {
-    const auto status = VelikTop::parseStatus(statusReply);
-    const std::vector<VelikTop::RootStatus> stalled{status[0]};
-    EXPECT_EQ(VelikTop::stallBanner(stalled, VelikTop::parseStalls(stallsReply)),
-              (std::vector<std::string>{
-                  "STALLED  root main (thread main, tid 4242)  task \"compactor\"  for 6.213 s",
-                  "    at compactLevel(Level&)", "    at Compactor::taskExecute()",
-                  "    at Task::run()"}));
-    // Without the stalls document, the status's own top frame.
-    EXPECT_EQ(VelikTop::stallBanner(stalled, {}).back(), "    at compactLevel(Level&)");
-}
-
 TEST(StallText, PaneListsTheLatestFirstWithTheChosenStallsFrames) {
     const auto roots = VelikTop::parseStalls(stallsReply);
     const auto entries = VelikTop::stallEntries(roots);
@@ -83,41 +70,6 @@ TEST(StallText, PaneListsTheLatestFirstWithTheChosenStallsFrames) {
     EXPECT_EQ(VelikTop::stallFrames(entries[1]),
               (std::vector<std::string>{"stall 1 of root main in task \"flush\", sample at 1.600",
                                         "    at old()"}));
-}
-
-// One thread answers busy, then fails: its last figures stay, marked stale
-// with their age, until a snapshot comes again.
-TEST(Sampler, FiguresOfAThreadThatStopsAnsweringAreStale) {
-    VelikTop::Sampler sampler({{"/x/main.sock", "main"}, {"/x/io.sock", "io"}});
-    const auto t0 = std::chrono::steady_clock::now();
-    const auto answer = [&](std::size_t thread, double at, auto fill) {
-        VelikTop::FetchResult r;
-        r.thread = thread;
-        r.askedAt = t0 + std::chrono::milliseconds(static_cast<int>(at * 1000));
-        fill(r);
-        sampler.apply(std::move(r));
-    };
-    const auto snapshot = [](VelikTop::FetchResult& r) {
-        r.snapshot = VelikTopTest::fakeSnapshot({{"a"}});
-    };
-    answer(0, 0, snapshot);
-    answer(1, 0, snapshot);
-    answer(0, 1, [](VelikTop::FetchResult& r) { r.busy = VelikTop::BusyReply{1.0, "a"}; });
-    answer(1, 1, [](VelikTop::FetchResult& r) {
-        r.error = VelikTop::TopError(VelikTop::exitUnreachable, "/x/io.sock: timed out");
-    });
-    auto views = sampler.views(t0 + std::chrono::milliseconds(3500));
-    ASSERT_EQ(views.size(), 2u);
-    EXPECT_DOUBLE_EQ(*views[0].staleSeconds, 3.5);
-    EXPECT_EQ(sampler.threads()[0].problem(), "/x/main.sock: thread busy for 1.0 s in task \"a\"");
-    EXPECT_TRUE(VelikTop::buildTable(views, {})[0].stale);
-    const auto summary = VelikTop::formatSummary(views, {}, 2, 1);
-    EXPECT_EQ(summary[1].substr(summary[1].size() - 10), "  stale 3s");
-
-    answer(0, 4, snapshot);
-    views = sampler.views(t0 + std::chrono::seconds(5));
-    EXPECT_FALSE(views[0].staleSeconds);
-    EXPECT_TRUE(views[1].staleSeconds);
 }
 
 // Every socket of a process reports all its roots: one banner per root, from
