@@ -67,7 +67,6 @@ TEST_P(CoroutineFamily, EachWaitResumesThroughTheLoop) {
                               &trace, Velik::time());
         Platform::doEventLoop(10.0);
         EXPECT_EQ(trace, (Trace{"slept 2.00", "until 5.00", "zero"}));
-        EXPECT_EQ(sleeping->taskRunCount(), 4u);
         EXPECT_EQ(sleeping->coroutineWait(), CoroutineWait::done);
 
         VelikTest::Pipe in(true);
@@ -84,7 +83,6 @@ TEST_P(CoroutineFamily, EachWaitResumesThroughTheLoop) {
         char c = 0;
         EXPECT_EQ(read(out.fds[0], &c, 1), 1);
         EXPECT_EQ(trace.back(), "echoed x");
-        EXPECT_EQ(echo->taskRunCount(), 3u);
 
         auto sliced =
             spawn(schedulerRootVelik(), TaskPriority::normal, "slices", slices, &trace, 5);
