@@ -62,41 +62,27 @@ class MetricsEndpointTest : public VelikTest::FamilyTest {
         }
         return done();
     }
-    std::string ask(std::uint16_t port, std::string_view request, bool shutWrite = false) {
+    std::string ask(std::uint16_t port, std::string_view request) {
         Client client(port);
         client.send(request);
-        if (shutWrite) {
-            shutdown(client.fd, SHUT_WR);
-        }
         EXPECT_TRUE(pumpUntil([&] { return client.ended(); })) << request;
         return client.got;
     }
 };
 
 // A second thread with a root, a task and a loop, until it is told to stop.
-class Worker {
-  public:
-    Worker()
-        : thread_([this] {
-              Velik::useThreadLocalSingletons();
-              auto root = Velik::schedulerRootVelik();
-              auto job = std::make_shared<ProbeTask>(root.get(), TaskPriority::normal, "job");
-              job->scheduleTask();
-              ready_.set_value(Velik::inbox());
-              Velik::Platform::doEventLoop();
-          }),
-          inbox(ready_.get_future().get()) {}
-    ~Worker() {
-        Velik::stopEventLoop(inbox);
-        thread_.join();
-    }
-
-  private:
-    std::promise<std::shared_ptr<Velik::Inbox>> ready_;
-    std::thread thread_;
-
-  public:
-    std::shared_ptr<Velik::Inbox> inbox;
+struct Worker {
+    ~Worker() { Velik::stopEventLoop(inbox); }
+    std::promise<std::shared_ptr<Velik::Inbox>> ready;
+    std::jthread thread{[this] {
+        Velik::useThreadLocalSingletons();
+        auto job = std::make_shared<ProbeTask>(Velik::schedulerRootVelik().get(),
+                                               TaskPriority::normal, "job");
+        job->scheduleTask();
+        ready.set_value(Velik::inbox());
+        Velik::Platform::doEventLoop();
+    }};
+    std::shared_ptr<Velik::Inbox> inbox = ready.get_future().get();
 };
 
 TEST_P(MetricsEndpointTest, ScrapesItsOwnThreadAndAnotherThroughItsInbox) {
@@ -139,12 +125,11 @@ TEST_P(MetricsEndpointTest, RefusalsHaveTheirStatusAndTheEndpointCarriesOn) {
         options.maxClients = 1;
         auto endpoint = Velik::serveMetrics({{}}, "127.0.0.1:0", options);
         const std::uint16_t port = endpoint->port();
-        const auto status = [&](std::string_view request, bool shutWrite = false) {
-            const std::string reply = ask(port, request, shutWrite);
+        const auto status = [&](std::string_view request) {
+            const std::string reply = ask(port, request);
             return reply.substr(0, reply.find("\r\n"));
         };
         EXPECT_EQ(status("GET /other HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found");
-        EXPECT_EQ(status("POST /other HTTP/1.1\r\n\r\n"), "HTTP/1.1 404 Not Found");
         const std::string post = ask(port, "POST /metrics HTTP/1.1\r\nContent-Length: 2\r\n\r\nab");
         EXPECT_THAT(post, StartsWith("HTTP/1.1 405 Method Not Allowed\r\n"));
         EXPECT_THAT(post, HasSubstr("\r\nAllow: GET, HEAD\r\n"));
@@ -152,9 +137,6 @@ TEST_P(MetricsEndpointTest, RefusalsHaveTheirStatusAndTheEndpointCarriesOn) {
         EXPECT_TRUE(post.ends_with("\r\n\r\nMethod Not Allowed\n"));
         EXPECT_EQ(status("GET /metrics HTTP/1.1\r\nBad Header\r\n\r\n"),
                   "HTTP/1.1 400 Bad Request");
-        EXPECT_EQ(status("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03"),
-                  "HTTP/1.1 400 Bad Request");
-        EXPECT_EQ(status("GET /metrics HTTP/1.1\r\nHost: x\r\n", true), "HTTP/1.1 400 Bad Request");
         // Bounds: 8192 bytes and 64 headers.
         std::string headers;
         for (int i = 0; i < 64; ++i) {

@@ -163,9 +163,6 @@ TEST_F(StallRequestsTest, SnapshotGetsTheBusyLineAfterTheBoundOrTheRealReplyOnce
     EXPECT_LT(busy.seconds, 2.5);
     // The same for every request that needs the root's thread.
     EXPECT_THAT(ask(path, "inbox\n").text, testing::StartsWith("error: thread busy for "));
-    // Refusals need no root: at once, with the endpoint's texts.
-    EXPECT_EQ(ask(path, "bogus\n").text,
-              "error: unknown verb, ask for snapshot, report or history\n");
     std::promise<void> spun;
     served.run([&] { spun.set_value(); });
     spun.get_future().wait();
@@ -204,28 +201,10 @@ TEST_F(StallRequestsTest, EndpointDestroyedWhileTheSideServerHoldsItsClient) {
     EXPECT_LT(reply.seconds, 3.0);
 }
 
-// On a free root the root's own connection answers, naming its running task.
-TEST_F(StallRequestsTest, StatusFromAFreeRootAndServeStatsStartsTheSentinel) {
-    Velik::stopWatchingStalls();
-    {
-        Velik::StatsEndpointOptions options;
-        options.watchStalls = false;
-        ServedThread served(path, options);
-        EXPECT_FALSE(Velik::watchingStalls());
-    }
-    ServedThread served(path, {});
-    EXPECT_TRUE(Velik::watchingStalls());
-    const Reply status = ask(path, "status\n");
-    EXPECT_THAT(status.text, testing::StartsWith("root=\"" + served.rootName + "\""));
-    EXPECT_THAT(status.text,
-                testing::MatchesRegex(R"(root="[^"]*" tid=[0-9]+ thread="[^"]*" state=running )"
-                                      R"(for=[0-9]+\.[0-9]{3} task="L StatsEndpoint:client:read"
-(.|
-)*)"));
-}
-
-// The application holds the signal: stats are served all the same.
-TEST_F(StallRequestsTest, ServedWithoutTheSentinelWhenTheSignalIsTaken) {
+// The application may hold the sentinel's signal: stats are served all the
+// same. Otherwise serving starts the sentinel. On a free root the root's own
+// connection answers, naming its running task.
+TEST_F(StallRequestsTest, StatusFromAFreeRootWithOrWithoutTheSentinel) {
     Velik::stopWatchingStalls();
     struct sigaction mine {
     }, previous{};
@@ -237,6 +216,14 @@ TEST_F(StallRequestsTest, ServedWithoutTheSentinelWhenTheSignalIsTaken) {
         EXPECT_THAT(ask(path, "status\n").text, testing::HasSubstr("state=running"));
     }
     sigaction(SIGRTMIN + 3, &previous, nullptr);
+    ServedThread served(path, {});
+    EXPECT_TRUE(Velik::watchingStalls());
+    EXPECT_THAT(ask(path, "status\n").text,
+                testing::MatchesRegex("root=\"" + served.rootName +
+                                      R"(" tid=[0-9]+ thread="[^"]*" state=running )"
+                                      R"(for=[0-9]+\.[0-9]{3} task="L StatsEndpoint:client:read"
+(.|
+)*)"));
 }
 
 TEST(StallReplies, QuotedFieldsEscapeQuotesBackslashesAndControlBytes) {

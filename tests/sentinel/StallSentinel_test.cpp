@@ -3,17 +3,14 @@
 #include <Velik/Exception.h>
 #include <Velik/StallSentinel.h>
 #include <Velik/Task.h>
-#include <Velik/TaskGroup.h>
 #include <Velik/TaskSchedulerRoot.h>
 
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <unistd.h>
 
-#include <dirent.h>
 #include <atomic>
 #include <condition_variable>
-#include <fstream>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -136,39 +133,33 @@ class StallSentinelTest : public testing::Test {
     std::vector<std::pair<StallEvent, StallRecord>> notices;
 };
 
+// Every sample interrupts the spinning function itself: it is the innermost
+// frame.
 TEST_F(StallSentinelTest, SpinningTaskIsRecordedWhileStuckAndWhenItEnds) {
-    std::thread thread = stuckThread("spin", [] { velikStallTestSpin(300ms); });
+    std::atomic<bool> stop{false};
+    std::thread thread = stuckThread("spin", [&] { velikStallTestLeafSpin(&stop); });
     auto started = awaitNotice("spin", StallEvent::started);
-    ASSERT_TRUE(started);
-    // Read from here while the thread is still stuck.
-    bool seen = false;
-    for (const auto& status : Velik::rootRunStatuses()) {
-        if (status.rootName == "spin") {
-            seen = true;
-            EXPECT_TRUE(status.running && status.stalled);
-            EXPECT_EQ(status.taskName, "N stuck");
-            EXPECT_EQ(status.taskId, started->taskId);
-            EXPECT_GE(status.runningFor, 20ms);
-        }
-    }
-    EXPECT_TRUE(seen);
+    std::this_thread::sleep_for(300ms);
+    stop = true;
     thread.join();
+    ASSERT_TRUE(started);
+    ASSERT_FALSE(started->samples.empty());
+    ASSERT_FALSE(started->samples.back().frames.empty());
+    EXPECT_THAT(started->samples.back().frames.front(), HasSubstr("velikStallTestLeafSpin"));
+    EXPECT_THAT(Velik::stallTopFrame(*started), HasSubstr("velikStallTestLeafSpin"));
     auto ended = awaitNotice("spin", StallEvent::ended);
     ASSERT_TRUE(ended);
     EXPECT_EQ(ended->id, started->id);
     EXPECT_TRUE(ended->ended);
-    EXPECT_EQ(ended->taskName, "N stuck");
     EXPECT_EQ(ended->threshold, 20ms);
     EXPECT_GE(ended->duration, 290ms);
     EXPECT_LT(ended->duration, 5s);
     EXPECT_GE(ended->sampleCount, 3u);
     EXPECT_LE(ended->samples.size(), 8u);
-    EXPECT_TRUE(framesMention(*ended, "velikStallTestSpin"));
     // The ring holds the same, ended.
     auto records = recordsOf("spin");
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].duration, ended->duration);
-    EXPECT_EQ(records[0].tid, ended->tid);
 }
 
 TEST_F(StallSentinelTest, ThreadBlockedInReadIsSampledAndItsReadResumes) {
@@ -188,19 +179,6 @@ TEST_F(StallSentinelTest, ThreadBlockedInReadIsSampledAndItsReadResumes) {
     EXPECT_TRUE(awaitNotice("reader", StallEvent::ended));
     close(fds[0]);
     close(fds[1]);
-}
-
-TEST_F(StallSentinelTest, InterruptedFunctionIsTheInnermostFrame) {
-    std::atomic<bool> stop{false};
-    std::thread thread = stuckThread("leaf", [&] { velikStallTestLeafSpin(&stop); });
-    auto started = awaitNotice("leaf", StallEvent::started);
-    stop = true;
-    thread.join();
-    ASSERT_TRUE(started);
-    ASSERT_FALSE(started->samples.empty());
-    ASSERT_FALSE(started->samples.back().frames.empty());
-    EXPECT_THAT(started->samples.back().frames.front(), HasSubstr("velikStallTestLeafSpin"));
-    EXPECT_THAT(Velik::stallTopFrame(*started), HasSubstr("velikStallTestLeafSpin"));
 }
 
 TEST_F(StallSentinelTest, TaskInsideMallocIsSampledWithoutDeadlock) {
@@ -242,26 +220,12 @@ TEST_F(StallSentinelTest, ThreadThatExitsWhileStalledKeepsItsRecord) {
     }
 }
 
-int sentinelThreads() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = readdir(dir)) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-        std::string name;
-        count += std::getline(comm, name) && name == "velik-sentinel";
-    }
-    closedir(dir);
-    return count;
-}
-
 TEST_F(StallSentinelTest, SecondStartAdjustsOptionsAndLongTasksMayBeAllowed) {
     options.threshold = 10s;
     Velik::watchStalls(options);
-    EXPECT_EQ(sentinelThreads(), 1);
     stuckThread("relaxed", [] { velikStallTestSpin(100ms); }).join();
     options.threshold = 20ms;
     Velik::watchStalls(options);
-    EXPECT_EQ(sentinelThreads(), 1);
     // A task allowed 10 s runs 100 ms unreported; its root's threshold
     // would otherwise apply, and does once the task's own is cleared.
     stuckThread(
@@ -299,31 +263,6 @@ TEST(StallSentinelSignal, ApplicationHandlerIsNeverReplaced) {
     EXPECT_THROW(Velik::watchStalls(options), Velik::OutOfRangeException);
     action.sa_handler = SIG_DFL;
     sigaction(signal, &action, nullptr);
-}
-
-// Nested runs publish the innermost task and put the outer one back; a run
-// left by an exception is unpublished too.
-TEST(RunPublication, InnermostRunIsPublishedAndTheOuterOneRestored) {
-    auto root = handRoot("nested");
-    auto group =
-        std::make_shared<Velik::TaskGroup>("group", Velik::TaskPriority::normal, false, root);
-    const Velik::TaskImpl* seenInside = nullptr;
-    std::shared_ptr<BodyTask> inner = std::make_shared<BodyTask>(
-        group.get(), "inner", [&] { seenInside = root->runPublication().current().task; });
-    inner->scheduleTask();
-    root->handleSchedulerRun();
-    EXPECT_EQ(seenInside, inner.get());
-    auto snapshot = root->runPublication().read();
-    EXPECT_EQ(snapshot.running.task, nullptr);
-    EXPECT_EQ(snapshot.ended.task, group->parentTask().get());  // the outer run ended last
-
-    auto thrower =
-        std::make_shared<BodyTask>(root.get(), "thrower", [] { throw std::runtime_error("out"); });
-    thrower->scheduleTask();
-    EXPECT_THROW(root->handleSchedulerRun(), std::runtime_error);
-    snapshot = root->runPublication().read();
-    EXPECT_EQ(snapshot.running.task, nullptr);
-    EXPECT_EQ(snapshot.ended.task, thrower.get());
 }
 
 }  // namespace

@@ -51,10 +51,6 @@ TEST_F(RunHistogramsTest, EachSchedulerCountsItsOwnRunsAndTheResetsClearThem) {
     EXPECT_EQ(group->runHistograms()->runTime.sumNs(), 9000);
     EXPECT_EQ(own->taskHistograms()->runTime.sumNs(), 15000);
 
-    group->runHistogramsIs(false);  // freed; on again starts empty
-    group->runHistogramsIs(true);
-    EXPECT_EQ(group->runHistograms()->runTime.count(), 0u);
-
     root->clearStats();
     EXPECT_EQ(r.runTime.count() + own->taskHistograms()->latency.count(), 0u);
     own->scheduleTask();
@@ -89,24 +85,6 @@ TEST_F(RunHistogramsTest, TimerLatenessRunsFromTheExpiryToTheStartOfTheRunItCaus
     EXPECT_GE(lateness.maxNs(), 30'000'000);
     EXPECT_LE(lateness.maxNs(), 45'000'000);
     EXPECT_EQ(timer->taskHistograms()->timerLateness.maxNs(), lateness.maxNs());
-
-    // Armed for a time long past: the wheel's next pass is 2 s late.
-    timer->scheduleTaskAt(Velik::time() - 2.0);
-    Velik::Platform::doEventLoop(0.1);
-    runUntilIdle();
-    ASSERT_EQ(lateness.count(), 2u);
-    EXPECT_NEAR(lateness.maxNs(), 2e9, 0.2e9);
-
-    // Run directly, or re-armed after the expiry and before the run: none.
-    timer->scheduleTask();
-    runUntilIdle();
-    timer->scheduleTaskDelay(0.5);
-    Velik::Platform::doEventLoop(1.0);
-    timer->scheduleTaskDelay(5.0);
-    timer->scheduleTask();
-    runUntilIdle();
-    EXPECT_EQ(timer->runsAt.size(), 4u);
-    EXPECT_EQ(lateness.count(), 2u);
 }
 
 using Keys = std::vector<std::string>;
