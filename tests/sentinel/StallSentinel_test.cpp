@@ -1,8 +1,10 @@
 // The stall sentinel against real stuck threads: wall time by nature, kept
 // short (20 ms threshold and interval) with generous upper bounds.
 #include <Velik/Exception.h>
+#include <Velik/RunPublication.h>
 #include <Velik/StallSentinel.h>
 #include <Velik/Task.h>
+#include <Velik/TaskGroup.h>
 #include <Velik/TaskSchedulerRoot.h>
 
 #include <gmock/gmock.h>
@@ -11,6 +13,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <stdexcept>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -263,6 +266,31 @@ TEST(StallSentinelSignal, ApplicationHandlerIsNeverReplaced) {
     EXPECT_THROW(Velik::watchStalls(options), Velik::OutOfRangeException);
     action.sa_handler = SIG_DFL;
     sigaction(signal, &action, nullptr);
+}
+
+// Nested runs publish the innermost task and put the outer one back; a run
+// left by an exception is unpublished too.
+TEST(RunPublication, InnermostRunIsPublishedAndTheOuterOneRestored) {
+    auto root = handRoot("nested");
+    auto group =
+        std::make_shared<Velik::TaskGroup>("group", Velik::TaskPriority::normal, false, root);
+    const Velik::TaskImpl* seenInside = nullptr;
+    std::shared_ptr<BodyTask> inner = std::make_shared<BodyTask>(
+        group.get(), "inner", [&] { seenInside = root->runPublication().current().task; });
+    inner->scheduleTask();
+    root->handleSchedulerRun();
+    EXPECT_EQ(seenInside, inner.get());
+    auto snapshot = root->runPublication().read();
+    EXPECT_EQ(snapshot.running.task, nullptr);
+    EXPECT_EQ(snapshot.ended.task, group->parentTask().get());  // the outer run ended last
+
+    auto thrower =
+        std::make_shared<BodyTask>(root.get(), "thrower", [] { throw std::runtime_error("out"); });
+    thrower->scheduleTask();
+    EXPECT_THROW(root->handleSchedulerRun(), std::runtime_error);
+    snapshot = root->runPublication().read();
+    EXPECT_EQ(snapshot.running.task, nullptr);
+    EXPECT_EQ(snapshot.ended.task, thrower.get());
 }
 
 }  // namespace
