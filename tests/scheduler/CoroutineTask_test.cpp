@@ -11,8 +11,12 @@
 #include "platform/Pipe.h"
 #include "scheduler/SchedulerFixture.h"
 
+#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -217,6 +221,72 @@ TEST_F(CoroutineTest, AnAwaiterDroppedFirstLeavesTheList) {
     EXPECT_EQ(trace, Trace{"got 1"});
     EXPECT_TRUE(a->coroutineDone());
     EXPECT_TRUE(third->coroutineDone());
+}
+
+// Whether an epoll set of this process watches `fd` for readability: the
+// kernel's view of the watch, whatever the control believes.
+bool epollWatchesReads(int fd) {
+    namespace fs = std::filesystem;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (fs::read_symlink(entry.path(), error) != "anon_inode:[eventpoll]") {
+            continue;
+        }
+        std::ifstream info("/proc/self/fdinfo/" + entry.path().filename().string());
+        for (std::string line; std::getline(info, line);) {
+            int target = -1;
+            unsigned events = 0;
+            if (std::sscanf(line.c_str(), "tfd: %d events: %x", &target, &events) == 2 &&
+                target == fd && (events & EPOLLIN) != 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// Reads a byte after each of `count` waits, then sleeps with the descriptor
+// left readable.
+Co<> byteReader(int fd, int count, Trace* trace) {
+    for (int i = 0; i < count; ++i) {
+        co_await readable(fd);
+        char c = 0;
+        EXPECT_EQ(read(fd, &c, 1), 1);
+        trace->push_back("read");
+    }
+    co_await sleepFor(60.0);
+    trace->push_back("slept");
+}
+
+// The read watch stays armed from a wait to the next one on the same
+// descriptor, reports while the task is queued are the run's, and the watch
+// ends with the first run that does not wait on it again.
+TEST_F(CoroutineTest, TheReadWatchStaysArmedFromOneWaitToTheNext) {
+    VelikTest::Pipe pipe(true);
+    const int fd = pipe.fds[0];
+    Trace trace;
+    auto reader = spawn(root, TaskPriority::normal, "reader", byteReader, fd, 2, &trace);
+    runUntilIdle();
+    EXPECT_TRUE(epollWatchesReads(fd));
+    pipe.put();
+    pipe.put();
+    Platform::doEventLoop(0.0);  // reported: queued
+    EXPECT_EQ(reader->coroutineWait(), CoroutineWait::ready);
+    EXPECT_TRUE(epollWatchesReads(fd));
+    Platform::doEventLoop(0.0);  // reported again while queued: left to the run
+    runUntilIdle();              // reads one; the other is still there
+    EXPECT_EQ(trace, Trace{"read"});
+    EXPECT_EQ(reader->coroutineWait(), CoroutineWait::readable);
+    EXPECT_TRUE(epollWatchesReads(fd));
+    Platform::doEventLoop(0.0);
+    runUntilIdle();  // reads the second, then sleeps
+    EXPECT_EQ(trace, (Trace{"read", "read"}));
+    EXPECT_EQ(reader->coroutineWait(), CoroutineWait::timer);
+    EXPECT_FALSE(epollWatchesReads(fd));
+    pipe.put();
+    Platform::doEventLoop(0.0);  // nobody watches: no report reaches the sleeper
+    EXPECT_EQ(reader->coroutineWait(), CoroutineWait::timer);
+    EXPECT_EQ(reader->taskRunCount(), 3u);
 }
 
 TEST_F(CoroutineTest, ACoroutineOutsideSpawnAsserts) {
