@@ -36,10 +36,11 @@ extern "C" [[gnu::noinline]] ssize_t velikStallTestRead(int fd, char* byte) {
     return got;
 }
 
-// A loop that calls nothing until told to stop: every backtrace interrupts
-// this very function, so it must be the innermost frame.
-extern "C" [[gnu::noinline]] void velikStallTestLeafSpin(const std::atomic<bool>* stop) {
-    while (!stop->load(std::memory_order_relaxed)) {
+// A loop that calls nothing until told to stop (the builtin load is no call
+// even unoptimised): every backtrace interrupts this very function, so it
+// must be the innermost frame.
+extern "C" [[gnu::noinline]] void velikStallTestLeafSpin(const bool* stop) {
+    while (!__atomic_load_n(stop, __ATOMIC_RELAXED)) {
         asm volatile("" ::: "memory");
     }
 }
@@ -139,11 +140,11 @@ class StallSentinelTest : public testing::Test {
 // Every sample interrupts the spinning function itself: it is the innermost
 // frame.
 TEST_F(StallSentinelTest, SpinningTaskIsRecordedWhileStuckAndWhenItEnds) {
-    std::atomic<bool> stop{false};
+    bool stop = false;
     std::thread thread = stuckThread("spin", [&] { velikStallTestLeafSpin(&stop); });
     auto started = awaitNotice("spin", StallEvent::started);
     std::this_thread::sleep_for(300ms);
-    stop = true;
+    __atomic_store_n(&stop, true, __ATOMIC_RELAXED);
     thread.join();
     ASSERT_TRUE(started);
     ASSERT_FALSE(started->samples.empty());
