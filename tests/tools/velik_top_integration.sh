@@ -4,51 +4,9 @@
 # usage: velik_top_integration.sh VELIK_DEMO VELIK_TOP
 set -euo pipefail
 
-demo=$1
-top=$2
-command -v tmux >/dev/null || { echo "tmux is not installed: skipped"; exit 77; }
+. "$(dirname "$0")/velik_top_lib.sh"
 
-work=$(mktemp -d)
-stats=$work/stats
-tmux_server=velik-top-test-$$
-demo_pid=
-silent_pid=
-cleanup() {
-    local rc=$?
-    [[ -z $silent_pid ]] || kill "$silent_pid" 2>/dev/null || true
-    tmux -L "$tmux_server" kill-server 2>/dev/null || true
-    if [[ -n $demo_pid ]]; then
-        kill "$demo_pid" 2>/dev/null || true
-        wait "$demo_pid" 2>/dev/null || true
-    fi
-    rm -rf "$work"
-    exit "$rc"
-}
-trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
-expect_in() {  # TEXT PATTERN WHAT
-    grep -qE -- "$2" <<<"$1" || { printf '%s\n' "$1" >&2; fail "$3: no /$2/"; }
-}
-
-# Up to TRIES tenths of a second for CONDITION to hold.
-wait_for() {
-    local tries=$1
-    shift
-    for ((i = 0; i < tries; ++i)); do
-        "$@" && return 0
-        sleep 0.1
-    done
-    return 1
-}
-
-"$demo" --seconds 30 --stats-dir "$stats" >"$work/demo.out" 2>&1 &
-demo_pid=$!
-wait_for 100 test -S "$stats/main.sock" -a -S "$stats/background.sock" ||
-    fail "the demo serves no stats sockets in $stats: $(cat "$work/demo.out")"
+start_demo --seconds 30
 
 # --once: two snapshots, so the rates are real.
 once=$("$top" --once -i 0.5 "$stats")
@@ -118,19 +76,11 @@ set +e
 set -e
 [[ $rc -eq 2 ]] || fail "a bad option exits $rc"
 
-# One session that outlives the others keeps the server up: when the last
-# session ends, the server exits, and a session made at that moment fails.
-tmux -L "$tmux_server" new-session -d -s keeper "sleep 600"
+keep_tmux_server
 # The live view in a 160x50 terminal.
-tmux -L "$tmux_server" new-session -d -s top -x 160 -y 50 "$top -i 0.5 $stats"
-screen() { tmux -L "$tmux_server" capture-pane -p -t top; }
-keys() { tmux -L "$tmux_server" send-keys -t top "$@"; }
-shows() { screen | grep -qE -- "$1"; }
+open_view top 160 50 "$top -i 0.5 $stats"
 # The table alone, without the history pane below it.
 table_lacks() { ! screen | sed -n '/^TASK/,/^RECENT EVENTS/p' | grep -q -- "$1"; }
-expect_screen() {
-    wait_for 50 shows "$1" || { screen >&2; fail "$2: no /$1/ on the screen"; }
-}
 
 expect_screen 'connection:read' "live view of the demo's tasks"
 expect_screen '^RECENT EVENTS' "history pane"
@@ -154,7 +104,7 @@ keys / c o n Enter  # a new filter, not "listencon"
 expect_screen 'filter: "con"' "a fresh filter"
 keys C-u
 expect_screen 'connection:read' "clearing the filter"
-wait_for 20 bash -c "! tmux -L $tmux_server capture-pane -p -t top | grep -q 'filter: '" ||
+wait_for 20 lacks 'filter: ' ||
     fail "Ctrl-U left the filter"
 keys t f  # the busiest first, so the group is in sight
 wait_for 20 table_lacks connection:read || fail "folding all groups still shows their tasks"
@@ -167,12 +117,10 @@ keys s
 expect_screen '^TASK' "the table again"
 
 keys q
-wait_for 30 bash -c "! tmux -L $tmux_server has-session -t top 2>/dev/null" || fail "q did not quit"
+wait_for 30 gone || fail "q did not quit"
 
 # At 80 x 24 the names come first and stay readable; the keys at work.
-tmux -L "$tmux_server" new-session -d -s small -x 80 -y 24 "$top -i 0.5 $stats"
-screen() { tmux -L "$tmux_server" capture-pane -p -t small; }
-keys() { tmux -L "$tmux_server" send-keys -t small "$@"; }
+open_view small 80 24 "$top -i 0.5 $stats"
 expect_screen '^\[-\] TaskGroup;connections ' "a group's name at 80 columns"
 expect_screen '^ +connection:read x[0-9]+ ' "merged names at 80 columns"
 expect_screen '^TASK +SP +RUN/s' "the heading at 80 columns"
@@ -203,9 +151,7 @@ keys q
 
 # Colour: on a 200 x 50 terminal every column is in sight; NO_COLOR leaves
 # only attributes, never a colour.
-tmux -L "$tmux_server" new-session -d -s wide -x 200 -y 50 "NO_COLOR=1 $top -i 0.3 $stats"
-screen() { tmux -L "$tmux_server" capture-pane -p -t wide; }
-keys() { tmux -L "$tmux_server" send-keys -t wide "$@"; }
+open_view wide 200 50 "NO_COLOR=1 $top -i 0.3 $stats"
 expect_screen '^TASK .* SCHEDULER +THREAD$' "every column at 200"
 expect_screen 'connection:read x[0-9]+' "the tasks at 200"
 sleep 1.5  # a few refreshes, so violations can rise
@@ -225,7 +171,7 @@ held = []
 while True:
     held.append(s.accept()[0])
 ' "$work/silent/silent.sock" &
-    silent_pid=$!
+    side_pids+=($!)
     wait_for 50 test -S "$work/silent/silent.sock" || fail "no silent socket"
     once=$("$top" --once -i 0.2 -t 0.5 "$stats" "$work/silent/silent.sock")
     expect_in "$once" '^thread main: busy' "--once beside a silent socket"
@@ -233,10 +179,7 @@ while True:
     "$top" --json -t 0.5 "$stats" "$work/silent" |
         jq -e '.silent.stale == true and (.main.schedulers | length > 0)' >/dev/null ||
         fail "--json does not mark the silent socket"
-    tmux -L "$tmux_server" new-session -d -s silent -x 160 -y 50 \
-        "$top -i 0.5 -t 0.5 $stats $work/silent/silent.sock"
-    screen() { tmux -L "$tmux_server" capture-pane -p -t silent; }
-    keys() { tmux -L "$tmux_server" send-keys -t silent "$@"; }
+    open_view silent 160 50 "$top -i 0.5 -t 0.5 $stats $work/silent/silent.sock"
     expect_screen 'silent.sock: timed out' "the live view naming the silent socket"
     expect_screen 'connection:read' "the live view beside a silent socket"
     keys n

@@ -6,63 +6,14 @@
 # usage: velik_top_stall.sh VELIK_DEMO VELIK_TOP
 set -euo pipefail
 
-demo=$1
-top=$2
-command -v tmux >/dev/null || { echo "tmux is not installed: skipped"; exit 77; }
-command -v jq >/dev/null || { echo "jq is not installed: skipped"; exit 77; }
-
-work=$(mktemp -d)
-stats=$work/stats
-tmux_server=velik-top-stall-$$
-demo_pid=
-side_pids=()
-cleanup() {
-    local rc=$?
-    for pid in "${side_pids[@]}"; do
-        kill "$pid" 2>/dev/null || true
-    done
-    tmux -L "$tmux_server" kill-server 2>/dev/null || true
-    if [[ -n $demo_pid ]]; then
-        kill "$demo_pid" 2>/dev/null || true
-        wait "$demo_pid" 2>/dev/null || true
-    fi
-    rm -rf "$work"
-    exit "$rc"
-}
-trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    exit 1
-}
-expect_in() {  # TEXT PATTERN WHAT
-    grep -qE -- "$2" <<<"$1" || { printf '%s\n' "$1" >&2; fail "$3: no /$2/"; }
-}
-# Up to TRIES tenths of a second for CONDITION to hold.
-wait_for() {
-    local tries=$1
-    shift
-    for ((i = 0; i < tries; ++i)); do
-        "$@" && return 0
-        sleep 0.1
-    done
-    return 1
-}
+. "$(dirname "$0")/velik_top_lib.sh"
+need jq
 
 # A light load, so that the stall is the only thing that holds the thread.
-"$demo" --seconds 13 --stall 6,100 --clients 1 --connections 20 --stats-dir "$stats" \
-    --json "$work/demo.json" >"$work/demo.out" 2>&1 &
-demo_pid=$!
-wait_for 100 test -S "$stats/main.sock" -a -S "$stats/background.sock" ||
-    fail "the demo serves no stats sockets in $stats: $(cat "$work/demo.out")"
+start_demo --seconds 13 --stall 6,100 --clients 1 --connections 20 --json "$work/demo.json"
 
-tmux -L "$tmux_server" new-session -d -s top -x 200 -y 50 "$top -i 0.5 $stats"
-screen() { tmux -L "$tmux_server" capture-pane -p -t top; }
-keys() { tmux -L "$tmux_server" send-keys -t top "$@"; }
-shows() { screen | grep -qE -- "$1"; }
-expect_screen() {  # PATTERN WHAT [TENTHS]
-    wait_for "${3:-30}" shows "$1" || { screen >&2; fail "$2: no /$1/ on the screen"; }
-}
+screen_tenths=30
+open_view top 200 50 "$top -i 0.5 $stats"
 
 expect_screen '^thread main: busy' "main's figures before the stall" 50
 banner='^STALLED  root main .* task ".*checksum"  for [0-9.]+ s$'
@@ -102,7 +53,7 @@ expect_screen '^ROOT +TASK +START +DURATION +STATE' "the stalls pane"
 expect_screen '^main +.*checksum +[0-9.]+ +[0-9.]+ s  ongoing$' "the ongoing stall" 20
 # The run ends 3 + 6 s after the start, well before the demo does.
 expect_screen '^main +.*checksum +[0-9.]+ +[0-9.]+ s  ended$' "the stall once it ended" 80
-wait_for 20 bash -c "! tmux -L $tmux_server capture-pane -p -t top | grep -q '^STALLED'" ||
+wait_for 20 lacks '^STALLED' ||
     fail "the banner stays after the stall ended"
 
 for pid in "${side_pids[@]}"; do
