@@ -2,10 +2,10 @@
 
 #include "Velik/RunHistograms.h"
 #include "Velik/TaskSchedulerRoot.h"
+#include "endpoint/SlicedJsonWriter.h"
 #include "report/JsonWriter.h"
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -100,33 +100,31 @@ class HistogramsSource : public StatsReplySource {
     bool renderSlice(std::string& out) override {
         const std::size_t total = schedulers_.size() + tasks_.size();
         if (next_ == 0) {
-            writer_.StartObject();
-            jsonKey(writer_, "schedulers");
-            writer_.StartArray();
+            json_.writer().StartObject();
+            jsonKey(json_.writer(), "schedulers");
+            json_.writer().StartArray();
         }
         for (std::size_t done = 0; done < perSlice_ && next_ < total; ++done, ++next_) {
             if (next_ == schedulers_.size()) {
-                writer_.EndArray();
-                jsonKey(writer_, "tasks");
-                writer_.StartArray();
+                json_.writer().EndArray();
+                jsonKey(json_.writer(), "tasks");
+                json_.writer().StartArray();
             }
             const bool task = next_ >= schedulers_.size();
-            renderEntry(writer_, task ? tasks_[next_ - schedulers_.size()] : schedulers_[next_],
-                        task);
+            renderEntry(json_.writer(),
+                        task ? tasks_[next_ - schedulers_.size()] : schedulers_[next_], task);
         }
         const bool more = next_ < total;
         if (!more) {
             if (schedulers_.size() == total) {  // no task keeps its own
-                writer_.EndArray();
-                jsonKey(writer_, "tasks");
-                writer_.StartArray();
+                json_.writer().EndArray();
+                jsonKey(json_.writer(), "tasks");
+                json_.writer().StartArray();
             }
-            writer_.EndArray();
-            writer_.EndObject();
+            json_.writer().EndArray();
+            json_.writer().EndObject();
         }
-        buffer_.Flush();
-        out += std::move(stream_).str();
-        stream_.str(std::string());
+        json_.takeInto(out);
         return more;
     }
 
@@ -135,11 +133,7 @@ class HistogramsSource : public StatsReplySource {
     std::vector<HistogramsEntry> tasks_;
     std::size_t perSlice_;
     std::size_t next_ = 0;
-    // One writer for the whole document, so that it keeps the nesting
-    // across slices; each slice takes what the stream gathered.
-    std::ostringstream stream_;
-    JsonOStreamBuffer buffer_{stream_};
-    JsonWriter writer_{buffer_};
+    SlicedJsonWriter json_;
 };
 
 }  // namespace

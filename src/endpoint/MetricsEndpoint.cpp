@@ -3,10 +3,9 @@
 
 #include "Velik/Errno.h"
 #include "Velik/Exception.h"
-#include "Velik/FileDescriptorTask.h"
 #include "Velik/Fmtrace.h"
 #include "Velik/TaskSchedulerRoot.h"
-#include "Velik/TimerTask.h"
+#include "endpoint/AcceptingListener.h"
 #include "endpoint/MetricsConnection.h"
 #include "endpoint/StatsSocket.h"
 
@@ -25,58 +24,24 @@ namespace Velik {
 
 namespace Impl {
 
-// Accepts connections for as long as its quantum allows; after the process
-// ran out of descriptors or memory it pauses rather than spin on a socket
-// that stays readable.
-class MetricsListener : public FileDescriptorTask {
+// The metrics socket's listener; traces why it pauses.
+class MetricsListener : public AcceptingListener {
   public:
     static constexpr const char* traceClassName = "MetricsListener";
-    static constexpr double pauseAfterFailure = 1.0;
 
     MetricsListener(MetricsEndpoint& endpoint, int fd)
-        : FileDescriptorTask(&endpoint.root(), endpoint.options().priority,
-                             "MetricsEndpoint:listen"),
-          endpoint_(endpoint),
-          resume_(std::make_shared<Resume>(*this, &endpoint.root(), endpoint.options().priority)) {
-        taskWatchFdIs(fd);
-    }
+        : AcceptingListener(&endpoint.root(), endpoint.options().priority, "MetricsEndpoint", fd),
+          endpoint_(endpoint) {}
 
-    void taskExecuteReadable() override {
-        std::uint64_t accepted = 0;
-        do {
-            const int fd = accept4(taskWatchFd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (fd < 0) {
-                if (errno == EINTR || errno == ECONNABORTED) {
-                    continue;
-                }
-                if (errno != EAGAIN) {
-                    VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "accept failed: {}; pausing {} s",
-                                Velik::strerror(errno), pauseAfterFailure);
-                    taskWatchReadableIs(false);
-                    resume_->scheduleTaskDelay(pauseAfterFailure);
-                }
-                break;
-            }
-            ++accepted;
-            endpoint_.accepted(fd);
-        } while (!taskShouldYield());
-        taskWorkCountInc(accepted);
+  protected:
+    void accepted(int fd) override { endpoint_.accepted(fd); }
+    void acceptFailed(int error) override {
+        VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "accept failed: {}; pausing {} s",
+                    Velik::strerror(error), pauseAfterFailure);
     }
-    void taskExecuteWritable() override {}
 
   private:
-    class Resume : public TimerTask {
-      public:
-        Resume(MetricsListener& listener, TaskScheduler* scheduler, TaskPriority priority)
-            : TimerTask(scheduler, priority, "MetricsEndpoint:resume"), listener_(listener) {}
-        void taskExecute() override { listener_.taskWatchReadableIs(true); }
-
-      private:
-        MetricsListener& listener_;
-    };
-
     MetricsEndpoint& endpoint_;
-    std::shared_ptr<Resume> resume_;
 };
 
 namespace {

@@ -6,7 +6,7 @@
 #include "Velik/Fmtrace.h"
 #include "Velik/StallSentinel.h"
 #include "Velik/TaskSchedulerRoot.h"
-#include "Velik/TimerTask.h"
+#include "endpoint/AcceptingListener.h"
 #include "endpoint/StatsConnection.h"
 #include "endpoint/StatsSideServer.h"
 #include "endpoint/StatsSocket.h"
@@ -22,62 +22,24 @@ namespace Velik {
 
 namespace Impl {
 
-// Accepts connections for as long as its quantum allows; a listening socket
-// stays readable, so the rest is accepted on the next run.
-class StatsListener : public FileDescriptorTask {
+// The stats socket's listener; traces why it pauses.
+class StatsListener : public AcceptingListener {
   public:
     static constexpr const char* traceClassName = "StatsListener";
-    // Seconds without accepting after the process ran out of descriptors or
-    // memory, instead of spinning on a socket that stays readable.
-    static constexpr double pauseAfterFailure = 1.0;
 
     StatsListener(StatsEndpoint& endpoint, int fd)
-        : FileDescriptorTask(&endpoint.root(), endpoint.options().priority, "StatsEndpoint:listen"),
-          endpoint_(endpoint),
-          resume_(std::make_shared<Resume>(*this, &endpoint.root(), endpoint.options().priority)) {
-        taskWatchFdIs(fd);
-    }
+        : AcceptingListener(&endpoint.root(), endpoint.options().priority, "StatsEndpoint", fd),
+          endpoint_(endpoint) {}
 
-    void taskExecuteReadable() override {
-        std::uint64_t accepted = 0;
-        do {
-            const int fd = accept4(taskWatchFd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (fd < 0) {
-                if (errno == EINTR || errno == ECONNABORTED) {
-                    continue;
-                }
-                if (errno != EAGAIN) {
-                    pause(errno);
-                }
-                break;
-            }
-            ++accepted;
-            endpoint_.accepted(fd);
-        } while (!taskShouldYield());
-        taskWorkCountInc(accepted);
-    }
-    void taskExecuteWritable() override {}
-
-  private:
-    class Resume : public TimerTask {
-      public:
-        Resume(StatsListener& listener, TaskScheduler* scheduler, TaskPriority priority)
-            : TimerTask(scheduler, priority, "StatsEndpoint:resume"), listener_(listener) {}
-        void taskExecute() override { listener_.taskWatchReadableIs(true); }
-
-      private:
-        StatsListener& listener_;
-    };
-
-    void pause(int error) {
+  protected:
+    void accepted(int fd) override { endpoint_.accepted(fd); }
+    void acceptFailed(int error) override {
         VELIK_TRACE(VELIK_DEFAULT_HANDLE, 1, "accept on {} failed: {}; pausing {} s",
                     endpoint_.socketPath(), Velik::strerror(error), pauseAfterFailure);
-        taskWatchReadableIs(false);
-        resume_->scheduleTaskDelay(pauseAfterFailure);
     }
 
+  private:
     StatsEndpoint& endpoint_;
-    std::shared_ptr<Resume> resume_;
 };
 
 // Takes the connections the side server hands back once the root is free.

@@ -2,11 +2,11 @@
 
 #include "Velik/CoroutineTask.h"
 #include "Velik/TaskSchedulerRoot.h"
+#include "endpoint/SlicedJsonWriter.h"
 #include "report/JsonWriter.h"
 
 #include <algorithm>
 #include <cstddef>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -74,22 +74,20 @@ class WaitsSource : public StatsReplySource {
 
     bool renderSlice(std::string& out) override {
         if (next_ == 0) {
-            writer_.StartObject();
-            jsonKey(writer_, "tasks");
-            writer_.StartArray();
+            json_.writer().StartObject();
+            jsonKey(json_.writer(), "tasks");
+            json_.writer().StartArray();
         }
         const std::size_t end = std::min(entries_.size(), next_ + perSlice_);
         for (; next_ < end; ++next_) {
-            renderEntry(writer_, entries_[next_]);
+            renderEntry(json_.writer(), entries_[next_]);
         }
         const bool more = next_ < entries_.size();
         if (!more) {
-            writer_.EndArray();
-            writer_.EndObject();
+            json_.writer().EndArray();
+            json_.writer().EndObject();
         }
-        buffer_.Flush();
-        out += std::move(stream_).str();
-        stream_.str(std::string());
+        json_.takeInto(out);
         if (!more) {
             out += '\n';
         }
@@ -100,11 +98,7 @@ class WaitsSource : public StatsReplySource {
     std::vector<WaitsEntry> entries_;
     std::size_t perSlice_;
     std::size_t next_ = 0;
-    // One writer for the whole document, so that it keeps the nesting
-    // across slices.
-    std::ostringstream stream_;
-    JsonOStreamBuffer buffer_{stream_};
-    JsonWriter writer_{buffer_};
+    SlicedJsonWriter json_;
 };
 
 }  // namespace
